@@ -1,0 +1,1 @@
+namespace kit_detail { int anchor = 0; }

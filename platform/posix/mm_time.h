@@ -1,0 +1,3 @@
+// Filled in by the platform layer.
+#pragma once
+#include "win_types.h"

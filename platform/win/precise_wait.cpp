@@ -1,0 +1,2 @@
+// High-resolution absolute waits on Windows.
+#include "platform/mmsystem.h"

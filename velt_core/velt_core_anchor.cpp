@@ -1,0 +1,1 @@
+namespace velt_core_detail { int anchor = 0; }
