@@ -170,6 +170,6 @@ public:
 extern Directories directories;
 
 /// Writes an exception that reached the top of an engine thread to the log, as one line:
-/// "EXCEPTION: <text> (<source> line <line>)" — ending the line with the thread's name when the
-/// thread has one.
+/// "EXCEPTION: <text> (<source> line <line>)", followed by " in thread <name>" when the thread
+/// has a name.
 void VeltLogException(const std::string& text, const std::string& source, int line);

@@ -210,9 +210,11 @@ std::string as_string(const TL::Meter& meter);
 
 namespace Keys {
 /// The name of a key under transposition: `minor` and `sharpsFlats` as in TL::Key, transposed by
-/// `transposition` semitones. Names use the conventional spelling of the resulting key ("F",
-/// "Bb", "F#", "C# minor", "Eb minor"), preferring the spelling with fewer accidentals and, at
-/// six, the sharp spelling for minor keys and the flat spelling for major keys (Gb, Eb minor).
+/// `transposition` semitones ("F major", "Bb major", "C# minor"). Untransposed (or by whole
+/// octaves) the key keeps its written spelling. Otherwise the spelling with fewer accidentals is
+/// chosen; where both have six (F#/Gb major, D#/Eb minor), a key written with sharps stays with
+/// sharps and one written with flats with flats, and C major or A minor goes sharp when
+/// transposed up and flat when transposed down.
 std::string getTransposedName(std::int16_t minor, std::int16_t sharpsFlats,
                               std::int16_t transposition);
 }  // namespace Keys

@@ -1,1 +1,0 @@
-namespace kit_detail { int anchor = 0; }

@@ -1,1 +1,0 @@
-namespace velt_core_detail { int anchor = 0; }
