@@ -1,6 +1,7 @@
 #include "midi/persistent_midi.h"
 
-#include <iomanip>
+#include <algorithm>
+#include <string>
 
 #include "interfaces/kit.h"
 
@@ -17,14 +18,13 @@ bool IsNoRange(PersistentMIDI::Range range) {
     return range.first >= kNoRange && range.second == kNoRange;
 }
 
+// One line per entry: the key's name padded to 8 characters, then the event's text form. The
+// padding is done here because the event's text form leaves its own fill character behind.
 void PrintEntries(kit::CoutBuffer& out, const PersistentMIDI::EventMap& entries, bool asNotes) {
     for (const auto& [key, event] : entries) {
-        out << "    " << std::left << std::setw(8);
-        if (asNotes) {
-            out << kit::midi::GetNoteName(key);
-        } else {
-            out << static_cast<int>(key);
-        }
+        std::string name = asNotes ? kit::midi::GetNoteName(key) : std::to_string(key);
+        name.resize(std::max<std::size_t>(name.size(), 8), ' ');
+        out << "    " << name;
         event.WriteString(out.stream());
         out << kit::endl;
     }
