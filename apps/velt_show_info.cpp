@@ -43,10 +43,12 @@ std::string Range(const velt_midi::VoiceTrack& track) {
            kit::midi::GetNoteName(track.range.second);
 }
 
+// Bars that start before the song's end (a bar starting at the last tick is where it ends).
 std::size_t BarCount(const TL::Timeline& timeline) {
     std::size_t bars = 0;
     for (const TL::BarsBeats& record : timeline.GetBarsBeats()) {
-        bars += record.beat == 1 ? 1 : 0;
+        const bool ends = record.tick_index == timeline.lastTickIndex && record.tick_index > 0;
+        bars += record.beat == 1 && !ends ? 1 : 0;
     }
     return bars;
 }
