@@ -420,14 +420,6 @@ class SongEntryReader {
         if (!entry.is_object()) {
             Fail_("", "a song is an object");
         }
-        static const std::set<std::string> known = {
-            "number",       "name",           "file",    "start", "clicks",
-            "tempo_scales", "transpositions", "markers", "pages", "ranges"};
-        for (const auto& [key, value] : entry.items()) {
-            if (!known.contains(key)) {
-                Fail_(key, "unknown key");
-            }
-        }
         if (entry.contains("name")) {
             label_ = String_(entry["name"], "name");
         }
@@ -445,6 +437,15 @@ class SongEntryReader {
             log.SetSongName(std::filesystem::path(file).stem().string());
         }
         label_ = log.GetSongName();
+        // Checked once the song's name is known, so that the fault names the song.
+        static const std::set<std::string> known = {
+            "number",       "name",           "file",    "start", "clicks",
+            "tempo_scales", "transpositions", "markers", "pages", "ranges"};
+        for (const auto& [key, value] : entry.items()) {
+            if (!known.contains(key)) {
+                Fail_(key, "unknown key");
+            }
+        }
         log.SetSongNumber(entry.contains("number") ? Number_(entry["number"])
                                                    : std::to_string(position_));
         if (entry.contains("start")) {
