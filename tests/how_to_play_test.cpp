@@ -374,9 +374,10 @@ TEST_F(HowToPlayTest, ClockNumberCountsFromBarStartOrFromTheClickStart) {
     auto song =
         velt_core::SongBuilder("Clocks", kTicksPerQuarter).Meter(0, 4, 4, 36).Bars(2).Build();
     Load(position, *song);
-    position.AdvanceToTickIndex(1000);  // beat 3 (960) + 2 clocks; 50 clocks into the bar
+    // Beats are the meter's clicks: records at 0, 720 and 1440.
+    position.AdvanceToTickIndex(1000);  // beat 2 (720) + 14 clocks; 50 clocks into the bar
     EXPECT_EQ(position.GetClockNumber(), 50 % 36);
-    EXPECT_EQ(position.GetClockNumberAtTickIndex(1000), 2);  // from the beat record
+    EXPECT_EQ(position.GetClockNumberAtTickIndex(1000), 14);  // from the beat record
 
     // A click event of 48 clocks from beat 2: by tick, counted from the click's start.
     auto clicked =
@@ -425,7 +426,7 @@ TEST_F(HowToPlayTest, ACopyIsAnIndependentSecondPosition) {
     HowToPlay moved(std::move(copy));
     EXPECT_EQ(moved.GetTickIndex(), 9000u);
     moved.AdvanceToTickIndex(9500);
-    EXPECT_EQ(moved.GetBarString(), "6:4");
+    EXPECT_EQ(moved.GetBarString(), "6:2");  // 6/8 is conducted in two dotted-quarter beats
 }
 
 TEST_F(HowToPlayTest, WriteDspEventsDumpsBothSequences) {
