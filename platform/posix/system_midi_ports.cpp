@@ -205,9 +205,7 @@ public:
     ~SystemPortList()
     {
 #ifdef VELT_HAVE_JACK
-        if (jack_ != nullptr) {
-            jack_client_close(jack_);
-        }
+        CloseJackClient_();
 #endif
     }
 
@@ -262,12 +260,22 @@ private:
         static_cast<SystemPortList*>(self)->jackShutDown_.store(true);
     }
 
+    // Closing a client whose server has gone only reports that the server is not running.
+    void CloseJackClient_()
+    {
+        if (jack_ != nullptr) {
+            quietJackMessages = true;
+            jack_client_close(jack_);
+            quietJackMessages = false;
+            jack_ = nullptr;
+        }
+    }
+
     jack_client_t* JackClient_()
     {
         const auto now = std::chrono::steady_clock::now();
-        if (jack_ != nullptr && jackShutDown_.load()) {
-            jack_client_close(jack_);
-            jack_ = nullptr;
+        if (jackShutDown_.load()) {
+            CloseJackClient_();
         }
         if (jack_ == nullptr && now >= nextJackAttempt_) {
             static std::once_flag handlers;
