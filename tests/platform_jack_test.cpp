@@ -13,8 +13,8 @@
 #include <array>
 #include <condition_variable>
 #include <cstdlib>
-#include <mutex>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 
@@ -38,8 +38,7 @@ using namespace platform_midi_test;
 
 namespace {
 
-bool OnPath(const std::string& program)
-{
+bool OnPath(const std::string& program) {
     const char* path = std::getenv("PATH");
     std::string directories = path != nullptr ? path : "/usr/bin:/bin";
     std::size_t start = 0;
@@ -54,8 +53,7 @@ bool OnPath(const std::string& program)
     return false;
 }
 
-pid_t Spawn(std::vector<std::string> arguments, bool quiet)
-{
+pid_t Spawn(std::vector<std::string> arguments, bool quiet) {
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     if (quiet) {
@@ -75,8 +73,7 @@ pid_t Spawn(std::vector<std::string> arguments, bool quiet)
     return pid;
 }
 
-int WaitExit(pid_t pid)
-{
+int WaitExit(pid_t pid) {
     int status = 0;
     if (waitpid(pid, &status, 0) != pid || !WIFEXITED(status)) {
         return -1;
@@ -86,12 +83,12 @@ int WaitExit(pid_t pid)
 
 // A JACK server of this test's own (unique name, dummy driver), running for the whole suite.
 class JackServer {
-public:
-    JackServer() : name_("velt_test_" + std::to_string(getpid()))
-    {
+  public:
+    JackServer() : name_("velt_test_" + std::to_string(getpid())) {
         setenv("JACK_DEFAULT_SERVER", name_.c_str(), 1);
         setenv("JACK_NO_AUDIO_RESERVATION", "1", 1);
-        pid_ = Spawn({"jackd", "--no-realtime", "-t", "5000", "-n", name_, "-d", "dummy", "-r", "48000", "-p", "1024"},
+        pid_ = Spawn({"jackd", "--no-realtime", "-t", "5000", "-n", name_, "-d", "dummy", "-r",
+                      "48000", "-p", "1024"},
                      true);
         if (pid_ > 0) {
             // jack_wait returns 0 once the server answers, or fails after its own time-out.
@@ -99,8 +96,7 @@ public:
         }
     }
 
-    ~JackServer()
-    {
+    ~JackServer() {
         if (pid_ > 0) {
             kill(pid_, SIGTERM);
             WaitExit(pid_);
@@ -109,7 +105,7 @@ public:
 
     bool Ready() const { return ready_; }
 
-private:
+  private:
     std::string name_;
     pid_t pid_ = -1;
     bool ready_ = false;
@@ -118,9 +114,8 @@ private:
 #ifdef VELT_HAVE_RTMIDI
 // Messages received by a test's own JACK port, in arrival order.
 class Receiver {
-public:
-    void Add(const std::vector<unsigned char>& message)
-    {
+  public:
+    void Add(const std::vector<unsigned char>& message) {
         {
             std::scoped_lock lock(mutex_);
             messages_.push_back(message);
@@ -128,26 +123,23 @@ public:
         changed_.notify_all();
     }
 
-    bool WaitFor(std::size_t count)
-    {
+    bool WaitFor(std::size_t count) {
         std::unique_lock lock(mutex_);
         return changed_.wait_for(lock, kHangLimit, [&] { return messages_.size() >= count; });
     }
 
-    std::vector<std::vector<unsigned char>> Messages()
-    {
+    std::vector<std::vector<unsigned char>> Messages() {
         std::scoped_lock lock(mutex_);
         return messages_;
     }
 
-private:
+  private:
     std::mutex mutex_;
     std::condition_variable changed_;
     std::vector<std::vector<unsigned char>> messages_;
 };
 
-std::optional<UINT> FindOutput(const std::string& name)
-{
+std::optional<UINT> FindOutput(const std::string& name) {
     for (UINT id = 0; id < midiOutGetNumDevs(); ++id) {
         if (OutputName(id) == name) {
             return id;
@@ -156,11 +148,11 @@ std::optional<UINT> FindOutput(const std::string& name)
     return std::nullopt;
 }
 
-std::optional<UINT> FindInput(const std::string& name)
-{
+std::optional<UINT> FindInput(const std::string& name) {
     for (UINT id = 0; id < midiInGetNumDevs(); ++id) {
         MIDIINCAPSW caps{};
-        if (midiInGetDevCapsW(id, &caps, sizeof caps) == MMSYSERR_NOERROR && Narrow(caps.szPname) == name) {
+        if (midiInGetDevCapsW(id, &caps, sizeof caps) == MMSYSERR_NOERROR &&
+            Narrow(caps.szPname) == name) {
             return id;
         }
     }
@@ -169,9 +161,8 @@ std::optional<UINT> FindInput(const std::string& name)
 #endif
 
 class PlatformJack : public ::testing::Test {
-protected:
-    static void SetUpTestSuite()
-    {
+  protected:
+    static void SetUpTestSuite() {
         if (OnPath("jackd") && OnPath("jack_wait")) {
             server_ = std::make_unique<JackServer>();
         }
@@ -179,8 +170,7 @@ protected:
 
     static void TearDownTestSuite() { server_.reset(); }
 
-    void SetUp() override
-    {
+    void SetUp() override {
 #ifndef VELT_HAVE_RTMIDI
         GTEST_SKIP() << "built without RtMidi: no system MIDI ports";
 #endif
@@ -205,16 +195,13 @@ protected:
 
 #ifdef VELT_HAVE_RTMIDI
 
-TEST_F(PlatformJack, StreamPacketsReachAJackPortCompleteAndInOrder)
-{
+TEST_F(PlatformJack, StreamPacketsReachAJackPortCompleteAndInOrder) {
     Receiver receiver;
     RtMidiIn in(RtMidi::UNIX_JACK, "vtest");
     in.ignoreTypes(false, false, false);
-    in.setCallback(
-        [](double, std::vector<unsigned char>* message, void* self) {
-            static_cast<Receiver*>(self)->Add(*message);
-        },
-        &receiver);
+    in.setCallback([](double, std::vector<unsigned char>* message,
+                      void* self) { static_cast<Receiver*>(self)->Add(*message); },
+                   &receiver);
     in.openVirtualPort("in");
 
     const auto device = FindOutput("vtest:in");
@@ -222,8 +209,9 @@ TEST_F(PlatformJack, StreamPacketsReachAJackPortCompleteAndInOrder)
     CallbackLog log;
     HMIDISTRM stream = nullptr;
     UINT id = *device;
-    ASSERT_EQ(midiStreamOpen(&stream, &id, 1, CallbackLog::Function(), log.Instance(), CALLBACK_FUNCTION),
-              MMSYSERR_NOERROR);
+    ASSERT_EQ(
+        midiStreamOpen(&stream, &id, 1, CallbackLog::Function(), log.Instance(), CALLBACK_FUNCTION),
+        MMSYSERR_NOERROR);
 
     constexpr int kPackets = 40;
     constexpr int kEventsPerPacket = 12;
@@ -253,16 +241,16 @@ TEST_F(PlatformJack, StreamPacketsReachAJackPortCompleteAndInOrder)
     EXPECT_EQ(midiStreamClose(stream), MMSYSERR_NOERROR);
 }
 
-TEST_F(PlatformJack, MessagesFromAJackPortArriveAsInputInOrder)
-{
+TEST_F(PlatformJack, MessagesFromAJackPortArriveAsInputInOrder) {
     RtMidiOut out(RtMidi::UNIX_JACK, "vtestsrc");
     out.openVirtualPort("out");
     const auto device = FindInput("vtestsrc:out");
     ASSERT_TRUE(device.has_value()) << "the JACK port is not listed as an input device";
     CallbackLog log;
     HMIDIIN input = nullptr;
-    ASSERT_EQ(midiInOpen(&input, *device, CallbackLog::Function(), log.Instance(), CALLBACK_FUNCTION),
-              MMSYSERR_NOERROR);
+    ASSERT_EQ(
+        midiInOpen(&input, *device, CallbackLog::Function(), log.Instance(), CALLBACK_FUNCTION),
+        MMSYSERR_NOERROR);
     std::array<BYTE, 16> sysexStorage{};
     MIDIHDR sysexHeader{};
     sysexHeader.lpData = reinterpret_cast<LPSTR>(sysexStorage.data());

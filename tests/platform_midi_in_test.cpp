@@ -13,8 +13,7 @@ using velt_platform::VirtualMidiInput;
 
 namespace {
 
-HMIDIIN OpenInput(const VirtualMidiInput& device, CallbackLog& log)
-{
+HMIDIIN OpenInput(const VirtualMidiInput& device, CallbackLog& log) {
     HMIDIIN input = nullptr;
     EXPECT_EQ(midiInOpen(&input, *device.DeviceId(), CallbackLog::Function(), log.Instance(),
                          CALLBACK_FUNCTION),
@@ -24,8 +23,7 @@ HMIDIIN OpenInput(const VirtualMidiInput& device, CallbackLog& log)
 
 }  // namespace
 
-TEST(PlatformMidiInDevices, VirtualInputsAreListedInCreationOrderWith76ByteCaps)
-{
+TEST(PlatformMidiInDevices, VirtualInputsAreListedInCreationOrderWith76ByteCaps) {
     VirtualMidiInput first("VELT Out");
     VirtualMidiInput second("Piano");
     ASSERT_EQ(first.DeviceId(), 0u);
@@ -42,8 +40,7 @@ TEST(PlatformMidiInDevices, VirtualInputsAreListedInCreationOrderWith76ByteCaps)
     EXPECT_EQ(midiInOpen(&input, 0, 0, 0, 0x1), MMSYSERR_INVALFLAG);
 }
 
-TEST(PlatformMidiIn, MessagesArePackedAndDeliveredInOrderOnTheServiceThread)
-{
+TEST(PlatformMidiIn, MessagesArePackedAndDeliveredInOrderOnTheServiceThread) {
     VirtualMidiInput device("Piano");
     CallbackLog log;
     HMIDIIN input = OpenInput(device, log);
@@ -88,8 +85,7 @@ TEST(PlatformMidiIn, MessagesArePackedAndDeliveredInOrderOnTheServiceThread)
     EXPECT_EQ(midiInClose(input), MMSYSERR_INVALHANDLE);
 }
 
-TEST(PlatformMidiIn, SysExFillsQueuedBuffersAndResetReturnsTheRest)
-{
+TEST(PlatformMidiIn, SysExFillsQueuedBuffersAndResetReturnsTheRest) {
     VirtualMidiInput device("Lighting Desk");
     CallbackLog log;
     HMIDIIN input = OpenInput(device, log);
@@ -108,7 +104,8 @@ TEST(PlatformMidiIn, SysExFillsQueuedBuffersAndResetReturnsTheRest)
 
     // A 12-byte MIDI Show Control message: the first buffer comes back full, the second with
     // the last four bytes.
-    const std::vector<std::uint8_t> sysex{0xF0, 0x7F, 0x01, 0x02, 0x01, 0x01, 0x31, 0x2E, 0x35, 0x00, 0x31, 0xF7};
+    const std::vector<std::uint8_t> sysex{0xF0, 0x7F, 0x01, 0x02, 0x01, 0x01,
+                                          0x31, 0x2E, 0x35, 0x00, 0x31, 0xF7};
     ASSERT_TRUE(device.SendSysEx(sysex));
     ASSERT_TRUE(device.SendShort(0x90, 60, 1));  // after the SysEx, in order
     ASSERT_TRUE(log.WaitFor(MIM_DATA, 1));
@@ -140,8 +137,7 @@ TEST(PlatformMidiIn, SysExFillsQueuedBuffersAndResetReturnsTheRest)
     EXPECT_EQ(log.Of(MIM_LONGDATA).size(), 3u);
 }
 
-TEST(PlatformMidiIn, CloseWhileMessagesArriveEndsCallbacksBeforeItReturns)
-{
+TEST(PlatformMidiIn, CloseWhileMessagesArriveEndsCallbacksBeforeItReturns) {
     VirtualMidiInput device("Busy Keyboard");
     struct Watch {
         std::atomic<bool> closed{false};

@@ -20,8 +20,7 @@ namespace {
 
 constexpr DWORD kNopWithCallback = MEVT_F_CALLBACK | (static_cast<DWORD>(MEVT_NOP) << 24);
 
-HMIDISTRM OpenStream(UINT device, CallbackLog& log)
-{
+HMIDISTRM OpenStream(UINT device, CallbackLog& log) {
     HMIDISTRM stream = nullptr;
     EXPECT_EQ(midiStreamOpen(&stream, &device, 1, CallbackLog::Function(), log.Instance(),
                              CALLBACK_FUNCTION),
@@ -29,12 +28,13 @@ HMIDISTRM OpenStream(UINT device, CallbackLog& log)
     return stream;
 }
 
-HMIDIOUT AsOut(HMIDISTRM stream) { return reinterpret_cast<HMIDIOUT>(stream); }
+HMIDIOUT AsOut(HMIDISTRM stream) {
+    return reinterpret_cast<HMIDIOUT>(stream);
+}
 
 }  // namespace
 
-TEST(PlatformMidiLayout, StructsHaveTheWindowsSizesAndOffsets)
-{
+TEST(PlatformMidiLayout, StructsHaveTheWindowsSizesAndOffsets) {
     EXPECT_EQ(sizeof(MIDIHDR), 112u);
     EXPECT_EQ(offsetof(MIDIHDR, dwBufferLength), 8u);
     EXPECT_EQ(offsetof(MIDIHDR, dwUser), 16u);
@@ -51,8 +51,7 @@ TEST(PlatformMidiLayout, StructsHaveTheWindowsSizesAndOffsets)
     EXPECT_EQ(kNopWithCallback, 0x42000000u);
 }
 
-TEST(PlatformMidiDevices, VirtualOutputsComeFirstInCreationOrderAndHideTheDefault)
-{
+TEST(PlatformMidiDevices, VirtualOutputsComeFirstInCreationOrderAndHideTheDefault) {
     VirtualMidiOutput first("VELT Out");
     VirtualMidiOutput second("IAC Driver VELT Bus 1");
     ASSERT_EQ(first.DeviceId(), 0u);
@@ -67,8 +66,7 @@ TEST(PlatformMidiDevices, VirtualOutputsComeFirstInCreationOrderAndHideTheDefaul
     EXPECT_EQ(midiOutGetDevCapsW(0, nullptr, sizeof caps), MMSYSERR_INVALPARAM);
 }
 
-TEST(PlatformMidiDevices, DefaultOutputIsListedOnlyAlone)
-{
+TEST(PlatformMidiDevices, DefaultOutputIsListedOnlyAlone) {
     const UINT count = midiOutGetNumDevs();
     ASSERT_GE(count, 1u);
     bool listed = false;
@@ -83,12 +81,12 @@ TEST(PlatformMidiDevices, DefaultOutputIsListedOnlyAlone)
     }
 }
 
-TEST(PlatformMidiDevices, CapabilitiesCarryA16BitNameCutTo31UnitsAndHonourTheSize)
-{
+TEST(PlatformMidiDevices, CapabilitiesCarryA16BitNameCutTo31UnitsAndHonourTheSize) {
     VirtualMidiOutput port("Stage Left \xC3\xA9 Port With A Rather Long Name");  // é in UTF-8
     MIDIOUTCAPSW caps{};
     ASSERT_EQ(midiOutGetDevCapsW(*port.DeviceId(), &caps, sizeof caps), MMSYSERR_NOERROR);
-    const std::u16string expected = std::u16string(u"Stage Left \u00E9 Port With A Rather Long Name").substr(0, 31);
+    const std::u16string expected =
+        std::u16string(u"Stage Left \u00E9 Port With A Rather Long Name").substr(0, 31);
     EXPECT_EQ(std::u16string(caps.szPname), expected);
     EXPECT_EQ(caps.szPname[11], u'\u00E9');
     EXPECT_EQ(caps.szPname[31], u'\0');
@@ -99,16 +97,17 @@ TEST(PlatformMidiDevices, CapabilitiesCarryA16BitNameCutTo31UnitsAndHonourTheSiz
     // Only cbmoc bytes are written.
     std::array<BYTE, sizeof(MIDIOUTCAPSW)> raw;
     raw.fill(0xAB);
-    ASSERT_EQ(midiOutGetDevCapsW(*port.DeviceId(), reinterpret_cast<LPMIDIOUTCAPSW>(raw.data()), 10),
-              MMSYSERR_NOERROR);
+    ASSERT_EQ(
+        midiOutGetDevCapsW(*port.DeviceId(), reinterpret_cast<LPMIDIOUTCAPSW>(raw.data()), 10),
+        MMSYSERR_NOERROR);
     EXPECT_EQ(raw[9], 0x00);  // high byte of 'S'
     EXPECT_EQ(raw[10], 0xAB);
 }
 
-TEST(PlatformMidiDevices, ErrorTextsFollowTheResultNumbers)
-{
+TEST(PlatformMidiDevices, ErrorTextsFollowTheResultNumbers) {
     std::array<WCHAR, 512> text{};
-    ASSERT_EQ(midiOutGetErrorTextW(MIDIERR_STILLPLAYING, text.data(), text.size()), MMSYSERR_NOERROR);
+    ASSERT_EQ(midiOutGetErrorTextW(MIDIERR_STILLPLAYING, text.data(), text.size()),
+              MMSYSERR_NOERROR);
     EXPECT_NE(Narrow(text.data()).find("still playing"), std::string::npos);
     ASSERT_EQ(midiOutGetErrorTextW(MMSYSERR_BADDEVICEID, text.data(), 10), MMSYSERR_NOERROR);
     EXPECT_EQ(Narrow(text.data()).size(), 9u);  // cut to the buffer, terminator included
@@ -117,8 +116,7 @@ TEST(PlatformMidiDevices, ErrorTextsFollowTheResultNumbers)
     EXPECT_EQ(midiOutGetErrorTextW(MMSYSERR_ERROR, nullptr, 10), MMSYSERR_INVALPARAM);
 }
 
-TEST(PlatformMidiOpen, FailureExclusivityAndBadIds)
-{
+TEST(PlatformMidiOpen, FailureExclusivityAndBadIds) {
     VirtualMidiOutput port("VELT Out");
     const UINT id = *port.DeviceId();
     CallbackLog log;
@@ -153,8 +151,7 @@ TEST(PlatformMidiOpen, FailureExclusivityAndBadIds)
     EXPECT_EQ(midiOutShortMsg(AsOut(stream), 0x90), MMSYSERR_INVALHANDLE);
 }
 
-TEST(PlatformMidiStream, HeadersMustBePreparedAndCannotBeQueuedTwice)
-{
+TEST(PlatformMidiStream, HeadersMustBePreparedAndCannotBeQueuedTwice) {
     VirtualMidiOutput port("VELT Out");
     CallbackLog log;
     HMIDISTRM stream = OpenStream(*port.DeviceId(), log);
@@ -162,10 +159,12 @@ TEST(PlatformMidiStream, HeadersMustBePreparedAndCannotBeQueuedTwice)
     packet.AddShort(0x90, 60, 100);
 
     EXPECT_EQ(midiStreamOut(stream, packet.Header(), sizeof(MIDIHDR)), MIDIERR_UNPREPARED);
-    ASSERT_EQ(midiOutPrepareHeader(AsOut(stream), packet.Header(), sizeof(MIDIHDR)), MMSYSERR_NOERROR);
+    ASSERT_EQ(midiOutPrepareHeader(AsOut(stream), packet.Header(), sizeof(MIDIHDR)),
+              MMSYSERR_NOERROR);
     EXPECT_EQ(packet.Header()->dwFlags, MHDR_PREPARED);
     // Preparing twice has no effect; the size must cover the header.
-    EXPECT_EQ(midiOutPrepareHeader(AsOut(stream), packet.Header(), sizeof(MIDIHDR)), MMSYSERR_NOERROR);
+    EXPECT_EQ(midiOutPrepareHeader(AsOut(stream), packet.Header(), sizeof(MIDIHDR)),
+              MMSYSERR_NOERROR);
     EXPECT_EQ(midiStreamOut(stream, packet.Header(), sizeof(MIDIHDR) - 8), MMSYSERR_INVALPARAM);
 
     // Paused since open, so the buffer stays queued.
@@ -180,8 +179,7 @@ TEST(PlatformMidiStream, HeadersMustBePreparedAndCannotBeQueuedTwice)
     EXPECT_EQ(packet.Header()->dwFlags, MHDR_PREPARED | MHDR_DONE | MHDR_ISSTRM);
 }
 
-TEST(PlatformMidiStream, ManyPacketsPlayInOrderAndComeBackOnOneServiceThread)
-{
+TEST(PlatformMidiStream, ManyPacketsPlayInOrderAndComeBackOnOneServiceThread) {
     constexpr int kPackets = 300;
     constexpr int kEventsPerPacket = 5;
     VirtualMidiOutput port("VELT Out");
@@ -191,7 +189,8 @@ TEST(PlatformMidiStream, ManyPacketsPlayInOrderAndComeBackOnOneServiceThread)
     for (int p = 0; p < kPackets; ++p) {
         packets.push_back(std::make_unique<StreamPacket>());
         for (int e = 0; e < kEventsPerPacket; ++e) {
-            packets.back()->AddShort(0xB0 | (p % 16), static_cast<BYTE>(e), static_cast<BYTE>(p % 128));
+            packets.back()->AddShort(0xB0 | (p % 16), static_cast<BYTE>(e),
+                                     static_cast<BYTE>(p % 128));
         }
         packets.back()->Header()->dwUser = static_cast<DWORD_PTR>(p);
         ASSERT_EQ(midiOutPrepareHeader(AsOut(stream), packets.back()->Header(), sizeof(MIDIHDR)),
@@ -221,9 +220,10 @@ TEST(PlatformMidiStream, ManyPacketsPlayInOrderAndComeBackOnOneServiceThread)
         const int p = static_cast<int>(i) / kEventsPerPacket;
         const int e = static_cast<int>(i) % kEventsPerPacket;
         ASSERT_EQ(messages[i].packet, static_cast<std::uint64_t>(p));
-        ASSERT_EQ(messages[i].bytes, (std::vector<std::uint8_t>{static_cast<std::uint8_t>(0xB0 | (p % 16)),
-                                                                static_cast<std::uint8_t>(e),
-                                                                static_cast<std::uint8_t>(p % 128)}));
+        ASSERT_EQ(messages[i].bytes,
+                  (std::vector<std::uint8_t>{static_cast<std::uint8_t>(0xB0 | (p % 16)),
+                                             static_cast<std::uint8_t>(e),
+                                             static_cast<std::uint8_t>(p % 128)}));
         EXPECT_GE(messages[i].timestampNs, beforeRestart);
         if (i > 0) {
             EXPECT_GE(messages[i].timestampNs, messages[i - 1].timestampNs);
@@ -231,13 +231,13 @@ TEST(PlatformMidiStream, ManyPacketsPlayInOrderAndComeBackOnOneServiceThread)
     }
     EXPECT_EQ(port.PacketCount(), static_cast<std::uint64_t>(kPackets));
     for (auto& packet : packets) {
-        EXPECT_EQ(midiOutUnprepareHeader(AsOut(stream), packet->Header(), sizeof(MIDIHDR)), MMSYSERR_NOERROR);
+        EXPECT_EQ(midiOutUnprepareHeader(AsOut(stream), packet->Header(), sizeof(MIDIHDR)),
+                  MMSYSERR_NOERROR);
     }
     EXPECT_EQ(midiStreamClose(stream), MMSYSERR_NOERROR);
 }
 
-TEST(PlatformMidiStream, StopReturnsQueuedBuffersInOrderAndReleasesSoundingNotes)
-{
+TEST(PlatformMidiStream, StopReturnsQueuedBuffersInOrderAndReleasesSoundingNotes) {
     VirtualMidiOutput port("VELT Out");
     CallbackLog log;
     HMIDISTRM stream = OpenStream(*port.DeviceId(), log);
@@ -245,7 +245,8 @@ TEST(PlatformMidiStream, StopReturnsQueuedBuffersInOrderAndReleasesSoundingNotes
     noteOn.AddShort(0x91, 64, 90);
     noteOn.AddShort(0x91, 67, 90);
     noteOn.AddShort(0x81, 67, 0);
-    ASSERT_EQ(midiOutPrepareHeader(AsOut(stream), noteOn.Header(), sizeof(MIDIHDR)), MMSYSERR_NOERROR);
+    ASSERT_EQ(midiOutPrepareHeader(AsOut(stream), noteOn.Header(), sizeof(MIDIHDR)),
+              MMSYSERR_NOERROR);
     ASSERT_EQ(midiStreamRestart(stream), MMSYSERR_NOERROR);
     ASSERT_EQ(midiStreamOut(stream, noteOn.Header(), sizeof(MIDIHDR)), MMSYSERR_NOERROR);
     ASSERT_TRUE(log.WaitFor(MOM_DONE, 1));
@@ -255,7 +256,8 @@ TEST(PlatformMidiStream, StopReturnsQueuedBuffersInOrderAndReleasesSoundingNotes
     for (std::size_t i = 0; i < queued.size(); ++i) {
         queued[i].AddShort(0x90, 1, 1);
         queued[i].Header()->dwUser = i;
-        ASSERT_EQ(midiOutPrepareHeader(AsOut(stream), queued[i].Header(), sizeof(MIDIHDR)), MMSYSERR_NOERROR);
+        ASSERT_EQ(midiOutPrepareHeader(AsOut(stream), queued[i].Header(), sizeof(MIDIHDR)),
+                  MMSYSERR_NOERROR);
         ASSERT_EQ(midiStreamOut(stream, queued[i].Header(), sizeof(MIDIHDR)), MMSYSERR_NOERROR);
     }
 
@@ -266,7 +268,8 @@ TEST(PlatformMidiStream, StopReturnsQueuedBuffersInOrderAndReleasesSoundingNotes
     for (std::size_t i = 0; i < queued.size(); ++i) {
         EXPECT_EQ(reinterpret_cast<LPMIDIHDR>(done[i + 1].param1), queued[i].Header());
         EXPECT_NE(done[i + 1].thread, std::this_thread::get_id());
-        EXPECT_EQ(midiOutUnprepareHeader(AsOut(stream), queued[i].Header(), sizeof(MIDIHDR)), MMSYSERR_NOERROR);
+        EXPECT_EQ(midiOutUnprepareHeader(AsOut(stream), queued[i].Header(), sizeof(MIDIHDR)),
+                  MMSYSERR_NOERROR);
     }
     // Played: two note-ons and one note-off; the stop turns off the one still sounding.
     const auto messages = port.Messages();
@@ -275,7 +278,8 @@ TEST(PlatformMidiStream, StopReturnsQueuedBuffersInOrderAndReleasesSoundingNotes
     EXPECT_FALSE(messages[3].packet.has_value());
 
     // Stopped until restarted: a new buffer plays only after midiStreamRestart.
-    ASSERT_EQ(midiOutPrepareHeader(AsOut(stream), queued[0].Header(), sizeof(MIDIHDR)), MMSYSERR_NOERROR);
+    ASSERT_EQ(midiOutPrepareHeader(AsOut(stream), queued[0].Header(), sizeof(MIDIHDR)),
+              MMSYSERR_NOERROR);
     ASSERT_EQ(midiStreamOut(stream, queued[0].Header(), sizeof(MIDIHDR)), MMSYSERR_NOERROR);
     const std::int64_t beforeRestart = SteadyNowNs();
     ASSERT_EQ(midiStreamRestart(stream), MMSYSERR_NOERROR);
@@ -284,15 +288,15 @@ TEST(PlatformMidiStream, StopReturnsQueuedBuffersInOrderAndReleasesSoundingNotes
     EXPECT_EQ(midiStreamClose(stream), MMSYSERR_NOERROR);
 }
 
-TEST(PlatformMidiStream, CloseWithQueuedBuffersHandsThemBackBeforeClose)
-{
+TEST(PlatformMidiStream, CloseWithQueuedBuffersHandsThemBackBeforeClose) {
     VirtualMidiOutput port("VELT Out");
     CallbackLog log;
     HMIDISTRM stream = OpenStream(*port.DeviceId(), log);
     std::array<StreamPacket, 4> queued;
     for (auto& packet : queued) {
         packet.AddShort(0x90, 1, 1);
-        ASSERT_EQ(midiOutPrepareHeader(AsOut(stream), packet.Header(), sizeof(MIDIHDR)), MMSYSERR_NOERROR);
+        ASSERT_EQ(midiOutPrepareHeader(AsOut(stream), packet.Header(), sizeof(MIDIHDR)),
+                  MMSYSERR_NOERROR);
         ASSERT_EQ(midiStreamOut(stream, packet.Header(), sizeof(MIDIHDR)), MMSYSERR_NOERROR);
     }
     ASSERT_EQ(midiStreamClose(stream), MMSYSERR_NOERROR);
@@ -308,8 +312,7 @@ TEST(PlatformMidiStream, CloseWithQueuedBuffersHandsThemBackBeforeClose)
     EXPECT_TRUE(port.Messages().empty());
 }
 
-TEST(PlatformMidiStream, LostCompletionsAreNeverHandedBack)
-{
+TEST(PlatformMidiStream, LostCompletionsAreNeverHandedBack) {
     VirtualMidiOutput port("VELT Out");
     port.LoseCompletionOfPacket(1);
     CallbackLog log;
@@ -322,7 +325,8 @@ TEST(PlatformMidiStream, LostCompletionsAreNeverHandedBack)
             port.LoseNextCompletions(1);  // the fourth one too
         }
         packets[i].AddShort(0x90, static_cast<BYTE>(i), 1);
-        ASSERT_EQ(midiOutPrepareHeader(AsOut(stream), packets[i].Header(), sizeof(MIDIHDR)), MMSYSERR_NOERROR);
+        ASSERT_EQ(midiOutPrepareHeader(AsOut(stream), packets[i].Header(), sizeof(MIDIHDR)),
+                  MMSYSERR_NOERROR);
         ASSERT_EQ(midiStreamOut(stream, packets[i].Header(), sizeof(MIDIHDR)), MMSYSERR_NOERROR);
     }
     ASSERT_TRUE(log.WaitFor(MOM_DONE, 3));
@@ -341,15 +345,15 @@ TEST(PlatformMidiStream, LostCompletionsAreNeverHandedBack)
     EXPECT_EQ(midiStreamClose(stream), MMSYSERR_NOERROR);
 }
 
-TEST(PlatformMidiStream, SlowCompletionHoldsTheBufferUntilStopped)
-{
+TEST(PlatformMidiStream, SlowCompletionHoldsTheBufferUntilStopped) {
     VirtualMidiOutput port("VELT Out");
     port.SetCompletionDelay(std::chrono::hours(1));
     CallbackLog log;
     HMIDISTRM stream = OpenStream(*port.DeviceId(), log);
     StreamPacket packet;
     packet.AddShort(0x90, 60, 1);
-    ASSERT_EQ(midiOutPrepareHeader(AsOut(stream), packet.Header(), sizeof(MIDIHDR)), MMSYSERR_NOERROR);
+    ASSERT_EQ(midiOutPrepareHeader(AsOut(stream), packet.Header(), sizeof(MIDIHDR)),
+              MMSYSERR_NOERROR);
     ASSERT_EQ(midiStreamRestart(stream), MMSYSERR_NOERROR);
     ASSERT_EQ(midiStreamOut(stream, packet.Header(), sizeof(MIDIHDR)), MMSYSERR_NOERROR);
     ASSERT_TRUE(port.WaitForMessages(1, kHangLimit));
@@ -360,8 +364,7 @@ TEST(PlatformMidiStream, SlowCompletionHoldsTheBufferUntilStopped)
     EXPECT_EQ(midiStreamClose(stream), MMSYSERR_NOERROR);
 }
 
-TEST(PlatformMidiStream, PositionCallbackComesAfterItsEventAndBeforeDone)
-{
+TEST(PlatformMidiStream, PositionCallbackComesAfterItsEventAndBeforeDone) {
     VirtualMidiOutput port("VELT Out");
     CallbackLog log;
     HMIDISTRM stream = OpenStream(*port.DeviceId(), log);
@@ -369,7 +372,8 @@ TEST(PlatformMidiStream, PositionCallbackComesAfterItsEventAndBeforeDone)
     packet.AddShort(0x90, 60, 100);
     packet.AddShort(0x90, 62, 100);
     packet.Add(0, kNopWithCallback);
-    ASSERT_EQ(midiOutPrepareHeader(AsOut(stream), packet.Header(), sizeof(MIDIHDR)), MMSYSERR_NOERROR);
+    ASSERT_EQ(midiOutPrepareHeader(AsOut(stream), packet.Header(), sizeof(MIDIHDR)),
+              MMSYSERR_NOERROR);
     ASSERT_EQ(midiStreamRestart(stream), MMSYSERR_NOERROR);
     ASSERT_EQ(midiStreamOut(stream, packet.Header(), sizeof(MIDIHDR)), MMSYSERR_NOERROR);
     ASSERT_TRUE(log.WaitFor(MOM_DONE, 1));
@@ -383,39 +387,46 @@ TEST(PlatformMidiStream, PositionCallbackComesAfterItsEventAndBeforeDone)
     EXPECT_EQ(midiStreamClose(stream), MMSYSERR_NOERROR);
 }
 
-TEST(PlatformMidiStream, DeltaTimesAndTempoAreHonouredNeverEarly)
-{
+TEST(PlatformMidiStream, DeltaTimesAndTempoAreHonouredNeverEarly) {
     VirtualMidiOutput port("VELT Out");
     CallbackLog log;
     HMIDISTRM stream = OpenStream(*port.DeviceId(), log);
 
     MIDIPROPTIMEDIV division{sizeof division, 0};
-    ASSERT_EQ(midiStreamProperty(stream, reinterpret_cast<LPBYTE>(&division), MIDIPROP_GET | MIDIPROP_TIMEDIV),
+    ASSERT_EQ(midiStreamProperty(stream, reinterpret_cast<LPBYTE>(&division),
+                                 MIDIPROP_GET | MIDIPROP_TIMEDIV),
               MMSYSERR_NOERROR);
     EXPECT_EQ(division.dwTimeDiv, 96u);
     MIDIPROPTEMPO tempo{sizeof tempo, 0};
-    ASSERT_EQ(midiStreamProperty(stream, reinterpret_cast<LPBYTE>(&tempo), MIDIPROP_GET | MIDIPROP_TEMPO),
-              MMSYSERR_NOERROR);
+    ASSERT_EQ(
+        midiStreamProperty(stream, reinterpret_cast<LPBYTE>(&tempo), MIDIPROP_GET | MIDIPROP_TEMPO),
+        MMSYSERR_NOERROR);
     EXPECT_EQ(tempo.dwTempo, 500000u);
     division.dwTimeDiv = 100;
-    ASSERT_EQ(midiStreamProperty(stream, reinterpret_cast<LPBYTE>(&division), MIDIPROP_SET | MIDIPROP_TIMEDIV),
+    ASSERT_EQ(midiStreamProperty(stream, reinterpret_cast<LPBYTE>(&division),
+                                 MIDIPROP_SET | MIDIPROP_TIMEDIV),
               MMSYSERR_NOERROR);
     tempo.dwTempo = 100000;  // 1 ms per tick
-    ASSERT_EQ(midiStreamProperty(stream, reinterpret_cast<LPBYTE>(&tempo), MIDIPROP_SET | MIDIPROP_TEMPO),
-              MMSYSERR_NOERROR);
-    EXPECT_EQ(midiStreamProperty(stream, reinterpret_cast<LPBYTE>(&tempo), MIDIPROP_TEMPO), MMSYSERR_INVALPARAM);
-    EXPECT_EQ(midiStreamProperty(stream, reinterpret_cast<LPBYTE>(&tempo), MIDIPROP_GET | 4), MMSYSERR_INVALFLAG);
+    ASSERT_EQ(
+        midiStreamProperty(stream, reinterpret_cast<LPBYTE>(&tempo), MIDIPROP_SET | MIDIPROP_TEMPO),
+        MMSYSERR_NOERROR);
+    EXPECT_EQ(midiStreamProperty(stream, reinterpret_cast<LPBYTE>(&tempo), MIDIPROP_TEMPO),
+              MMSYSERR_INVALPARAM);
+    EXPECT_EQ(midiStreamProperty(stream, reinterpret_cast<LPBYTE>(&tempo), MIDIPROP_GET | 4),
+              MMSYSERR_INVALFLAG);
 
     StreamPacket packet;
     packet.AddShort(0x90, 60, 100);
-    packet.AddShort(0x80, 60, 0, 20);                                   // 20 ms later
-    packet.Add(0, (static_cast<DWORD>(MEVT_TEMPO) << 24) | 200000);      // now 2 ms per tick
-    packet.AddShort(0x90, 62, 100, 10);                                  // 20 ms later
-    ASSERT_EQ(midiOutPrepareHeader(AsOut(stream), packet.Header(), sizeof(MIDIHDR)), MMSYSERR_NOERROR);
+    packet.AddShort(0x80, 60, 0, 20);                                // 20 ms later
+    packet.Add(0, (static_cast<DWORD>(MEVT_TEMPO) << 24) | 200000);  // now 2 ms per tick
+    packet.AddShort(0x90, 62, 100, 10);                              // 20 ms later
+    ASSERT_EQ(midiOutPrepareHeader(AsOut(stream), packet.Header(), sizeof(MIDIHDR)),
+              MMSYSERR_NOERROR);
     const std::int64_t beforeRestart = SteadyNowNs();
     ASSERT_EQ(midiStreamRestart(stream), MMSYSERR_NOERROR);
     // The division can only change while stopped.
-    EXPECT_EQ(midiStreamProperty(stream, reinterpret_cast<LPBYTE>(&division), MIDIPROP_SET | MIDIPROP_TIMEDIV),
+    EXPECT_EQ(midiStreamProperty(stream, reinterpret_cast<LPBYTE>(&division),
+                                 MIDIPROP_SET | MIDIPROP_TIMEDIV),
               MMSYSERR_INVALPARAM);
     ASSERT_EQ(midiStreamOut(stream, packet.Header(), sizeof(MIDIHDR)), MMSYSERR_NOERROR);
     ASSERT_TRUE(log.WaitFor(MOM_DONE, 1));
@@ -428,8 +439,7 @@ TEST(PlatformMidiStream, DeltaTimesAndTempoAreHonouredNeverEarly)
     EXPECT_EQ(midiStreamClose(stream), MMSYSERR_NOERROR);
 }
 
-TEST(PlatformMidiStream, CallbackMayQueueTheNextBufferButNotCloseItsHandle)
-{
+TEST(PlatformMidiStream, CallbackMayQueueTheNextBufferButNotCloseItsHandle) {
     struct Chain {
         HMIDISTRM stream = nullptr;
         StreamPacket packets[2];
@@ -456,29 +466,31 @@ TEST(PlatformMidiStream, CallbackMayQueueTheNextBufferButNotCloseItsHandle)
               MMSYSERR_NOERROR);
     for (auto& packet : chain.packets) {
         packet.AddShort(0x90, 60, 1);
-        ASSERT_EQ(midiOutPrepareHeader(AsOut(chain.stream), packet.Header(), sizeof(MIDIHDR)), MMSYSERR_NOERROR);
+        ASSERT_EQ(midiOutPrepareHeader(AsOut(chain.stream), packet.Header(), sizeof(MIDIHDR)),
+                  MMSYSERR_NOERROR);
     }
     ASSERT_EQ(midiStreamRestart(chain.stream), MMSYSERR_NOERROR);
-    ASSERT_EQ(midiStreamOut(chain.stream, chain.packets[0].Header(), sizeof(MIDIHDR)), MMSYSERR_NOERROR);
+    ASSERT_EQ(midiStreamOut(chain.stream, chain.packets[0].Header(), sizeof(MIDIHDR)),
+              MMSYSERR_NOERROR);
     chain.finished.wait();
     EXPECT_EQ(chain.closeFromCallback, static_cast<MMRESULT>(MMSYSERR_HANDLEBUSY));
     EXPECT_EQ(port.Messages().size(), 2u);
     EXPECT_EQ(midiStreamClose(chain.stream), MMSYSERR_NOERROR);
 }
 
-TEST(PlatformMidiPlain, ShortMessagesUseRunningStatusAndLongOnesComeBackDone)
-{
+TEST(PlatformMidiPlain, ShortMessagesUseRunningStatusAndLongOnesComeBackDone) {
     VirtualMidiOutput port("VELT Out");
     CallbackLog log;
     HMIDIOUT out = nullptr;
-    ASSERT_EQ(midiOutOpen(&out, *port.DeviceId(), CallbackLog::Function(), log.Instance(), CALLBACK_FUNCTION),
+    ASSERT_EQ(midiOutOpen(&out, *port.DeviceId(), CallbackLog::Function(), log.Instance(),
+                          CALLBACK_FUNCTION),
               MMSYSERR_NOERROR);
     EXPECT_EQ(midiOutShortMsg(out, 0x00003C), MMSYSERR_INVALPARAM);  // no status to run on
     ASSERT_EQ(midiOutShortMsg(out, 0x643C90), MMSYSERR_NOERROR);
-    ASSERT_EQ(midiOutShortMsg(out, 0x00403E), MMSYSERR_NOERROR);    // running status 0x90
-    ASSERT_EQ(midiOutShortMsg(out, 0x0000F8), MMSYSERR_NOERROR);    // real-time keeps it
+    ASSERT_EQ(midiOutShortMsg(out, 0x00403E), MMSYSERR_NOERROR);  // running status 0x90
+    ASSERT_EQ(midiOutShortMsg(out, 0x0000F8), MMSYSERR_NOERROR);  // real-time keeps it
     ASSERT_EQ(midiOutShortMsg(out, 0x000540), MMSYSERR_NOERROR);
-    ASSERT_EQ(midiOutShortMsg(out, 0x0007C2), MMSYSERR_NOERROR);    // program change: 2 bytes
+    ASSERT_EQ(midiOutShortMsg(out, 0x0007C2), MMSYSERR_NOERROR);  // program change: 2 bytes
     EXPECT_EQ(midiOutShortMsg(out, 0x0000F0), MMSYSERR_INVALPARAM);
 
     std::vector<BYTE> sysex{0xF0, 0x7F, 0x7F, 0x02, 0x01, 0x01, 0xF7};
@@ -511,8 +523,7 @@ TEST(PlatformMidiPlain, ShortMessagesUseRunningStatusAndLongOnesComeBackDone)
     EXPECT_EQ(midiOutClose(out), MMSYSERR_NOERROR);
 }
 
-TEST(PlatformMidiPlain, CloseRefusesWhileLongMessagesAreQueued)
-{
+TEST(PlatformMidiPlain, CloseRefusesWhileLongMessagesAreQueued) {
     struct Blocker {
         std::latch entered{1};
         std::latch release{1};
@@ -548,8 +559,7 @@ TEST(PlatformMidiPlain, CloseRefusesWhileLongMessagesAreQueued)
     EXPECT_EQ(midiOutClose(out), MMSYSERR_NOERROR);
 }
 
-TEST(PlatformMidiPlain, DestroyedVirtualOutputLeavesAnOpenHandleWithoutDevice)
-{
+TEST(PlatformMidiPlain, DestroyedVirtualOutputLeavesAnOpenHandleWithoutDevice) {
     HMIDIOUT out = nullptr;
     {
         VirtualMidiOutput port("Unplugged");
@@ -560,14 +570,13 @@ TEST(PlatformMidiPlain, DestroyedVirtualOutputLeavesAnOpenHandleWithoutDevice)
     EXPECT_EQ(midiOutClose(out), MMSYSERR_NOERROR);
 }
 
-TEST(PlatformMidiFile, WritesFormatZeroWithMillisecondTicks)
-{
+TEST(PlatformMidiFile, WritesFormatZeroWithMillisecondTicks) {
     using velt_platform::RecordedMessage;
     const std::int64_t start = 5'000'000'000;
     const std::vector<RecordedMessage> messages{
         {{0x90, 60, 100}, start + 1'000'000, 0},
-        {{0xF8}, start + 2'000'000, 0},                      // real-time: left out
-        {{0x80, 60, 64}, start + 201'000'000, 1},            // 200 ms later: delta 200
+        {{0xF8}, start + 2'000'000, 0},            // real-time: left out
+        {{0x80, 60, 64}, start + 201'000'000, 1},  // 200 ms later: delta 200
         {{0xF0, 0x7E, 0x7F, 0xF7}, start + 201'000'000, std::nullopt},
     };
     const auto path = std::filesystem::temp_directory_path() / "velt_platform_midi_file_test.mid";
@@ -576,18 +585,16 @@ TEST(PlatformMidiFile, WritesFormatZeroWithMillisecondTicks)
     const std::vector<std::uint8_t> bytes{std::istreambuf_iterator<char>(in), {}};
     std::filesystem::remove(path);
     const std::vector<std::uint8_t> expected{
-        'M', 'T', 'h', 'd', 0, 0, 0, 6, 0, 0, 0, 1, 0x03, 0xE8,  // format 0, 1 track, 1000 per quarter
-        'M', 'T', 'r', 'k', 0, 0, 0, 26,
-        0x00, 0xFF, 0x51, 0x03, 0x0F, 0x42, 0x40,                // 1000000 us per quarter
-        0x01, 0x90, 60, 100,
-        0x81, 0x48, 0x80, 60, 64,                                // delta 200 as a two-byte quantity
-        0x00, 0xF0, 0x03, 0x7E, 0x7F, 0xF7,
-        0x00, 0xFF, 0x2F, 0x00};
+        'M',  'T',  'h',  'd',  0,    0,    0,    6,    0,    0,
+        0,    1,    0x03, 0xE8,  // format 0, 1 track, 1000 per quarter
+        'M',  'T',  'r',  'k',  0,    0,    0,    26,   0x00, 0xFF,
+        0x51, 0x03, 0x0F, 0x42, 0x40,                        // 1000000 us per quarter
+        0x01, 0x90, 60,   100,  0x81, 0x48, 0x80, 60,   64,  // delta 200 as a two-byte quantity
+        0x00, 0xF0, 0x03, 0x7E, 0x7F, 0xF7, 0x00, 0xFF, 0x2F, 0x00};
     EXPECT_EQ(bytes, expected);
 }
 
-TEST(PlatformMidiFile, DefaultOutputWritesWhatItReceivedOnClose)
-{
+TEST(PlatformMidiFile, DefaultOutputWritesWhatItReceivedOnClose) {
     if (midiOutGetNumDevs() != 1 || OutputName(0) != "Built-in Default Output") {
         GTEST_SKIP() << "system MIDI ports are present, so the default output is not listed";
     }

@@ -27,10 +27,9 @@ struct CallbackRecord {
 
 // Records every callback (any thread) and lets the test wait for a number of them.
 class CallbackLog {
-public:
+  public:
     static void CALLBACK Callback(HDRVR handle, UINT message, DWORD_PTR instance, DWORD_PTR param1,
-                                  DWORD_PTR param2)
-    {
+                                  DWORD_PTR param2) {
         auto* log = reinterpret_cast<CallbackLog*>(instance);
         {
             std::scoped_lock lock(log->mutex_);
@@ -43,14 +42,12 @@ public:
     DWORD_PTR Instance() { return reinterpret_cast<DWORD_PTR>(this); }
     static DWORD_PTR Function() { return reinterpret_cast<DWORD_PTR>(&CallbackLog::Callback); }
 
-    std::vector<CallbackRecord> Records() const
-    {
+    std::vector<CallbackRecord> Records() const {
         std::scoped_lock lock(mutex_);
         return records_;
     }
 
-    std::vector<CallbackRecord> Of(UINT message) const
-    {
+    std::vector<CallbackRecord> Of(UINT message) const {
         std::vector<CallbackRecord> found;
         for (const auto& record : Records()) {
             if (record.message == message) {
@@ -61,8 +58,7 @@ public:
     }
 
     // True when count callbacks of this message have been made within the hang limit.
-    bool WaitFor(UINT message, std::size_t count) const
-    {
+    bool WaitFor(UINT message, std::size_t count) const {
         std::unique_lock lock(mutex_);
         return changed_.wait_for(lock, kHangLimit, [&] {
             std::size_t seen = 0;
@@ -73,7 +69,7 @@ public:
         });
     }
 
-private:
+  private:
     mutable std::mutex mutex_;
     mutable std::condition_variable changed_;
     std::vector<CallbackRecord> records_;
@@ -81,9 +77,8 @@ private:
 
 // A stream buffer with its header, filled with 12-byte short events.
 class StreamPacket {
-public:
-    explicit StreamPacket(std::size_t capacityEvents = 64) : storage_(capacityEvents * 12)
-    {
+  public:
+    explicit StreamPacket(std::size_t capacityEvents = 64) : storage_(capacityEvents * 12) {
         header_.lpData = reinterpret_cast<LPSTR>(storage_.data());
         header_.dwBufferLength = static_cast<DWORD>(storage_.size());
     }
@@ -91,38 +86,34 @@ public:
     StreamPacket& operator=(const StreamPacket&) = delete;
 
     // Appends delta, stream id 0 and the event word (type in the top byte).
-    void Add(DWORD delta, DWORD event)
-    {
+    void Add(DWORD delta, DWORD event) {
         const DWORD words[3] = {delta, 0, event};
         std::memcpy(storage_.data() + used_, words, sizeof words);
         used_ += sizeof words;
         header_.dwBytesRecorded = static_cast<DWORD>(used_);
     }
 
-    void AddShort(BYTE status, BYTE data1, BYTE data2, DWORD delta = 0)
-    {
+    void AddShort(BYTE status, BYTE data1, BYTE data2, DWORD delta = 0) {
         Add(delta, (static_cast<DWORD>(MEVT_SHORTMSG) << 24) | (DWORD{data2} << 16) |
                        (DWORD{data1} << 8) | status);
     }
 
     LPMIDIHDR Header() { return &header_; }
 
-private:
+  private:
     std::vector<BYTE> storage_;
     std::size_t used_ = 0;
     MIDIHDR header_{};
 };
 
 // The time base of recorded messages: steady clock nanoseconds since its epoch.
-inline std::int64_t SteadyNowNs()
-{
+inline std::int64_t SteadyNowNs() {
     return std::chrono::duration_cast<std::chrono::nanoseconds>(
                std::chrono::steady_clock::now().time_since_epoch())
         .count();
 }
 
-inline std::string Narrow(const WCHAR* text)
-{
+inline std::string Narrow(const WCHAR* text) {
     std::string narrow;
     for (; *text != u'\0'; ++text) {
         narrow.push_back(static_cast<char>(*text & 0xFF));
@@ -130,11 +121,10 @@ inline std::string Narrow(const WCHAR* text)
     return narrow;
 }
 
-inline std::string OutputName(UINT id)
-{
+inline std::string OutputName(UINT id) {
     MIDIOUTCAPSW caps{};
     return midiOutGetDevCapsW(id, &caps, sizeof caps) == MMSYSERR_NOERROR ? Narrow(caps.szPname)
-                                                                           : std::string();
+                                                                          : std::string();
 }
 
 }  // namespace platform_midi_test

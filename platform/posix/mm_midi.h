@@ -145,7 +145,7 @@ typedef MIDICALLBACK* LPMIDICALLBACK;
 #define MEVT_F_LONG 0x80000000u
 #define MEVT_F_CALLBACK 0x40000000u
 #define MEVT_EVENTTYPE(x) (static_cast<BYTE>(((x) >> 24) & 0xFF))
-#define MEVT_EVENTPARM(x) (static_cast<DWORD>((x) & 0x00FFFFFFu))
+#define MEVT_EVENTPARM(x) (static_cast<DWORD>((x)&0x00FFFFFFu))
 #define MEVT_SHORTMSG (static_cast<BYTE>(0x00))
 #define MEVT_TEMPO (static_cast<BYTE>(0x01))
 #define MEVT_NOP (static_cast<BYTE>(0x02))
@@ -164,14 +164,14 @@ typedef MIDICALLBACK* LPMIDICALLBACK;
 #pragma pack(push, 1)
 
 typedef struct midihdr_tag {
-    LPSTR lpData;             // the buffer
-    DWORD dwBufferLength;     // its size in bytes
-    DWORD dwBytesRecorded;    // bytes of stream events in it (streams) / bytes received (input)
-    DWORD_PTR dwUser;         // the application's own value
-    DWORD dwFlags;            // MHDR_*
+    LPSTR lpData;           // the buffer
+    DWORD dwBufferLength;   // its size in bytes
+    DWORD dwBytesRecorded;  // bytes of stream events in it (streams) / bytes received (input)
+    DWORD_PTR dwUser;       // the application's own value
+    DWORD dwFlags;          // MHDR_*
     struct midihdr_tag* lpNext;
     DWORD_PTR reserved;
-    DWORD dwOffset;           // offset of the event that caused MOM_POSITIONCB
+    DWORD dwOffset;  // offset of the event that caused MOM_POSITIONCB
     DWORD_PTR dwReserved[8];
 } MIDIHDR, *PMIDIHDR, *NPMIDIHDR, *LPMIDIHDR;
 
