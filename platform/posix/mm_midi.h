@@ -28,6 +28,28 @@
 // Devices are opened exclusively, as most Windows MIDI drivers do: a second open of a virtual or
 // default device that is already open gives MMSYSERR_ALLOCATED. System ports can be opened
 // more than once (each open is its own client connection).
+//
+// System ports. Each open output or input makes its own RtMidi client named "VELT" with a port
+// "VELT Out" / "VELT In" connected to the chosen port, so the service's own ports show up in
+// other programs' lists (and in this list, for JACK) under names starting with "VELT". A port
+// that disappears while open is not reported: sends go nowhere. MIDI timing on a system port is
+// the transport's: stream events are handed to RtMidi at their due time, and JACK delivers them
+// in its next process cycle.
+//
+// Other differences from Windows, in one place:
+//   - midiStreamStop, midiStreamClose, midiOutReset and midiInReset return only after the
+//     MOM_DONE / MIM_LONGDATA callbacks of the buffers they hand back have been made; Windows
+//     only promises that the buffers are marked done.
+//   - midiStreamClose hands queued buffers back instead of refusing; midiOutClose refuses with
+//     MIDIERR_STILLPLAYING while long messages are queued, as documented.
+//   - Header sizes are checked loosely (up to dwOffset for prepare and long messages, the full
+//     112 bytes for midiStreamOut); buffers are not locked in memory and the 64 KB stream buffer
+//     limit is not enforced.
+//   - Fault injection on virtual outputs (platform/virtual_midi.h) can make a buffer's
+//     completion never come, or come late, or make an open fail with any result.
+//   - MIM_ERROR, MIM_LONGERROR and MIM_MOREDATA are never sent; a SysEx finding no input buffer
+//     is dropped silently.
+//   - Result texts are English only and worded by this service.
 #pragma once
 
 #include "win_types.h"
