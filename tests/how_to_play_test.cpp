@@ -44,6 +44,18 @@ class WideRangeHowToPlay : public HowToPlay {
     }
 };
 
+/// Replaces a 4/4 song's beat records by one per quarter note, up to the song end.
+void SetQuarterBeats(velt_midi::SongData& song) {
+    TL::Timeline& timeline = song.GetTimeline();
+    TL::TimelineSequence<TL::BarsBeats> beats;
+    for (unsigned int tick = 0; tick <= timeline.lastTickIndex; tick += kTicksPerQuarter) {
+        const auto quarter = static_cast<std::int32_t>(tick / kTicksPerQuarter);
+        beats.push_back(TL::BarsBeats{tick, quarter / 4 + 1, quarter % 4 + 1,
+                                      static_cast<std::uint32_t>(quarter % 4 + 1)});
+    }
+    timeline.GetBarsBeats() = beats;
+}
+
 /// The name of the major key with `sharps` sharps, untransposed.
 std::string KeyName(std::int16_t sharps) {
     return Keys::getTransposedName(0, sharps, 0);
@@ -444,9 +456,11 @@ TEST_F(HowToPlayTest, EmptySequencesThrowTheirOwnTexts) {
 }
 
 TEST_F(HowToPlayTest, ClockNumberCountsFromBarStartOrFromTheClickStart) {
-    // A click of 36 clocks in 4/4 does not divide the bar, so the two rules differ.
+    // Beat records on every quarter note (4 a bar), whatever the click: a click of 36 clocks in
+    // 4/4 does not divide the bar, so the two rules differ.
     auto song =
         velt_core::SongBuilder("Clocks", kTicksPerQuarter).Meter(0, 4, 4, 36).Bars(2).Build();
+    SetQuarterBeats(*song);
     Load(position, *song);
     position.AdvanceToTickIndex(1000);  // beat 3 (960) + 2 clocks; 50 clocks into the bar
     EXPECT_EQ(position.GetClockNumber(), 50 % 36);
@@ -455,6 +469,7 @@ TEST_F(HowToPlayTest, ClockNumberCountsFromBarStartOrFromTheClickStart) {
     // A click event of 48 clocks from beat 2: by tick, counted from the click's start.
     auto clicked =
         velt_core::SongBuilder("Clicked", kTicksPerQuarter).Bars(3).Click(480, 3840, 16).Build();
+    SetQuarterBeats(*clicked);
     Load(position, *clicked);
     position.AdvanceToTickIndex(1000);
     EXPECT_EQ(position.GetClockNumber(), 50 % 48);
@@ -499,7 +514,7 @@ TEST_F(HowToPlayTest, ACopyIsAnIndependentSecondPosition) {
     HowToPlay moved(std::move(copy));
     EXPECT_EQ(moved.GetTickIndex(), 9000u);
     moved.AdvanceToTickIndex(9500);
-    EXPECT_EQ(moved.GetBarString(), "6:4");
+    EXPECT_EQ(moved.GetBarString(), "6:2");  // 6/8 beats in dotted quarters: 8640, 9360
 }
 
 TEST_F(HowToPlayTest, WriteDspEventsDumpsBothSequences) {
