@@ -2,8 +2,8 @@
 // queue thread advances once per buffer) and microseconds per seek.
 //
 // The synthetic song has a beat record per click and a tempo record per quarter (a tempo change
-// on every beat is the worst case for the forward step), a meter change every 16 bars, a key every 8
-// bars, a page every 4 bars, a marker every bar, and tempo scales, transpositions and click
+// on every beat is the worst case for the forward step), a meter change every 16 bars, a key every
+// 8 bars, a page every 4 bars, a marker every bar, and tempo scales, transpositions and click
 // events every few bars. The argument is the number of quarter-note beats; the timeline holds
 // at least twice that many records (more where a meter clicks in eighths): 50,000 beats make
 // about 125,000. Steady figures across the two sizes mean the step does not grow with the song.
