@@ -114,10 +114,12 @@ TEST(SongFromSmf, TimelineHasRecordsAtTickZeroAndBarsFollowTheMeters) {
     EXPECT_EQ(t.GetKeys()[1].sharps_flats, -3);
     EXPECT_EQ(t.GetKeys()[1].minor, 1);
     EXPECT_EQ(t.lastTickIndex, 1080u);
-    // 3/4 bars of 360 ticks: bars 1 and 2; 6/8 from 720 with eighth-note beats of 60 ticks.
+    // 3/4 bars of 360 ticks: bars 1 and 2; 6/8 from 720, conducted in two dotted-quarter beats
+    // of 180 ticks.
     EXPECT_EQ(velt_core::FindBarBeat(t, 2, 3), 600u);
     EXPECT_EQ(velt_core::FindBarBeat(t, 3, 1), 720u);
-    EXPECT_EQ(velt_core::FindBarBeat(t, 3, 6), 1020u);
+    EXPECT_EQ(velt_core::FindBarBeat(t, 3, 2), 900u);
+    EXPECT_FALSE(velt_core::FindBarBeat(t, 3, 3).has_value());
     EXPECT_EQ(velt_core::FindBarBeat(t, 4, 1), 1080u);
     EXPECT_FALSE(velt_core::FindBarBeat(t, 2, 4).has_value());
     ASSERT_EQ(song.GetSongLog().GetMarkers().size(), 1u);
