@@ -146,6 +146,12 @@ TEST(SongFromSmf, CoarseResolutionIsScaledToAMultipleOf24AndHugeSongsAreRefused)
     file.ticksPerQuarter = 96;
     file.tracks[0].endTick = 0xF0000000;
     EXPECT_THROW(Map(file, &warnings), velt_core::SmfError);
+    // The limit counts clicks: 400 000 ticks are 4 167 quarter-note clicks but 100 001 clicks
+    // of one MIDI clock (4 ticks).
+    file.tracks[0].endTick = 400000;
+    EXPECT_NO_THROW(Map(file, &warnings));
+    file.tracks[0].events.push_back(SmfEvent::Meta(0, meta::timeSignature, {4, 2, 1, 8}));
+    EXPECT_THROW(Map(file, &warnings), velt_core::SmfError);
 }
 
 // A show directory in the test's temporary folder with one song file.

@@ -267,14 +267,19 @@ class SongMapper {
     }
 
     // A few bytes of file can put the last tick billions of ticks away; one bars-beats record per
-    // beat up to there would exhaust memory, so a song longer than any show plays is refused.
+    // beat (click) up to there would exhaust memory, so a song longer than any show plays is
+    // refused. Counts the records DeriveBarsBeats makes: per whole bar its clicks, then the
+    // clicks of the part bar before the next meter or the song's end.
     void RefuseTooManyBeats_(const TL::TimelineSequence<TL::Meter>& meters) const {
         std::uint64_t beats = 0;
         for (std::size_t i = 0; i < meters.size(); ++i) {
             const std::uint64_t end =
                 i + 1 < meters.size() ? meters[i + 1].tick_index : std::uint64_t{lastTick_} + 1;
-            const std::uint64_t beatTicks = TicksPerBeat(meters[i], ticksPerQuarter_);
-            beats += (end - meters[i].tick_index + beatTicks - 1) / beatTicks;
+            const std::uint64_t length = end - meters[i].tick_index;
+            const std::uint64_t bar = TicksPerBar(meters[i], ticksPerQuarter_);
+            const std::uint64_t click = TicksPerClick(meters[i], ticksPerQuarter_);
+            auto clicksIn = [click](std::uint64_t ticks) { return (ticks + click - 1) / click; };
+            beats += length / bar * clicksIn(bar) + clicksIn(length % bar);
         }
         if (beats > maxBeatsPerSong) {
             throw SmfError(name_, std::nullopt,
