@@ -21,7 +21,8 @@ TEST(UserControls, TempoStepsAreMultiplicativeAndDriftIsKept) {
 
     controls.SetTempoScale(1.0);
     double scale = 0;
-    for (int i = 0; i < 70; ++i) scale = controls.IncreaseTempo();
+    for (int i = 0; i < 70; ++i)
+        scale = controls.IncreaseTempo();
     // Stored beyond 2.0: the limit is applied where the scale is used, not here.
     EXPECT_GT(scale, 2.0);
     EXPECT_NEAR(scale, 2.0068, 1e-4);
@@ -44,11 +45,14 @@ TEST(UserControls, ConcurrentStepsAreNotLost) {
     std::vector<std::thread> threads;
     for (int t = 0; t < 4; ++t) {
         threads.emplace_back([&] {
-            for (int i = 0; i < 1000; ++i) controls.IncreaseTempo();
+            for (int i = 0; i < 1000; ++i)
+                controls.IncreaseTempo();
         });
     }
-    for (auto& thread : threads) thread.join();
+    for (auto& thread : threads)
+        thread.join();
     double expected = 1.0;
-    for (int i = 0; i < 4000; ++i) expected *= 1.01;
+    for (int i = 0; i < 4000; ++i)
+        expected *= 1.01;
     EXPECT_DOUBLE_EQ(controls.GetTempoScale(), expected);
 }
