@@ -37,7 +37,7 @@ struct RecordedMessage {
 // Every member may be called from any thread; each takes only the device's own mutex, which the
 // MIDI service also takes (briefly, never across a callback) when it delivers a message.
 class MidiOutputRecorder {
-public:
+  public:
     const std::string& Name() const;
 
     // Everything received since creation or the last ClearMessages, in arrival order.
@@ -63,7 +63,7 @@ public:
     void LoseCompletionOfPacket(std::uint64_t packetIndex);
     void SetCompletionDelay(std::chrono::nanoseconds delay);
 
-protected:
+  protected:
     explicit MidiOutputRecorder(std::shared_ptr<detail::VirtualOutputState> state);
     std::shared_ptr<detail::VirtualOutputState> state_;
 };
@@ -72,7 +72,7 @@ protected:
 // it when it is destroyed keeps working, but plain sends then fail with MIDIERR_NODEVICE and
 // nothing more is recorded.
 class VirtualMidiOutput : public MidiOutputRecorder {
-public:
+  public:
     explicit VirtualMidiOutput(std::string name);
     ~VirtualMidiOutput();
     VirtualMidiOutput(const VirtualMidiOutput&) = delete;
@@ -86,7 +86,7 @@ public:
 // no handle has it open and started are dropped (the calls then return false).
 // Thread safety: any thread; takes the device's mutex, then the open handle's queue mutex.
 class VirtualMidiInput {
-public:
+  public:
     explicit VirtualMidiInput(std::string name);
     ~VirtualMidiInput();
     VirtualMidiInput(const VirtualMidiInput&) = delete;
@@ -105,7 +105,7 @@ public:
     // input buffers with MIM_LONGDATA.
     bool SendSysEx(std::vector<std::uint8_t> message);
 
-private:
+  private:
     std::shared_ptr<detail::VirtualInputState> state_;
 };
 

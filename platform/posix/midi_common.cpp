@@ -11,22 +11,19 @@
 
 namespace velt_platform::detail {
 
-std::int64_t NowNs()
-{
+std::int64_t NowNs() {
     return std::chrono::duration_cast<std::chrono::nanoseconds>(
                std::chrono::steady_clock::now().time_since_epoch())
         .count();
 }
 
-void SetCurrentThreadName(const char* name)
-{
+void SetCurrentThreadName(const char* name) {
     std::array<char, 16> shortName{};
     std::snprintf(shortName.data(), shortName.size(), "%s", name);
     pthread_setname_np(pthread_self(), shortName.data());
 }
 
-int ShortMessageLength(BYTE status)
-{
+int ShortMessageLength(BYTE status) {
     if (status < 0x80 || status == 0xF0 || status == 0xF7) {
         return 0;
     }
@@ -35,21 +32,20 @@ int ShortMessageLength(BYTE status)
         return (kind == 0xC0 || kind == 0xD0) ? 2 : 3;
     }
     switch (status) {
-    case 0xF1:  // MTC quarter frame
-    case 0xF3:  // song select
-        return 2;
-    case 0xF2:  // song position pointer
-        return 3;
-    default:  // tune request, real-time, undefined
-        return 1;
+        case 0xF1:  // MTC quarter frame
+        case 0xF3:  // song select
+            return 2;
+        case 0xF2:  // song position pointer
+            return 3;
+        default:  // tune request, real-time, undefined
+            return 1;
     }
 }
 
 // Packed short message: byte 0 (low) = status, byte 1 = data 1, byte 2 = data 2. With running
 // status the low byte is already data 1. Channel statuses set the running status, system common
 // messages clear it, real-time messages leave it alone.
-Bytes UnpackShortMessage(DWORD packed, BYTE& runningStatus)
-{
+Bytes UnpackShortMessage(DWORD packed, BYTE& runningStatus) {
     const std::array<BYTE, 3> raw{static_cast<BYTE>(packed & 0xFF),
                                   static_cast<BYTE>((packed >> 8) & 0xFF),
                                   static_cast<BYTE>((packed >> 16) & 0xFF)};
@@ -78,8 +74,7 @@ Bytes UnpackShortMessage(DWORD packed, BYTE& runningStatus)
     return message;
 }
 
-DWORD PackShortMessage(std::span<const BYTE> message)
-{
+DWORD PackShortMessage(std::span<const BYTE> message) {
     DWORD packed = 0;
     for (std::size_t i = 0; i < message.size() && i < 3; ++i) {
         packed |= static_cast<DWORD>(message[i]) << (8 * i);
@@ -87,8 +82,7 @@ DWORD PackShortMessage(std::span<const BYTE> message)
     return packed;
 }
 
-void CopyDeviceName(const std::string& utf8, WCHAR (&field)[MAXPNAMELEN])
-{
+void CopyDeviceName(const std::string& utf8, WCHAR (&field)[MAXPNAMELEN]) {
     std::u16string wide;
     for (std::size_t i = 0; i < utf8.size();) {
         const auto lead = static_cast<unsigned char>(utf8[i]);
@@ -131,36 +125,62 @@ void CopyDeviceName(const std::string& utf8, WCHAR (&field)[MAXPNAMELEN])
     }
 }
 
-const char* ResultText(MMRESULT result)
-{
+const char* ResultText(MMRESULT result) {
     switch (result) {
-    case MMSYSERR_NOERROR: return "The specified command was carried out.";
-    case MMSYSERR_ERROR: return "Undefined external error.";
-    case MMSYSERR_BADDEVICEID: return "A device ID has been used that is out of range for your system.";
-    case MMSYSERR_NOTENABLED: return "The driver was not enabled.";
-    case MMSYSERR_ALLOCATED: return "The specified device is already in use. Wait until it is free, and then try again.";
-    case MMSYSERR_INVALHANDLE: return "The specified device handle is invalid.";
-    case MMSYSERR_NODRIVER: return "There is no driver installed on your system.";
-    case MMSYSERR_NOMEM: return "Not enough memory available for this task.";
-    case MMSYSERR_NOTSUPPORTED: return "This function is not supported. Use the Capabilities function to determine which functions and messages the driver supports.";
-    case MMSYSERR_BADERRNUM: return "An error number was specified that is not defined in the system.";
-    case MMSYSERR_INVALFLAG: return "An invalid flag was passed to a system function.";
-    case MMSYSERR_INVALPARAM: return "An invalid parameter was passed to a system function.";
-    case MMSYSERR_HANDLEBUSY: return "The specified handle is being used simultaneously by another thread (such as a callback).";
-    case MIDIERR_UNPREPARED: return "The MIDI header was not prepared. Use the Prepare function to prepare the header, and then try again.";
-    case MIDIERR_STILLPLAYING: return "Cannot perform this operation while media data is still playing. Reset the device, or wait until the data is finished playing.";
-    case MIDIERR_NOMAP: return "A MIDI map was not found.";
-    case MIDIERR_NOTREADY: return "The port is transmitting data to the device. Wait until the data has been transmitted, and then try again.";
-    case MIDIERR_NODEVICE: return "The MIDI port is no longer connected.";
-    case MIDIERR_INVALIDSETUP: return "The current MIDI setup is damaged.";
-    case MIDIERR_BADOPENMODE: return "The operation is not supported in the mode the device was opened in.";
-    case MIDIERR_DONT_CONTINUE: return "The MIDI thru device consumed the message.";
-    default: return nullptr;
+        case MMSYSERR_NOERROR:
+            return "The specified command was carried out.";
+        case MMSYSERR_ERROR:
+            return "Undefined external error.";
+        case MMSYSERR_BADDEVICEID:
+            return "A device ID has been used that is out of range for your system.";
+        case MMSYSERR_NOTENABLED:
+            return "The driver was not enabled.";
+        case MMSYSERR_ALLOCATED:
+            return "The specified device is already in use. Wait until it is free, and then try "
+                   "again.";
+        case MMSYSERR_INVALHANDLE:
+            return "The specified device handle is invalid.";
+        case MMSYSERR_NODRIVER:
+            return "There is no driver installed on your system.";
+        case MMSYSERR_NOMEM:
+            return "Not enough memory available for this task.";
+        case MMSYSERR_NOTSUPPORTED:
+            return "This function is not supported. Use the Capabilities function to determine "
+                   "which functions and messages the driver supports.";
+        case MMSYSERR_BADERRNUM:
+            return "An error number was specified that is not defined in the system.";
+        case MMSYSERR_INVALFLAG:
+            return "An invalid flag was passed to a system function.";
+        case MMSYSERR_INVALPARAM:
+            return "An invalid parameter was passed to a system function.";
+        case MMSYSERR_HANDLEBUSY:
+            return "The specified handle is being used simultaneously by another thread (such as a "
+                   "callback).";
+        case MIDIERR_UNPREPARED:
+            return "The MIDI header was not prepared. Use the Prepare function to prepare the "
+                   "header, and then try again.";
+        case MIDIERR_STILLPLAYING:
+            return "Cannot perform this operation while media data is still playing. Reset the "
+                   "device, or wait until the data is finished playing.";
+        case MIDIERR_NOMAP:
+            return "A MIDI map was not found.";
+        case MIDIERR_NOTREADY:
+            return "The port is transmitting data to the device. Wait until the data has been "
+                   "transmitted, and then try again.";
+        case MIDIERR_NODEVICE:
+            return "The MIDI port is no longer connected.";
+        case MIDIERR_INVALIDSETUP:
+            return "The current MIDI setup is damaged.";
+        case MIDIERR_BADOPENMODE:
+            return "The operation is not supported in the mode the device was opened in.";
+        case MIDIERR_DONT_CONTINUE:
+            return "The MIDI thru device consumed the message.";
+        default:
+            return nullptr;
     }
 }
 
-MMRESULT CopyResultText(MMRESULT result, LPWSTR text, UINT cchText)
-{
+MMRESULT CopyResultText(MMRESULT result, LPWSTR text, UINT cchText) {
     if (text == nullptr || cchText == 0) {
         return MMSYSERR_INVALPARAM;
     }
@@ -178,8 +198,7 @@ MMRESULT CopyResultText(MMRESULT result, LPWSTR text, UINT cchText)
 }
 
 void CallbackTarget::Invoke(const void* handle, UINT message, DWORD_PTR param1,
-                            DWORD_PTR param2) const
-{
+                            DWORD_PTR param2) const {
     if (kind != CALLBACK_FUNCTION || function == 0) {
         return;
     }
@@ -194,23 +213,22 @@ void CallbackTarget::Invoke(const void* handle, UINT message, DWORD_PTR param1,
 }
 
 MMRESULT MakeCallbackTarget(DWORD flags, DWORD allowed, DWORD_PTR function, DWORD_PTR instance,
-                            CallbackTarget& target)
-{
+                            CallbackTarget& target) {
     if ((flags & ~(CALLBACK_TYPEMASK | allowed)) != 0) {
         return MMSYSERR_INVALFLAG;
     }
     const DWORD kind = flags & CALLBACK_TYPEMASK;
     switch (kind) {
-    case CALLBACK_NULL:
-    case CALLBACK_FUNCTION:
-        target = CallbackTarget{kind, function, instance};
-        return MMSYSERR_NOERROR;
-    case CALLBACK_WINDOW:
-    case CALLBACK_THREAD:
-    case CALLBACK_EVENT:
-        return MMSYSERR_NOTSUPPORTED;
-    default:
-        return MMSYSERR_INVALFLAG;
+        case CALLBACK_NULL:
+        case CALLBACK_FUNCTION:
+            target = CallbackTarget{kind, function, instance};
+            return MMSYSERR_NOERROR;
+        case CALLBACK_WINDOW:
+        case CALLBACK_THREAD:
+        case CALLBACK_EVENT:
+            return MMSYSERR_NOTSUPPORTED;
+        default:
+            return MMSYSERR_INVALFLAG;
     }
 }
 

@@ -24,23 +24,22 @@ constexpr UINT kMinimumHeaderSize = offsetof(MIDIHDR, dwOffset);
 constexpr std::int64_t kNanosecondsPerMillisecond = 1000000;
 
 class InputHandle final : public InputSink {
-public:
+  public:
     InputHandle(std::shared_ptr<InputPort> port, CallbackTarget callback)
-        : port_(std::move(port)), callback_(callback)
-    {
-    }
+        : port_(std::move(port)), callback_(callback) {}
 
     InputHandle(const InputHandle&) = delete;
     InputHandle& operator=(const InputHandle&) = delete;
 
     ~InputHandle() { StopThread_(); }
 
-    void Start() { service_ = std::thread([this] { Run_(); }); }
+    void Start() {
+        service_ = std::thread([this] { Run_(); });
+    }
     const std::shared_ptr<InputPort>& Port() const { return port_; }
     void Notify(UINT message) const { callback_.Invoke(this, message, 0, 0); }
 
-    bool Receive(Bytes message, std::int64_t timeNs) override
-    {
+    bool Receive(Bytes message, std::int64_t timeNs) override {
         std::scoped_lock lock(mutex_);
         if (!started_ || closed_ || message.empty()) {
             return false;
@@ -50,8 +49,7 @@ public:
         return true;
     }
 
-    MMRESULT StartInput()
-    {
+    MMRESULT StartInput() {
         std::scoped_lock lock(mutex_);
         if (closed_) {
             return MMSYSERR_INVALHANDLE;
@@ -63,8 +61,7 @@ public:
         return MMSYSERR_NOERROR;
     }
 
-    MMRESULT StopInput()
-    {
+    MMRESULT StopInput() {
         std::scoped_lock lock(mutex_);
         if (closed_) {
             return MMSYSERR_INVALHANDLE;
@@ -73,8 +70,7 @@ public:
         return MMSYSERR_NOERROR;
     }
 
-    MMRESULT ResetInput()
-    {
+    MMRESULT ResetInput() {
         std::unique_lock lock(mutex_);
         if (closed_) {
             return MMSYSERR_INVALHANDLE;
@@ -91,8 +87,7 @@ public:
         return MMSYSERR_NOERROR;
     }
 
-    MMRESULT Prepare(LPMIDIHDR header)
-    {
+    MMRESULT Prepare(LPMIDIHDR header) {
         std::scoped_lock lock(mutex_);
         if (closed_) {
             return MMSYSERR_INVALHANDLE;
@@ -101,8 +96,7 @@ public:
         return MMSYSERR_NOERROR;
     }
 
-    MMRESULT Unprepare(LPMIDIHDR header)
-    {
+    MMRESULT Unprepare(LPMIDIHDR header) {
         std::scoped_lock lock(mutex_);
         if (closed_) {
             return MMSYSERR_INVALHANDLE;
@@ -114,8 +108,7 @@ public:
         return MMSYSERR_NOERROR;
     }
 
-    MMRESULT AddBuffer(LPMIDIHDR header)
-    {
+    MMRESULT AddBuffer(LPMIDIHDR header) {
         std::scoped_lock lock(mutex_);
         if (closed_) {
             return MMSYSERR_INVALHANDLE;
@@ -135,8 +128,7 @@ public:
         return MMSYSERR_NOERROR;
     }
 
-    MMRESULT Close()
-    {
+    MMRESULT Close() {
         {
             std::scoped_lock lock(mutex_);
             if (closed_) {
@@ -158,7 +150,7 @@ public:
         return MMSYSERR_NOERROR;
     }
 
-private:
+  private:
     struct Item {
         enum class Kind { Message, ReturnBuffers };
         Kind kind = Kind::Message;
@@ -166,8 +158,7 @@ private:
         std::int64_t timeNs = 0;
     };
 
-    void StopThread_()
-    {
+    void StopThread_() {
         {
             std::scoped_lock lock(mutex_);
             quit_ = true;
@@ -178,14 +169,12 @@ private:
         }
     }
 
-    DWORD_PTR Milliseconds_(std::int64_t timeNs) const
-    {
-        return static_cast<DWORD_PTR>(
-            static_cast<DWORD>(std::max<std::int64_t>(0, timeNs - startNs_) / kNanosecondsPerMillisecond));
+    DWORD_PTR Milliseconds_(std::int64_t timeNs) const {
+        return static_cast<DWORD_PTR>(static_cast<DWORD>(
+            std::max<std::int64_t>(0, timeNs - startNs_) / kNanosecondsPerMillisecond));
     }
 
-    void ReturnBuffer_(std::unique_lock<std::mutex>& lock, LPMIDIHDR header, DWORD_PTR time)
-    {
+    void ReturnBuffer_(std::unique_lock<std::mutex>& lock, LPMIDIHDR header, DWORD_PTR time) {
         header->dwFlags = (header->dwFlags & ~MHDR_INQUEUE) | MHDR_DONE;
         lock.unlock();
         callback_.Invoke(this, MIM_LONGDATA, reinterpret_cast<DWORD_PTR>(header), time);
@@ -194,14 +183,14 @@ private:
 
     // A SysEx fills the queued buffers in order; each goes back when full or when the message
     // ends. What finds no buffer is dropped.
-    void DeliverSysEx_(std::unique_lock<std::mutex>& lock, const Item& item)
-    {
+    void DeliverSysEx_(std::unique_lock<std::mutex>& lock, const Item& item) {
         std::size_t offset = 0;
         while (offset < item.bytes.size() && !buffers_.empty()) {
             const LPMIDIHDR header = buffers_.front();
             const std::size_t room = header->dwBufferLength - header->dwBytesRecorded;
             const std::size_t count = std::min(room, item.bytes.size() - offset);
-            std::memcpy(header->lpData + header->dwBytesRecorded, item.bytes.data() + offset, count);
+            std::memcpy(header->lpData + header->dwBytesRecorded, item.bytes.data() + offset,
+                        count);
             header->dwBytesRecorded += static_cast<DWORD>(count);
             offset += count;
             if (header->dwBytesRecorded == header->dwBufferLength || offset == item.bytes.size()) {
@@ -211,8 +200,7 @@ private:
         }
     }
 
-    void Run_()
-    {
+    void Run_() {
         SetCurrentThreadName("mm_midi_in");
         std::unique_lock lock(mutex_);
         for (;;) {
@@ -262,22 +250,19 @@ private:
 };
 
 class InputTable {
-public:
-    void Add(std::shared_ptr<InputHandle> handle)
-    {
+  public:
+    void Add(std::shared_ptr<InputHandle> handle) {
         std::scoped_lock lock(mutex_);
         handles_.emplace(handle.get(), std::move(handle));
     }
 
-    std::shared_ptr<InputHandle> Find(const void* key) const
-    {
+    std::shared_ptr<InputHandle> Find(const void* key) const {
         std::scoped_lock lock(mutex_);
         const auto found = handles_.find(key);
         return found == handles_.end() ? nullptr : found->second;
     }
 
-    void Remove(const void* key)
-    {
+    void Remove(const void* key) {
         std::shared_ptr<InputHandle> last;  // destroyed after the table lock is released
         std::scoped_lock lock(mutex_);
         if (const auto found = handles_.find(key); found != handles_.end()) {
@@ -286,13 +271,12 @@ public:
         }
     }
 
-private:
+  private:
     mutable std::mutex mutex_;
     std::unordered_map<const void*, std::shared_ptr<InputHandle>> handles_;
 };
 
-InputTable& Inputs()
-{
+InputTable& Inputs() {
     static InputTable table;
     return table;
 }
@@ -305,13 +289,11 @@ using velt_platform::detail::kMinimumHeaderSize;
 
 extern "C" {
 
-UINT WINAPI midiInGetNumDevs(void)
-{
+UINT WINAPI midiInGetNumDevs(void) {
     return static_cast<UINT>(velt_platform::detail::ListInputs().size());
 }
 
-MMRESULT WINAPI midiInGetDevCapsW(UINT_PTR uDeviceID, LPMIDIINCAPSW pmic, UINT cbmic)
-{
+MMRESULT WINAPI midiInGetDevCapsW(UINT_PTR uDeviceID, LPMIDIINCAPSW pmic, UINT cbmic) {
     if (pmic == nullptr) {
         return MMSYSERR_INVALPARAM;
     }
@@ -335,14 +317,12 @@ MMRESULT WINAPI midiInGetDevCapsW(UINT_PTR uDeviceID, LPMIDIINCAPSW pmic, UINT c
     return MMSYSERR_NOERROR;
 }
 
-MMRESULT WINAPI midiInGetErrorTextW(MMRESULT mmrError, LPWSTR pszText, UINT cchText)
-{
+MMRESULT WINAPI midiInGetErrorTextW(MMRESULT mmrError, LPWSTR pszText, UINT cchText) {
     return velt_platform::detail::CopyResultText(mmrError, pszText, cchText);
 }
 
 MMRESULT WINAPI midiInOpen(LPHMIDIIN phmi, UINT uDeviceID, DWORD_PTR dwCallback,
-                           DWORD_PTR dwInstance, DWORD fdwOpen)
-{
+                           DWORD_PTR dwInstance, DWORD fdwOpen) {
     using namespace velt_platform::detail;
     if (phmi == nullptr) {
         return MMSYSERR_INVALPARAM;
@@ -369,26 +349,22 @@ MMRESULT WINAPI midiInOpen(LPHMIDIIN phmi, UINT uDeviceID, DWORD_PTR dwCallback,
     return MMSYSERR_NOERROR;
 }
 
-MMRESULT WINAPI midiInStart(HMIDIIN hmi)
-{
+MMRESULT WINAPI midiInStart(HMIDIIN hmi) {
     const auto handle = Inputs().Find(hmi);
     return handle ? handle->StartInput() : MMSYSERR_INVALHANDLE;
 }
 
-MMRESULT WINAPI midiInStop(HMIDIIN hmi)
-{
+MMRESULT WINAPI midiInStop(HMIDIIN hmi) {
     const auto handle = Inputs().Find(hmi);
     return handle ? handle->StopInput() : MMSYSERR_INVALHANDLE;
 }
 
-MMRESULT WINAPI midiInReset(HMIDIIN hmi)
-{
+MMRESULT WINAPI midiInReset(HMIDIIN hmi) {
     const auto handle = Inputs().Find(hmi);
     return handle ? handle->ResetInput() : MMSYSERR_INVALHANDLE;
 }
 
-MMRESULT WINAPI midiInClose(HMIDIIN hmi)
-{
+MMRESULT WINAPI midiInClose(HMIDIIN hmi) {
     const auto handle = Inputs().Find(hmi);
     if (!handle) {
         return MMSYSERR_INVALHANDLE;
@@ -400,8 +376,7 @@ MMRESULT WINAPI midiInClose(HMIDIIN hmi)
     return result;
 }
 
-MMRESULT WINAPI midiInPrepareHeader(HMIDIIN hmi, LPMIDIHDR pmh, UINT cbmh)
-{
+MMRESULT WINAPI midiInPrepareHeader(HMIDIIN hmi, LPMIDIHDR pmh, UINT cbmh) {
     const auto handle = Inputs().Find(hmi);
     if (!handle) {
         return MMSYSERR_INVALHANDLE;
@@ -412,8 +387,7 @@ MMRESULT WINAPI midiInPrepareHeader(HMIDIIN hmi, LPMIDIHDR pmh, UINT cbmh)
     return handle->Prepare(pmh);
 }
 
-MMRESULT WINAPI midiInUnprepareHeader(HMIDIIN hmi, LPMIDIHDR pmh, UINT cbmh)
-{
+MMRESULT WINAPI midiInUnprepareHeader(HMIDIIN hmi, LPMIDIHDR pmh, UINT cbmh) {
     const auto handle = Inputs().Find(hmi);
     if (!handle) {
         return MMSYSERR_INVALHANDLE;
@@ -424,8 +398,7 @@ MMRESULT WINAPI midiInUnprepareHeader(HMIDIIN hmi, LPMIDIHDR pmh, UINT cbmh)
     return handle->Unprepare(pmh);
 }
 
-MMRESULT WINAPI midiInAddBuffer(HMIDIIN hmi, LPMIDIHDR pmh, UINT cbmh)
-{
+MMRESULT WINAPI midiInAddBuffer(HMIDIIN hmi, LPMIDIHDR pmh, UINT cbmh) {
     const auto handle = Inputs().Find(hmi);
     if (!handle) {
         return MMSYSERR_INVALHANDLE;

@@ -28,25 +28,23 @@ namespace {
 
 using SteadyClock = std::chrono::steady_clock;
 
-constexpr DWORD kDefaultTimeDivision = 96;      // ticks per quarter note
-constexpr DWORD kDefaultTempo = 500000;         // microseconds per quarter note
-constexpr DWORD kShortEventBytes = 12;          // delta, stream id, event
+constexpr DWORD kDefaultTimeDivision = 96;  // ticks per quarter note
+constexpr DWORD kDefaultTempo = 500000;     // microseconds per quarter note
+constexpr DWORD kShortEventBytes = 12;      // delta, stream id, event
 constexpr BYTE kControlChange = 0xB0;
 constexpr BYTE kAllNotesOff = 123;
 
 // The header must reach dwOffset to be prepared; streams need the whole header.
 constexpr UINT kMinimumPrepareSize = offsetof(MIDIHDR, dwOffset);
 
-void MarkDone(LPMIDIHDR header)
-{
+void MarkDone(LPMIDIHDR header) {
     header->dwFlags = (header->dwFlags & ~MHDR_INQUEUE) | MHDR_DONE;
 }
 
 // Notes turned on through a handle and not yet off, so that stop and reset can release them.
 class SoundingNotes {
-public:
-    void Follow(std::span<const BYTE> message)
-    {
+  public:
+    void Follow(std::span<const BYTE> message) {
         if (message.size() < 3) {
             return;
         }
@@ -61,8 +59,7 @@ public:
     }
 
     // Note-off messages (velocity 0x40) for every sounding note, which are then forgotten.
-    std::vector<Bytes> TakeNoteOffs()
-    {
+    std::vector<Bytes> TakeNoteOffs() {
         std::vector<Bytes> offs;
         for (BYTE channel = 0; channel < 16; ++channel) {
             for (BYTE key = 0; key < 128; ++key) {
@@ -75,7 +72,7 @@ public:
         return offs;
     }
 
-private:
+  private:
     std::array<std::bitset<128>, 16> on_{};
 };
 
@@ -95,25 +92,24 @@ struct QueuedPacket {
 };
 
 class OutputHandle {
-public:
+  public:
     OutputHandle(std::shared_ptr<OutputPort> port, bool isStream, CallbackTarget callback)
-        : port_(std::move(port)), isStream_(isStream), callback_(callback)
-    {
-    }
+        : port_(std::move(port)), isStream_(isStream), callback_(callback) {}
 
     OutputHandle(const OutputHandle&) = delete;
     OutputHandle& operator=(const OutputHandle&) = delete;
 
     ~OutputHandle() { StopThread_(); }
 
-    void Start() { service_ = std::thread([this] { Run_(); }); }
+    void Start() {
+        service_ = std::thread([this] { Run_(); });
+    }
 
     bool IsStream() const { return isStream_; }
     const std::shared_ptr<OutputPort>& Port() const { return port_; }
     void Notify(UINT message) const { callback_.Invoke(this, message, 0, 0); }
 
-    MMRESULT ShortMsg(DWORD packed)
-    {
+    MMRESULT ShortMsg(DWORD packed) {
         Bytes message;
         {
             std::scoped_lock lock(mutex_);
@@ -129,8 +125,7 @@ public:
         return port_->Send(message, std::nullopt);
     }
 
-    MMRESULT LongMsg(LPMIDIHDR header)
-    {
+    MMRESULT LongMsg(LPMIDIHDR header) {
         std::scoped_lock lock(mutex_);
         if (closed_) {
             return MMSYSERR_INVALHANDLE;
@@ -147,8 +142,7 @@ public:
         return MMSYSERR_NOERROR;
     }
 
-    MMRESULT StreamOut(LPMIDIHDR header)
-    {
+    MMRESULT StreamOut(LPMIDIHDR header) {
         std::scoped_lock lock(mutex_);
         if (closed_ || !isStream_) {
             return MMSYSERR_INVALHANDLE;
@@ -168,8 +162,7 @@ public:
         return MMSYSERR_NOERROR;
     }
 
-    MMRESULT Prepare(LPMIDIHDR header)
-    {
+    MMRESULT Prepare(LPMIDIHDR header) {
         std::scoped_lock lock(mutex_);
         if (closed_) {
             return MMSYSERR_INVALHANDLE;
@@ -178,8 +171,7 @@ public:
         return MMSYSERR_NOERROR;
     }
 
-    MMRESULT Unprepare(LPMIDIHDR header)
-    {
+    MMRESULT Unprepare(LPMIDIHDR header) {
         std::scoped_lock lock(mutex_);
         if (closed_) {
             return MMSYSERR_INVALHANDLE;
@@ -191,8 +183,7 @@ public:
         return MMSYSERR_NOERROR;
     }
 
-    MMRESULT Restart()
-    {
+    MMRESULT Restart() {
         std::scoped_lock lock(mutex_);
         if (closed_ || !isStream_) {
             return MMSYSERR_INVALHANDLE;
@@ -208,8 +199,7 @@ public:
         return MMSYSERR_NOERROR;
     }
 
-    MMRESULT Pause()
-    {
+    MMRESULT Pause() {
         std::scoped_lock lock(mutex_);
         if (closed_ || !isStream_) {
             return MMSYSERR_INVALHANDLE;
@@ -222,19 +212,17 @@ public:
     }
 
     // midiStreamStop (allNotesOff false) and midiOutReset (true).
-    MMRESULT Stop(bool allNotesOff)
-    {
+    MMRESULT Stop(bool allNotesOff) {
         std::unique_lock lock(mutex_);
         if (closed_ || (!isStream_ && !allNotesOff)) {
             return MMSYSERR_INVALHANDLE;
         }
-        ReturnEverything_(lock, allNotesOff ? Notice::Kind::NotesOffAndAllNotesOff
-                                            : Notice::Kind::NotesOff);
+        ReturnEverything_(
+            lock, allNotesOff ? Notice::Kind::NotesOffAndAllNotesOff : Notice::Kind::NotesOff);
         return MMSYSERR_NOERROR;
     }
 
-    MMRESULT Property(LPBYTE data, DWORD property)
-    {
+    MMRESULT Property(LPBYTE data, DWORD property) {
         const bool get = (property & MIDIPROP_GET) != 0;
         const bool set = (property & MIDIPROP_SET) != 0;
         const DWORD which = property & ~(MIDIPROP_GET | MIDIPROP_SET);
@@ -273,8 +261,7 @@ public:
 
     // Ends the handle: stream handles return their buffers first; plain handles refuse while
     // long messages are queued. Afterwards no callback of this handle runs any more.
-    MMRESULT Close()
-    {
+    MMRESULT Close() {
         {
             std::unique_lock lock(mutex_);
             if (closed_) {
@@ -297,11 +284,10 @@ public:
         return MMSYSERR_NOERROR;
     }
 
-private:
+  private:
     enum class State { Stopped, Paused, Running };
 
-    void StopThread_()
-    {
+    void StopThread_() {
         {
             std::scoped_lock lock(mutex_);
             quit_ = true;
@@ -312,8 +298,7 @@ private:
         }
     }
 
-    void PushNotice_(Notice notice)
-    {
+    void PushNotice_(Notice notice) {
         notices_.push_back(notice);
         ++noticesQueued_;
         wake_.notify_all();
@@ -322,8 +307,7 @@ private:
     // Stops the stream and hands back every queued buffer through the service thread, then
     // waits until it has made those callbacks (not when called on the service thread itself,
     // where they follow once the current callback returns).
-    void ReturnEverything_(std::unique_lock<std::mutex>& lock, Notice::Kind release)
-    {
+    void ReturnEverything_(std::unique_lock<std::mutex>& lock, Notice::Kind release) {
         const bool onServiceThread = std::this_thread::get_id() == service_.get_id();
         if (!onServiceThread) {
             // A long message being sent right now is handed back by the service thread first.
@@ -350,8 +334,7 @@ private:
         }
     }
 
-    void Deliver_(const Notice& notice)
-    {
+    void Deliver_(const Notice& notice) {
         if (notice.kind == Notice::Kind::Callback) {
             callback_.Invoke(this, notice.message, reinterpret_cast<DWORD_PTR>(notice.header), 0);
             return;
@@ -371,8 +354,7 @@ private:
         }
     }
 
-    void Run_()
-    {
+    void Run_() {
         SetCurrentThreadName("mm_midi_out");
         std::unique_lock lock(mutex_);
         for (;;) {
@@ -403,8 +385,7 @@ private:
         }
     }
 
-    void SendLong_(std::unique_lock<std::mutex>& lock)
-    {
+    void SendLong_(std::unique_lock<std::mutex>& lock) {
         const LPMIDIHDR header = long_.front();
         long_.pop_front();
         const Bytes message(header->lpData, header->lpData + header->dwBufferLength);
@@ -418,8 +399,7 @@ private:
         delivered_.notify_all();
     }
 
-    SteadyClock::duration TicksToDuration_(DWORD ticks) const
-    {
+    SteadyClock::duration TicksToDuration_(DWORD ticks) const {
         double nanosecondsPerTick = 0;
         if ((timeDivision_ & 0x8000) != 0) {
             // SMPTE division: high byte = -frames per second (-29 means 29.97), low byte = ticks
@@ -437,8 +417,7 @@ private:
 
     // Plays the next event of the front buffer, or hands the buffer back when it is finished.
     // Returns the time to wait for when the next step is not due yet.
-    std::optional<SteadyClock::time_point> PlayStep_(std::unique_lock<std::mutex>& lock)
-    {
+    std::optional<SteadyClock::time_point> PlayStep_(std::unique_lock<std::mutex>& lock) {
         QueuedPacket& packet = stream_.front();
         const LPMIDIHDR header = packet.header;
         const DWORD end = header->dwBytesRecorded;
@@ -536,22 +515,19 @@ private:
 
 // Every open output handle, by the value handed out as HMIDIOUT / HMIDISTRM.
 class HandleTable {
-public:
-    void Add(std::shared_ptr<OutputHandle> handle)
-    {
+  public:
+    void Add(std::shared_ptr<OutputHandle> handle) {
         std::scoped_lock lock(mutex_);
         handles_.emplace(handle.get(), std::move(handle));
     }
 
-    std::shared_ptr<OutputHandle> Find(const void* key) const
-    {
+    std::shared_ptr<OutputHandle> Find(const void* key) const {
         std::scoped_lock lock(mutex_);
         const auto found = handles_.find(key);
         return found == handles_.end() ? nullptr : found->second;
     }
 
-    void Remove(const void* key)
-    {
+    void Remove(const void* key) {
         std::shared_ptr<OutputHandle> last;  // destroyed after the table lock is released
         std::scoped_lock lock(mutex_);
         if (const auto found = handles_.find(key); found != handles_.end()) {
@@ -560,20 +536,18 @@ public:
         }
     }
 
-private:
+  private:
     mutable std::mutex mutex_;
     std::unordered_map<const void*, std::shared_ptr<OutputHandle>> handles_;
 };
 
-HandleTable& Handles()
-{
+HandleTable& Handles() {
     static HandleTable table;
     return table;
 }
 
 MMRESULT OpenOutput(UINT deviceId, bool isStream, DWORD_PTR callback, DWORD_PTR instance,
-                    DWORD flags, const void** opened)
-{
+                    DWORD flags, const void** opened) {
     CallbackTarget target;
     if (const MMRESULT result = MakeCallbackTarget(flags, 0, callback, instance, target);
         result != MMSYSERR_NOERROR) {
@@ -598,8 +572,7 @@ MMRESULT OpenOutput(UINT deviceId, bool isStream, DWORD_PTR callback, DWORD_PTR 
     return MMSYSERR_NOERROR;
 }
 
-MMRESULT CloseOutput(const void* key)
-{
+MMRESULT CloseOutput(const void* key) {
     const auto handle = Handles().Find(key);
     if (!handle) {
         return MMSYSERR_INVALHANDLE;
@@ -614,8 +587,7 @@ MMRESULT CloseOutput(const void* key)
 }  // namespace
 
 // The capabilities of the port behind an open handle, for midiOutGetDevCapsW given a handle.
-std::shared_ptr<OutputPort> FindOpenOutputPort(UINT_PTR handle)
-{
+std::shared_ptr<OutputPort> FindOpenOutputPort(UINT_PTR handle) {
     const auto found = Handles().Find(reinterpret_cast<const void*>(handle));
     return found ? found->Port() : nullptr;
 }
@@ -628,13 +600,11 @@ using velt_platform::detail::kMinimumPrepareSize;
 
 extern "C" {
 
-UINT WINAPI midiOutGetNumDevs(void)
-{
+UINT WINAPI midiOutGetNumDevs(void) {
     return static_cast<UINT>(velt_platform::detail::ListOutputs().size());
 }
 
-MMRESULT WINAPI midiOutGetDevCapsW(UINT_PTR uDeviceID, LPMIDIOUTCAPSW pmoc, UINT cbmoc)
-{
+MMRESULT WINAPI midiOutGetDevCapsW(UINT_PTR uDeviceID, LPMIDIOUTCAPSW pmoc, UINT cbmoc) {
     if (pmoc == nullptr) {
         return MMSYSERR_INVALPARAM;
     }
@@ -662,14 +632,12 @@ MMRESULT WINAPI midiOutGetDevCapsW(UINT_PTR uDeviceID, LPMIDIOUTCAPSW pmoc, UINT
     return MMSYSERR_NOERROR;
 }
 
-MMRESULT WINAPI midiOutGetErrorTextW(MMRESULT mmrError, LPWSTR pszText, UINT cchText)
-{
+MMRESULT WINAPI midiOutGetErrorTextW(MMRESULT mmrError, LPWSTR pszText, UINT cchText) {
     return velt_platform::detail::CopyResultText(mmrError, pszText, cchText);
 }
 
 MMRESULT WINAPI midiOutOpen(LPHMIDIOUT phmo, UINT uDeviceID, DWORD_PTR dwCallback,
-                            DWORD_PTR dwInstance, DWORD fdwOpen)
-{
+                            DWORD_PTR dwInstance, DWORD fdwOpen) {
     if (phmo == nullptr) {
         return MMSYSERR_INVALPARAM;
     }
@@ -680,14 +648,12 @@ MMRESULT WINAPI midiOutOpen(LPHMIDIOUT phmo, UINT uDeviceID, DWORD_PTR dwCallbac
     return result;
 }
 
-MMRESULT WINAPI midiOutShortMsg(HMIDIOUT hmo, DWORD dwMsg)
-{
+MMRESULT WINAPI midiOutShortMsg(HMIDIOUT hmo, DWORD dwMsg) {
     const auto handle = Handles().Find(hmo);
     return handle ? handle->ShortMsg(dwMsg) : MMSYSERR_INVALHANDLE;
 }
 
-MMRESULT WINAPI midiOutLongMsg(HMIDIOUT hmo, LPMIDIHDR pmh, UINT cbmh)
-{
+MMRESULT WINAPI midiOutLongMsg(HMIDIOUT hmo, LPMIDIHDR pmh, UINT cbmh) {
     const auto handle = Handles().Find(hmo);
     if (!handle) {
         return MMSYSERR_INVALHANDLE;
@@ -698,16 +664,16 @@ MMRESULT WINAPI midiOutLongMsg(HMIDIOUT hmo, LPMIDIHDR pmh, UINT cbmh)
     return handle->LongMsg(pmh);
 }
 
-MMRESULT WINAPI midiOutReset(HMIDIOUT hmo)
-{
+MMRESULT WINAPI midiOutReset(HMIDIOUT hmo) {
     const auto handle = Handles().Find(hmo);
     return handle ? handle->Stop(true) : MMSYSERR_INVALHANDLE;
 }
 
-MMRESULT WINAPI midiOutClose(HMIDIOUT hmo) { return CloseOutput(hmo); }
+MMRESULT WINAPI midiOutClose(HMIDIOUT hmo) {
+    return CloseOutput(hmo);
+}
 
-MMRESULT WINAPI midiOutPrepareHeader(HMIDIOUT hmo, LPMIDIHDR pmh, UINT cbmh)
-{
+MMRESULT WINAPI midiOutPrepareHeader(HMIDIOUT hmo, LPMIDIHDR pmh, UINT cbmh) {
     const auto handle = Handles().Find(hmo);
     if (!handle) {
         return MMSYSERR_INVALHANDLE;
@@ -719,8 +685,7 @@ MMRESULT WINAPI midiOutPrepareHeader(HMIDIOUT hmo, LPMIDIHDR pmh, UINT cbmh)
     return handle->Prepare(pmh);
 }
 
-MMRESULT WINAPI midiOutUnprepareHeader(HMIDIOUT hmo, LPMIDIHDR pmh, UINT cbmh)
-{
+MMRESULT WINAPI midiOutUnprepareHeader(HMIDIOUT hmo, LPMIDIHDR pmh, UINT cbmh) {
     const auto handle = Handles().Find(hmo);
     if (!handle) {
         return MMSYSERR_INVALHANDLE;
@@ -732,23 +697,23 @@ MMRESULT WINAPI midiOutUnprepareHeader(HMIDIOUT hmo, LPMIDIHDR pmh, UINT cbmh)
 }
 
 MMRESULT WINAPI midiStreamOpen(LPHMIDISTRM phms, LPUINT puDeviceID, DWORD cMidi,
-                               DWORD_PTR dwCallback, DWORD_PTR dwInstance, DWORD fdwOpen)
-{
+                               DWORD_PTR dwCallback, DWORD_PTR dwInstance, DWORD fdwOpen) {
     if (phms == nullptr || puDeviceID == nullptr || cMidi != 1) {
         return MMSYSERR_INVALPARAM;
     }
     const void* opened = nullptr;
     const MMRESULT result = velt_platform::detail::OpenOutput(*puDeviceID, true, dwCallback,
                                                               dwInstance, fdwOpen, &opened);
-    *phms = result == MMSYSERR_NOERROR ? static_cast<HMIDISTRM>(const_cast<void*>(opened))
-                                       : nullptr;
+    *phms =
+        result == MMSYSERR_NOERROR ? static_cast<HMIDISTRM>(const_cast<void*>(opened)) : nullptr;
     return result;
 }
 
-MMRESULT WINAPI midiStreamClose(HMIDISTRM hms) { return CloseOutput(hms); }
+MMRESULT WINAPI midiStreamClose(HMIDISTRM hms) {
+    return CloseOutput(hms);
+}
 
-MMRESULT WINAPI midiStreamOut(HMIDISTRM hms, LPMIDIHDR pmh, UINT cbmh)
-{
+MMRESULT WINAPI midiStreamOut(HMIDISTRM hms, LPMIDIHDR pmh, UINT cbmh) {
     const auto handle = Handles().Find(hms);
     if (!handle) {
         return MMSYSERR_INVALHANDLE;
@@ -759,26 +724,22 @@ MMRESULT WINAPI midiStreamOut(HMIDISTRM hms, LPMIDIHDR pmh, UINT cbmh)
     return handle->StreamOut(pmh);
 }
 
-MMRESULT WINAPI midiStreamRestart(HMIDISTRM hms)
-{
+MMRESULT WINAPI midiStreamRestart(HMIDISTRM hms) {
     const auto handle = Handles().Find(hms);
     return handle ? handle->Restart() : MMSYSERR_INVALHANDLE;
 }
 
-MMRESULT WINAPI midiStreamPause(HMIDISTRM hms)
-{
+MMRESULT WINAPI midiStreamPause(HMIDISTRM hms) {
     const auto handle = Handles().Find(hms);
     return handle ? handle->Pause() : MMSYSERR_INVALHANDLE;
 }
 
-MMRESULT WINAPI midiStreamStop(HMIDISTRM hms)
-{
+MMRESULT WINAPI midiStreamStop(HMIDISTRM hms) {
     const auto handle = Handles().Find(hms);
     return handle ? handle->Stop(false) : MMSYSERR_INVALHANDLE;
 }
 
-MMRESULT WINAPI midiStreamProperty(HMIDISTRM hms, LPBYTE lppropdata, DWORD dwProperty)
-{
+MMRESULT WINAPI midiStreamProperty(HMIDISTRM hms, LPBYTE lppropdata, DWORD dwProperty) {
     const auto handle = Handles().Find(hms);
     return handle ? handle->Property(lppropdata, dwProperty) : MMSYSERR_INVALHANDLE;
 }

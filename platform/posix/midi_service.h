@@ -24,8 +24,8 @@ void SetCurrentThreadName(const char* name);
 
 // What the device decided about a stream buffer when it was queued.
 struct PacketTicket {
-    std::uint64_t index = 0;            // per-device packet number
-    bool loseCompletion = false;        // never hand the buffer back
+    std::uint64_t index = 0;                      // per-device packet number
+    bool loseCompletion = false;                  // never hand the buffer back
     std::chrono::nanoseconds completionDelay{0};  // hand it back this long after its last event
 };
 
@@ -33,7 +33,7 @@ struct PacketTicket {
 // be called from a handle's service thread and from callers of midiOutShortMsg at the same time,
 // so implementations serialise it themselves.
 class OutputPort {
-public:
+  public:
     virtual ~OutputPort() = default;
     virtual std::string Name() const = 0;
     virtual WORD Technology() const { return MOD_MIDIPORT; }
@@ -48,17 +48,17 @@ public:
 
 // Receives messages from an input device, on whatever thread the device produces them.
 class InputSink {
-public:
+  public:
     // message: one complete message. Returns false when the sink dropped it (not started).
     virtual bool Receive(Bytes message, std::int64_t timeNs) = 0;
 
-protected:
+  protected:
     ~InputSink() = default;
 };
 
 // One input device. After Close returns, the sink given to Open is never called again.
 class InputPort {
-public:
+  public:
     virtual ~InputPort() = default;
     virtual std::string Name() const = 0;
     virtual MMRESULT Open(InputSink& sink) = 0;

@@ -28,6 +28,28 @@
 // Devices are opened exclusively, as most Windows MIDI drivers do: a second open of a virtual or
 // default device that is already open gives MMSYSERR_ALLOCATED. System ports can be opened
 // more than once (each open is its own client connection).
+//
+// System ports. Each open output or input makes its own RtMidi client named "VELT" with a port
+// "VELT Out" / "VELT In" connected to the chosen port, so the service's own ports show up in
+// other programs' lists (and in this list, for JACK) under names starting with "VELT". A port
+// that disappears while open is not reported: sends go nowhere. MIDI timing on a system port is
+// the transport's: stream events are handed to RtMidi at their due time, and JACK delivers them
+// in its next process cycle.
+//
+// Other differences from Windows, in one place:
+//   - midiStreamStop, midiStreamClose, midiOutReset and midiInReset return only after the
+//     MOM_DONE / MIM_LONGDATA callbacks of the buffers they hand back have been made; Windows
+//     only promises that the buffers are marked done.
+//   - midiStreamClose hands queued buffers back instead of refusing; midiOutClose refuses with
+//     MIDIERR_STILLPLAYING while long messages are queued, as documented.
+//   - Header sizes are checked loosely (up to dwOffset for prepare and long messages, the full
+//     112 bytes for midiStreamOut); buffers are not locked in memory and the 64 KB stream buffer
+//     limit is not enforced.
+//   - Fault injection on virtual outputs (platform/virtual_midi.h) can make a buffer's
+//     completion never come, or come late, or make an open fail with any result.
+//   - MIM_ERROR, MIM_LONGERROR and MIM_MOREDATA are never sent; a SysEx finding no input buffer
+//     is dropped silently.
+//   - Result texts are English only and worded by this service.
 #pragma once
 
 #include "win_types.h"
@@ -145,7 +167,7 @@ typedef MIDICALLBACK* LPMIDICALLBACK;
 #define MEVT_F_LONG 0x80000000u
 #define MEVT_F_CALLBACK 0x40000000u
 #define MEVT_EVENTTYPE(x) (static_cast<BYTE>(((x) >> 24) & 0xFF))
-#define MEVT_EVENTPARM(x) (static_cast<DWORD>((x) & 0x00FFFFFFu))
+#define MEVT_EVENTPARM(x) (static_cast<DWORD>((x)&0x00FFFFFFu))
 #define MEVT_SHORTMSG (static_cast<BYTE>(0x00))
 #define MEVT_TEMPO (static_cast<BYTE>(0x01))
 #define MEVT_NOP (static_cast<BYTE>(0x02))
@@ -164,14 +186,14 @@ typedef MIDICALLBACK* LPMIDICALLBACK;
 #pragma pack(push, 1)
 
 typedef struct midihdr_tag {
-    LPSTR lpData;             // the buffer
-    DWORD dwBufferLength;     // its size in bytes
-    DWORD dwBytesRecorded;    // bytes of stream events in it (streams) / bytes received (input)
-    DWORD_PTR dwUser;         // the application's own value
-    DWORD dwFlags;            // MHDR_*
+    LPSTR lpData;           // the buffer
+    DWORD dwBufferLength;   // its size in bytes
+    DWORD dwBytesRecorded;  // bytes of stream events in it (streams) / bytes received (input)
+    DWORD_PTR dwUser;       // the application's own value
+    DWORD dwFlags;          // MHDR_*
     struct midihdr_tag* lpNext;
     DWORD_PTR reserved;
-    DWORD dwOffset;           // offset of the event that caused MOM_POSITIONCB
+    DWORD dwOffset;  // offset of the event that caused MOM_POSITIONCB
     DWORD_PTR dwReserved[8];
 } MIDIHDR, *PMIDIHDR, *NPMIDIHDR, *LPMIDIHDR;
 

@@ -12,8 +12,7 @@ constexpr std::uint16_t kTicksPerQuarter = 1000;
 constexpr std::uint32_t kMicrosecondsPerQuarter = 1000000;
 constexpr std::int64_t kNanosecondsPerTick = 1000000;
 
-void PutBigEndian(std::vector<std::uint8_t>& out, std::uint32_t value, int bytes)
-{
+void PutBigEndian(std::vector<std::uint8_t>& out, std::uint32_t value, int bytes) {
     for (int shift = 8 * (bytes - 1); shift >= 0; shift -= 8) {
         out.push_back(static_cast<std::uint8_t>((value >> shift) & 0xFF));
     }
@@ -21,8 +20,7 @@ void PutBigEndian(std::vector<std::uint8_t>& out, std::uint32_t value, int bytes
 
 // Variable-length quantity: 7 bits per byte, most significant group first, every byte but the
 // last with bit 7 set.
-void PutVariableLength(std::vector<std::uint8_t>& out, std::uint32_t value)
-{
+void PutVariableLength(std::vector<std::uint8_t>& out, std::uint32_t value) {
     std::uint8_t groups[5];
     int count = 0;
     do {
@@ -35,8 +33,7 @@ void PutVariableLength(std::vector<std::uint8_t>& out, std::uint32_t value)
     out.push_back(groups[0]);
 }
 
-bool FitsInFile(const RecordedMessage& message)
-{
+bool FitsInFile(const RecordedMessage& message) {
     if (message.bytes.empty()) {
         return false;
     }
@@ -54,8 +51,7 @@ bool FitsInFile(const RecordedMessage& message)
 //   F0 <variable-length count> <the SysEx bytes after F0, F7 included>, or
 //   FF 51 03 <u24 microseconds per quarter note> (tempo) / FF 2F 00 (end of track).
 void WriteStandardMidiFile(const std::filesystem::path& path,
-                           const std::vector<RecordedMessage>& messages, std::int64_t startNs)
-{
+                           const std::vector<RecordedMessage>& messages, std::int64_t startNs) {
     std::vector<std::uint8_t> track;
     track.insert(track.end(), {0x00, 0xFF, 0x51, 0x03});
     PutBigEndian(track, kMicrosecondsPerQuarter, 3);
@@ -65,7 +61,8 @@ void WriteStandardMidiFile(const std::filesystem::path& path,
         if (!FitsInFile(message)) {
             continue;
         }
-        const std::int64_t tick = std::max(lastTick, (message.timestampNs - startNs) / kNanosecondsPerTick);
+        const std::int64_t tick =
+            std::max(lastTick, (message.timestampNs - startNs) / kNanosecondsPerTick);
         PutVariableLength(track, static_cast<std::uint32_t>(tick - lastTick));
         lastTick = tick;
         if (message.bytes.front() == 0xF0) {
@@ -88,7 +85,8 @@ void WriteStandardMidiFile(const std::filesystem::path& path,
     file.insert(file.end(), track.begin(), track.end());
 
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out.write(reinterpret_cast<const char*>(file.data()), static_cast<std::streamsize>(file.size()));
+    out.write(reinterpret_cast<const char*>(file.data()),
+              static_cast<std::streamsize>(file.size()));
     out.close();
     if (!out) {
         throw std::runtime_error("cannot write MIDI file " + path.string());

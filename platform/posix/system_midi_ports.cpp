@@ -46,16 +46,14 @@ struct PortRef {
     std::string name;
 };
 
-void ReportRtMidiError(RtMidiError::Type type, const std::string& text, void* /*user*/)
-{
+void ReportRtMidiError(RtMidiError::Type type, const std::string& text, void* /*user*/) {
     if (type != RtMidiError::WARNING && type != RtMidiError::DEBUG_WARNING) {
         std::fprintf(stderr, "MIDI: %s\n", text.c_str());
     }
 }
 
 template <typename RtObject>
-std::optional<unsigned> FindPortByName(RtObject& rt, const std::string& name)
-{
+std::optional<unsigned> FindPortByName(RtObject& rt, const std::string& name) {
     const unsigned count = rt.getPortCount();
     for (unsigned i = 0; i < count; ++i) {
         if (rt.getPortName(i) == name) {
@@ -66,13 +64,12 @@ std::optional<unsigned> FindPortByName(RtObject& rt, const std::string& name)
 }
 
 class RtMidiOutputPort final : public OutputPort {
-public:
+  public:
     explicit RtMidiOutputPort(PortRef ref) : ref_(std::move(ref)) {}
 
     std::string Name() const override { return ref_.name; }
 
-    MMRESULT Open() override
-    {
+    MMRESULT Open() override {
         std::scoped_lock lock(mutex_);
         try {
             auto out = std::make_unique<RtMidiOut>(ref_.api, kClientName);
@@ -93,8 +90,7 @@ public:
         }
     }
 
-    void Close() override
-    {
+    void Close() override {
         std::unique_ptr<RtMidiOut> out;
         {
             std::scoped_lock lock(mutex_);
@@ -102,8 +98,7 @@ public:
         }
     }
 
-    MMRESULT Send(std::span<const BYTE> message, std::optional<std::uint64_t>) override
-    {
+    MMRESULT Send(std::span<const BYTE> message, std::optional<std::uint64_t>) override {
         std::scoped_lock lock(mutex_);
         if (!out_) {
             return MIDIERR_NODEVICE;
@@ -118,7 +113,7 @@ public:
 
     PacketTicket QueuePacket() override { return PacketTicket{nextPacket_++}; }
 
-private:
+  private:
     const PortRef ref_;
     std::mutex mutex_;
     std::unique_ptr<RtMidiOut> out_;
@@ -126,13 +121,12 @@ private:
 };
 
 class RtMidiInputPort final : public InputPort {
-public:
+  public:
     explicit RtMidiInputPort(PortRef ref) : ref_(std::move(ref)) {}
 
     std::string Name() const override { return ref_.name; }
 
-    MMRESULT Open(InputSink& sink) override
-    {
+    MMRESULT Open(InputSink& sink) override {
         std::scoped_lock lock(mutex_);
         try {
             auto in = std::make_unique<RtMidiIn>(ref_.api, kClientName, kInputQueueSize);
@@ -157,8 +151,7 @@ public:
     }
 
     // Destroying the RtMidi object ends its input thread / JACK client, so no message follows.
-    void Close() override
-    {
+    void Close() override {
         std::unique_ptr<RtMidiIn> in;
         {
             std::scoped_lock lock(mutex_);
@@ -168,10 +161,9 @@ public:
         sink_.store(nullptr);
     }
 
-private:
+  private:
     // Runs on RtMidi's input thread (the ALSA listener or the JACK process thread).
-    static void OnMessage_(double /*delta*/, std::vector<unsigned char>* message, void* self)
-    {
+    static void OnMessage_(double /*delta*/, std::vector<unsigned char>* message, void* self) {
         InputSink* sink = static_cast<RtMidiInputPort*>(self)->sink_.load();
         if (sink != nullptr && message != nullptr && !message->empty()) {
             sink->Receive(Bytes(message->begin(), message->end()), NowNs());
@@ -187,8 +179,7 @@ private:
 #ifdef VELT_HAVE_JACK
 thread_local bool quietJackMessages = false;
 
-void PrintJackMessage(const char* text)
-{
+void PrintJackMessage(const char* text) {
     if (!quietJackMessages) {
         std::fprintf(stderr, "JACK: %s\n", text);
     }
@@ -196,24 +187,20 @@ void PrintJackMessage(const char* text)
 #endif
 
 class SystemPortList {
-public:
+  public:
     SystemPortList() { RtMidi::getCompiledApi(apis_); }
 
     SystemPortList(const SystemPortList&) = delete;
     SystemPortList& operator=(const SystemPortList&) = delete;
 
-    ~SystemPortList()
-    {
+    ~SystemPortList() {
 #ifdef VELT_HAVE_JACK
-        if (jack_ != nullptr) {
-            jack_client_close(jack_);
-        }
+        CloseJackClient_();
 #endif
     }
 
     // Destinations (outputs = true) or sources, per compiled API in RtMidi's order.
-    std::vector<PortRef> List(bool outputs)
-    {
+    std::vector<PortRef> List(bool outputs) {
         std::scoped_lock lock(mutex_);
         std::vector<PortRef> ports;
         for (const RtMidi::Api api : apis_) {
@@ -229,9 +216,8 @@ public:
         return ports;
     }
 
-private:
-    void ListAlsa_(bool outputs, std::vector<PortRef>& ports)
-    {
+  private:
+    void ListAlsa_(bool outputs, std::vector<PortRef>& ports) {
         if (!alsaTried_) {
             alsaTried_ = true;
             if (access(kAlsaSequencerDevice, R_OK | W_OK) == 0) {
@@ -257,17 +243,24 @@ private:
     }
 
 #ifdef VELT_HAVE_JACK
-    static void OnJackShutdown_(void* self)
-    {
+    static void OnJackShutdown_(void* self) {
         static_cast<SystemPortList*>(self)->jackShutDown_.store(true);
     }
 
-    jack_client_t* JackClient_()
-    {
-        const auto now = std::chrono::steady_clock::now();
-        if (jack_ != nullptr && jackShutDown_.load()) {
+    // Closing a client whose server has gone only reports that the server is not running.
+    void CloseJackClient_() {
+        if (jack_ != nullptr) {
+            quietJackMessages = true;
             jack_client_close(jack_);
+            quietJackMessages = false;
             jack_ = nullptr;
+        }
+    }
+
+    jack_client_t* JackClient_() {
+        const auto now = std::chrono::steady_clock::now();
+        if (jackShutDown_.load()) {
+            CloseJackClient_();
         }
         if (jack_ == nullptr && now >= nextJackAttempt_) {
             static std::once_flag handlers;
@@ -290,8 +283,7 @@ private:
     }
 
     // A destination is a JACK MIDI port that takes input; a source one that gives output.
-    void ListJack_(bool outputs, std::vector<PortRef>& ports)
-    {
+    void ListJack_(bool outputs, std::vector<PortRef>& ports) {
         jack_client_t* client = JackClient_();
         if (client == nullptr) {
             return;
@@ -319,23 +311,20 @@ private:
     std::unique_ptr<RtMidiIn> alsaIn_;
 };
 
-SystemPortList& SystemPorts()
-{
+SystemPortList& SystemPorts() {
     static SystemPortList list;
     return list;
 }
 
 }  // namespace
 
-void AppendSystemOutputs(std::vector<std::shared_ptr<OutputPort>>& ports)
-{
+void AppendSystemOutputs(std::vector<std::shared_ptr<OutputPort>>& ports) {
     for (PortRef& ref : SystemPorts().List(true)) {
         ports.push_back(std::make_shared<RtMidiOutputPort>(std::move(ref)));
     }
 }
 
-void AppendSystemInputs(std::vector<std::shared_ptr<InputPort>>& ports)
-{
+void AppendSystemInputs(std::vector<std::shared_ptr<InputPort>>& ports) {
     for (PortRef& ref : SystemPorts().List(false)) {
         ports.push_back(std::make_shared<RtMidiInputPort>(std::move(ref)));
     }

@@ -20,18 +20,15 @@
 namespace velt_platform::detail {
 
 class VirtualOutputState final : public OutputPort {
-public:
+  public:
     VirtualOutputState(std::string name, WORD technology)
-        : name_(std::move(name)), technology_(technology)
-    {
-    }
+        : name_(std::move(name)), technology_(technology) {}
 
     std::string Name() const override { return name_; }
     const std::string& NameRef() const { return name_; }
     WORD Technology() const override { return technology_; }
 
-    MMRESULT Open() override
-    {
+    MMRESULT Open() override {
         std::scoped_lock lock(mutex_);
         if (openFailure_ != MMSYSERR_NOERROR) {
             return openFailure_;
@@ -44,8 +41,7 @@ public:
         return MMSYSERR_NOERROR;
     }
 
-    void Close() override
-    {
+    void Close() override {
         std::filesystem::path file;
         std::vector<RecordedMessage> session;
         std::int64_t start = 0;
@@ -67,19 +63,18 @@ public:
         }
     }
 
-    MMRESULT Send(std::span<const BYTE> message, std::optional<std::uint64_t> packet) override
-    {
+    MMRESULT Send(std::span<const BYTE> message, std::optional<std::uint64_t> packet) override {
         std::scoped_lock lock(mutex_);
         if (detached_) {
             return MIDIERR_NODEVICE;
         }
-        messages_.push_back(RecordedMessage{Bytes(message.begin(), message.end()), NowNs(), packet});
+        messages_.push_back(
+            RecordedMessage{Bytes(message.begin(), message.end()), NowNs(), packet});
         arrived_.notify_all();
         return MMSYSERR_NOERROR;
     }
 
-    PacketTicket QueuePacket() override
-    {
+    PacketTicket QueuePacket() override {
         std::scoped_lock lock(mutex_);
         PacketTicket ticket{nextPacket_++, false, completionDelay_};
         if (loseNext_ > 0) {
@@ -93,73 +88,62 @@ public:
     }
 
     // The owning VirtualMidiOutput is gone: keep serving open handles but record nothing more.
-    void Detach()
-    {
+    void Detach() {
         std::scoped_lock lock(mutex_);
         detached_ = true;
     }
 
-    std::vector<RecordedMessage> Messages() const
-    {
+    std::vector<RecordedMessage> Messages() const {
         std::scoped_lock lock(mutex_);
         return messages_;
     }
 
-    void ClearMessages()
-    {
+    void ClearMessages() {
         std::scoped_lock lock(mutex_);
         messages_.clear();
     }
 
-    bool WaitForMessages(std::size_t count, std::chrono::milliseconds limit) const
-    {
+    bool WaitForMessages(std::size_t count, std::chrono::milliseconds limit) const {
         std::unique_lock lock(mutex_);
         return arrived_.wait_for(lock, limit, [&] { return messages_.size() >= count; });
     }
 
-    std::uint64_t PacketCount() const
-    {
+    std::uint64_t PacketCount() const {
         std::scoped_lock lock(mutex_);
         return nextPacket_;
     }
 
-    bool IsOpen() const
-    {
+    bool IsOpen() const {
         std::scoped_lock lock(mutex_);
         return open_;
     }
 
-    void FailOpen(MMRESULT result)
-    {
+    void FailOpen(MMRESULT result) {
         std::scoped_lock lock(mutex_);
         openFailure_ = result;
     }
 
-    void LoseNextCompletions(unsigned count)
-    {
+    void LoseNextCompletions(unsigned count) {
         std::scoped_lock lock(mutex_);
         loseNext_ = count;
     }
 
-    void LoseCompletionOfPacket(std::uint64_t index)
-    {
+    void LoseCompletionOfPacket(std::uint64_t index) {
         std::scoped_lock lock(mutex_);
         losePackets_.insert(index);
     }
 
-    void SetCompletionDelay(std::chrono::nanoseconds delay)
-    {
+    void SetCompletionDelay(std::chrono::nanoseconds delay) {
         std::scoped_lock lock(mutex_);
         completionDelay_ = delay;
     }
 
-    void SetMidiFile(std::filesystem::path path)
-    {
+    void SetMidiFile(std::filesystem::path path) {
         std::scoped_lock lock(mutex_);
         midiFile_ = std::move(path);
     }
 
-private:
+  private:
     const std::string name_;
     const WORD technology_;
 
@@ -178,14 +162,13 @@ private:
 };
 
 class VirtualInputState final : public InputPort {
-public:
+  public:
     explicit VirtualInputState(std::string name) : name_(std::move(name)) {}
 
     std::string Name() const override { return name_; }
     const std::string& NameRef() const { return name_; }
 
-    MMRESULT Open(InputSink& sink) override
-    {
+    MMRESULT Open(InputSink& sink) override {
         std::scoped_lock lock(mutex_);
         if (sink_ != nullptr) {
             return MMSYSERR_ALLOCATED;
@@ -194,25 +177,22 @@ public:
         return MMSYSERR_NOERROR;
     }
 
-    void Close() override
-    {
+    void Close() override {
         std::scoped_lock lock(mutex_);
         sink_ = nullptr;
     }
 
-    bool IsOpen() const
-    {
+    bool IsOpen() const {
         std::scoped_lock lock(mutex_);
         return sink_ != nullptr;
     }
 
-    bool Inject(Bytes message)
-    {
+    bool Inject(Bytes message) {
         std::scoped_lock lock(mutex_);
         return sink_ != nullptr && sink_->Receive(std::move(message), NowNs());
     }
 
-private:
+  private:
     const std::string name_;
     mutable std::mutex mutex_;
     InputSink* sink_ = nullptr;
@@ -224,32 +204,28 @@ constexpr const char* kDefaultOutputName = "Built-in Default Output";
 constexpr const char* kDefaultOutputFileVariable = "VELT_DEFAULT_OUTPUT_SMF";
 
 class Registry {
-public:
+  public:
     Registry()
-        : defaultOutput_(std::make_shared<VirtualOutputState>(kDefaultOutputName, MOD_SWSYNTH))
-    {
+        : defaultOutput_(std::make_shared<VirtualOutputState>(kDefaultOutputName, MOD_SWSYNTH)) {
         if (const char* path = std::getenv(kDefaultOutputFileVariable); path != nullptr) {
             defaultOutput_->SetMidiFile(path);
         }
     }
 
     template <typename State>
-    void Add(std::shared_ptr<State> device)
-    {
+    void Add(std::shared_ptr<State> device) {
         std::scoped_lock lock(mutex_);
         ListOf_<State>().push_back(std::move(device));
     }
 
     template <typename State>
-    void Remove(const std::shared_ptr<State>& device)
-    {
+    void Remove(const std::shared_ptr<State>& device) {
         std::scoped_lock lock(mutex_);
         auto& list = ListOf_<State>();
         list.erase(std::remove(list.begin(), list.end(), device), list.end());
     }
 
-    std::vector<std::shared_ptr<OutputPort>> Outputs() const
-    {
+    std::vector<std::shared_ptr<OutputPort>> Outputs() const {
         std::vector<std::shared_ptr<OutputPort>> ports;
         {
             std::scoped_lock lock(mutex_);
@@ -262,8 +238,7 @@ public:
         return ports;
     }
 
-    std::vector<std::shared_ptr<InputPort>> Inputs() const
-    {
+    std::vector<std::shared_ptr<InputPort>> Inputs() const {
         std::vector<std::shared_ptr<InputPort>> ports;
         {
             std::scoped_lock lock(mutex_);
@@ -275,10 +250,9 @@ public:
 
     const std::shared_ptr<VirtualOutputState>& DefaultOutput() const { return defaultOutput_; }
 
-private:
+  private:
     template <typename State>
-    std::vector<std::shared_ptr<State>>& ListOf_()
-    {
+    std::vector<std::shared_ptr<State>>& ListOf_() {
         if constexpr (std::is_same_v<State, VirtualOutputState>) {
             return outputs_;
         } else {
@@ -292,15 +266,13 @@ private:
     const std::shared_ptr<VirtualOutputState> defaultOutput_;
 };
 
-Registry& TheRegistry()
-{
+Registry& TheRegistry() {
     static Registry registry;
     return registry;
 }
 
 template <typename Port>
-std::optional<UINT> PositionIn(const std::vector<std::shared_ptr<Port>>& ports, const Port* port)
-{
+std::optional<UINT> PositionIn(const std::vector<std::shared_ptr<Port>>& ports, const Port* port) {
     for (std::size_t i = 0; i < ports.size(); ++i) {
         if (ports[i].get() == port) {
             return static_cast<UINT>(i);
@@ -311,8 +283,12 @@ std::optional<UINT> PositionIn(const std::vector<std::shared_ptr<Port>>& ports, 
 
 }  // namespace
 
-std::vector<std::shared_ptr<OutputPort>> ListOutputs() { return TheRegistry().Outputs(); }
-std::vector<std::shared_ptr<InputPort>> ListInputs() { return TheRegistry().Inputs(); }
+std::vector<std::shared_ptr<OutputPort>> ListOutputs() {
+    return TheRegistry().Outputs();
+}
+std::vector<std::shared_ptr<InputPort>> ListInputs() {
+    return TheRegistry().Inputs();
+}
 
 }  // namespace velt_platform::detail
 
@@ -321,66 +297,76 @@ namespace velt_platform {
 using detail::TheRegistry;
 
 MidiOutputRecorder::MidiOutputRecorder(std::shared_ptr<detail::VirtualOutputState> state)
-    : state_(std::move(state))
-{
-}
+    : state_(std::move(state)) {}
 
-const std::string& MidiOutputRecorder::Name() const { return state_->NameRef(); }
-std::vector<RecordedMessage> MidiOutputRecorder::Messages() const { return state_->Messages(); }
-void MidiOutputRecorder::ClearMessages() { state_->ClearMessages(); }
-bool MidiOutputRecorder::WaitForMessages(std::size_t count, std::chrono::milliseconds limit) const
-{
+const std::string& MidiOutputRecorder::Name() const {
+    return state_->NameRef();
+}
+std::vector<RecordedMessage> MidiOutputRecorder::Messages() const {
+    return state_->Messages();
+}
+void MidiOutputRecorder::ClearMessages() {
+    state_->ClearMessages();
+}
+bool MidiOutputRecorder::WaitForMessages(std::size_t count, std::chrono::milliseconds limit) const {
     return state_->WaitForMessages(count, limit);
 }
-std::uint64_t MidiOutputRecorder::PacketCount() const { return state_->PacketCount(); }
-bool MidiOutputRecorder::IsOpen() const { return state_->IsOpen(); }
-void MidiOutputRecorder::FailOpen(MMRESULT result) { state_->FailOpen(result); }
-void MidiOutputRecorder::LoseNextCompletions(unsigned count) { state_->LoseNextCompletions(count); }
-void MidiOutputRecorder::LoseCompletionOfPacket(std::uint64_t packetIndex)
-{
+std::uint64_t MidiOutputRecorder::PacketCount() const {
+    return state_->PacketCount();
+}
+bool MidiOutputRecorder::IsOpen() const {
+    return state_->IsOpen();
+}
+void MidiOutputRecorder::FailOpen(MMRESULT result) {
+    state_->FailOpen(result);
+}
+void MidiOutputRecorder::LoseNextCompletions(unsigned count) {
+    state_->LoseNextCompletions(count);
+}
+void MidiOutputRecorder::LoseCompletionOfPacket(std::uint64_t packetIndex) {
     state_->LoseCompletionOfPacket(packetIndex);
 }
-void MidiOutputRecorder::SetCompletionDelay(std::chrono::nanoseconds delay)
-{
+void MidiOutputRecorder::SetCompletionDelay(std::chrono::nanoseconds delay) {
     state_->SetCompletionDelay(delay);
 }
 
 VirtualMidiOutput::VirtualMidiOutput(std::string name)
-    : MidiOutputRecorder(std::make_shared<detail::VirtualOutputState>(std::move(name), MOD_MIDIPORT))
-{
+    : MidiOutputRecorder(
+          std::make_shared<detail::VirtualOutputState>(std::move(name), MOD_MIDIPORT)) {
     TheRegistry().Add(state_);
 }
 
-VirtualMidiOutput::~VirtualMidiOutput()
-{
+VirtualMidiOutput::~VirtualMidiOutput() {
     TheRegistry().Remove(state_);
     state_->Detach();
 }
 
-std::optional<UINT> VirtualMidiOutput::DeviceId() const
-{
+std::optional<UINT> VirtualMidiOutput::DeviceId() const {
     return detail::PositionIn<detail::OutputPort>(detail::ListOutputs(), state_.get());
 }
 
 VirtualMidiInput::VirtualMidiInput(std::string name)
-    : state_(std::make_shared<detail::VirtualInputState>(std::move(name)))
-{
+    : state_(std::make_shared<detail::VirtualInputState>(std::move(name))) {
     TheRegistry().Add(state_);
 }
 
-VirtualMidiInput::~VirtualMidiInput() { TheRegistry().Remove(state_); }
+VirtualMidiInput::~VirtualMidiInput() {
+    TheRegistry().Remove(state_);
+}
 
-const std::string& VirtualMidiInput::Name() const { return state_->NameRef(); }
+const std::string& VirtualMidiInput::Name() const {
+    return state_->NameRef();
+}
 
-std::optional<UINT> VirtualMidiInput::DeviceId() const
-{
+std::optional<UINT> VirtualMidiInput::DeviceId() const {
     return detail::PositionIn<detail::InputPort>(detail::ListInputs(), state_.get());
 }
 
-bool VirtualMidiInput::IsOpen() const { return state_->IsOpen(); }
+bool VirtualMidiInput::IsOpen() const {
+    return state_->IsOpen();
+}
 
-bool VirtualMidiInput::SendShort(std::uint8_t status, std::uint8_t data1, std::uint8_t data2)
-{
+bool VirtualMidiInput::SendShort(std::uint8_t status, std::uint8_t data1, std::uint8_t data2) {
     const int length = detail::ShortMessageLength(status);
     if (length == 0) {
         return false;
@@ -390,8 +376,7 @@ bool VirtualMidiInput::SendShort(std::uint8_t status, std::uint8_t data1, std::u
     return state_->Inject(std::move(message));
 }
 
-bool VirtualMidiInput::SendSysEx(std::vector<std::uint8_t> message)
-{
+bool VirtualMidiInput::SendSysEx(std::vector<std::uint8_t> message) {
     if (message.empty() || message.front() != 0xF0) {
         return false;
     }
@@ -401,22 +386,18 @@ bool VirtualMidiInput::SendSysEx(std::vector<std::uint8_t> message)
 namespace {
 // Gives the default output's state the public recorder interface.
 class DefaultRecorder final : public MidiOutputRecorder {
-public:
+  public:
     explicit DefaultRecorder(std::shared_ptr<detail::VirtualOutputState> state)
-        : MidiOutputRecorder(std::move(state))
-    {
-    }
+        : MidiOutputRecorder(std::move(state)) {}
 };
 }  // namespace
 
-MidiOutputRecorder& DefaultMidiOutput()
-{
+MidiOutputRecorder& DefaultMidiOutput() {
     static DefaultRecorder recorder(TheRegistry().DefaultOutput());
     return recorder;
 }
 
-void SetDefaultOutputMidiFile(std::filesystem::path path)
-{
+void SetDefaultOutputMidiFile(std::filesystem::path path) {
     TheRegistry().DefaultOutput()->SetMidiFile(std::move(path));
 }
 
