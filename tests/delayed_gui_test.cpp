@@ -93,3 +93,17 @@ TEST(DelayedGui, DestructionIsPromptWhenIdleAndRepeatedConstructionIsClean) {
         }
     }
 }
+
+TEST(DelayedGui, ADueTimeOfZeroSignalsTheTimerAtOnce) {
+    // The display delay may be 0: the timer it arms must then be signalled already, so that a
+    // wait with no time allowed finds it so (a due time of 0 is an absolute time long past).
+    HANDLE timer = CreateWaitableTimerW(nullptr, FALSE, nullptr);
+    ASSERT_NE(timer, nullptr);
+    LARGE_INTEGER dueTime;
+    dueTime.QuadPart = 0;
+    ASSERT_TRUE(SetWaitableTimer(timer, &dueTime, 0, nullptr, nullptr, FALSE));
+    EXPECT_EQ(WaitForSingleObject(timer, 0), WAIT_OBJECT_0);
+    // Auto-reset: the signal was consumed by that wait.
+    EXPECT_EQ(WaitForSingleObject(timer, 0), static_cast<DWORD>(WAIT_TIMEOUT));
+    CloseHandle(timer);
+}

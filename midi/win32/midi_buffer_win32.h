@@ -49,15 +49,10 @@ public:
     void RetainDataBufferLock(unsigned char port);
 
 private:
-    std::shared_ptr<DataBuffer> MakeDataBuffer_(unsigned char port) const;
+    std::shared_ptr<DataBuffer> MakeDataBuffer_(unsigned char port);
 
     std::vector<std::shared_ptr<DataBuffer>> dataBuffers_;
     std::vector<std::shared_ptr<DataBuffer>> quarantinedDataBuffers_;
     std::set<unsigned char> retainedPorts_;
     unsigned short dataBufferCapacity_;
 };
-
-/// Creates the platform's buffer (a MidiBufferWin32). The caller owns it.
-std::unique_ptr<MidiBuffer> CreateMidiBuffer(unsigned char portCount,
-                                             unsigned short dataBufferCapacity,
-                                             const std::string& name);

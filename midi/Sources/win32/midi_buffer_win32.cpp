@@ -10,7 +10,7 @@ MidiBufferWin32::MidiBufferWin32(unsigned char portCount, unsigned short dataBuf
     }
 }
 
-std::shared_ptr<DataBuffer> MidiBufferWin32::MakeDataBuffer_(unsigned char port) const {
+std::shared_ptr<DataBuffer> MidiBufferWin32::MakeDataBuffer_(unsigned char port) {
     auto dataBuffer = std::make_shared<DataBuffer>(dataBufferCapacity_, port, GetName());
     if (port != 0) {
         dataBuffer->SetUseChannel15();
