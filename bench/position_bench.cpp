@@ -1,12 +1,12 @@
 // Cost of moving the playback position through a large song: nanoseconds per forward step (the
 // queue thread advances once per buffer) and microseconds per seek.
 //
-// The synthetic song has one beat record and one tempo record per beat (a tempo change on every
-// beat is the worst case for the forward step), a meter change every 16 bars, a key every 8
-// bars, a page every 4 bars, a marker every bar, and tempo scales, transpositions and click
-// events every few bars. The argument is the number of beats, so the timeline holds twice that
-// many records plus the rarer ones: 50,000 beats make 100,000+ records. Steady figures across
-// the two sizes mean the step does not grow with the song.
+// The synthetic song has a beat record per click and a tempo record per quarter (a tempo change
+// on every beat is the worst case for the forward step), a meter change every 16 bars, a key every
+// 8 bars, a page every 4 bars, a marker every bar, and tempo scales, transpositions and click
+// events every few bars. The argument is the number of quarter-note beats; the timeline holds
+// at least twice that many records (more where a meter clicks in eighths): 50,000 beats make
+// about 125,000. Steady figures across the two sizes mean the step does not grow with the song.
 #include <benchmark/benchmark.h>
 
 #include <cstdint>

@@ -342,7 +342,8 @@ class HowToPlayWithMidiClock : public HowToPlay {
     HowToPlayWithMidiClock(HowToPlayWithMidiClock&&) = default;
 
     /// HowToPlay::AdvanceToTickIndex, then schedules the clock's new clock time and clocks per
-    /// click at `tickIndex` (the requested tick, not the clamped position) if they changed.
+    /// click at `tickIndex` (the requested tick, not the clamped position) if they changed. A
+    /// target behind the position seeks first; what the seek re-armed then reports to the clock.
     void AdvanceToTickIndex(unsigned int tickIndex) override;
     /// AdvanceToTickIndex for a caller that holds `lock` on the mutex serialising this object:
     /// the lock is released around each call into the clock and held again afterwards (also

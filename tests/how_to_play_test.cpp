@@ -2,7 +2,9 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <random>
 #include <string>
+#include <type_traits>
 #include <vector>
 
 #include "interfaces/kit.h"
@@ -10,6 +12,17 @@
 #include "position_songs.h"
 
 using namespace position_songs;
+
+namespace position_search_reference {
+template <typename Record>
+unsigned int TickOf(const Record& record) {
+    if constexpr (std::is_base_of_v<CL::PairedEvent, Record>) {
+        return record.start();
+    } else {
+        return record.tick_index;
+    }
+}
+}  // namespace position_search_reference
 
 namespace {
 
@@ -30,6 +43,18 @@ class WideRangeHowToPlay : public HowToPlay {
         return wide ? tempoScale : HowToPlay::LimitTempoScaleToAllowedRange(tempoScale);
     }
 };
+
+/// Replaces a 4/4 song's beat records by one per quarter note, up to the song end.
+void SetQuarterBeats(velt_midi::SongData& song) {
+    TL::Timeline& timeline = song.GetTimeline();
+    TL::TimelineSequence<TL::BarsBeats> beats;
+    for (unsigned int tick = 0; tick <= timeline.lastTickIndex; tick += kTicksPerQuarter) {
+        const auto quarter = static_cast<std::int32_t>(tick / kTicksPerQuarter);
+        beats.push_back(TL::BarsBeats{tick, quarter / 4 + 1, quarter % 4 + 1,
+                                      static_cast<std::uint32_t>(quarter % 4 + 1)});
+    }
+    timeline.GetBarsBeats() = beats;
+}
 
 /// The name of the major key with `sharps` sharps, untransposed.
 std::string KeyName(std::int16_t sharps) {
@@ -132,6 +157,67 @@ TEST_F(HowToPlayTest, AdvanceClampsAtSongEndAndMovesBackOnlyBySeek) {
 
     position.Seek(kMainLastTick + 1);
     EXPECT_EQ(position.GetTickIndex(), kMainLastTick);
+}
+
+TEST_F(HowToPlayTest, AdvancingAndSeekingFindTheRecordInForce) {
+    // Records on every beat and events every few bars; steps from one tick to several bars.
+    // Both searches must find what a plain scan finds: the last record at or before the tick.
+    velt_core::SongBuilder builder("Steps", kTicksPerQuarter);
+    builder.Meter(0, 4, 4).Meter(96000, 3, 4).Bars(120);
+    for (unsigned int beat = 0; beat < 480; ++beat) {
+        builder.Tempo(beat * 480, 90.0 + beat % 7);
+    }
+    for (unsigned int bar = 0; bar < 100; ++bar) {
+        const unsigned int tick = bar * 1920;
+        builder.Marker(tick + 20, "m").Page(tick, static_cast<std::int32_t>(bar));
+        builder.Key(tick, static_cast<std::int16_t>(bar % 5));
+        builder.TempoScale(tick + 480, tick + 960, 0.9f).Transpose(tick, tick + 100, 1);
+        builder.Click(tick + 960, tick + 1440, 12);
+    }
+    auto song = builder.Build();
+    const TL::Timeline& timeline = song->GetTimeline();
+    const CL::SongLog& log = song->GetSongLog();
+    auto inForce = [](const auto& sequence, unsigned int tick) {
+        unsigned int found = position_search_reference::TickOf(sequence.front());
+        for (const auto& record : sequence) {
+            if (position_search_reference::TickOf(record) > tick)
+                break;
+            found = position_search_reference::TickOf(record);
+        }
+        return found;
+    };
+    HowToPlay seeker(controls);
+    Load(position, *song);
+    Load(seeker, *song);
+
+    std::mt19937 random(7);
+    std::uniform_int_distribution<unsigned int> smallStep(1, 40);
+    std::uniform_int_distribution<unsigned int> largeStep(1, 9000);
+    unsigned int tick = 0;
+    int steps = 0;
+    while (tick < position.GetLastTickIndex()) {
+        tick += (steps++ % 4 == 0) ? largeStep(random) : smallStep(random);
+        position.AdvanceToTickIndex(tick);
+        seeker.Seek(tick);
+        const unsigned int t = position.GetTickIndex();
+        for (const HowToPlay* moved : {&position, &seeker}) {
+            const std::string at =
+                (moved == &position ? "advance to " : "seek to ") + std::to_string(t);
+            ASSERT_EQ(moved->GetTickIndex(), t) << at;
+            ASSERT_EQ(moved->GetTempo().tick_index, inForce(timeline.GetTempos(), t)) << at;
+            ASSERT_EQ(moved->GetBarBeat().tick_index, inForce(timeline.GetBarsBeats(), t)) << at;
+            ASSERT_EQ(moved->GetMeter().tick_index, inForce(timeline.GetMeters(), t)) << at;
+            ASSERT_EQ(moved->GetKey().tick_index, inForce(timeline.GetKeys(), t)) << at;
+            ASSERT_EQ(moved->GetPageNumber().tick_index, inForce(timeline.GetPageNums(), t)) << at;
+            ASSERT_EQ(moved->GetMarkerTickIndex(), inForce(log.GetMarkers(), t)) << at;
+            ASSERT_EQ(moved->GetTempoScale().start(), inForce(log.GetTempoScales(), t)) << at;
+            ASSERT_EQ(moved->GetTranspose().start(), inForce(log.GetTranspositions(), t)) << at;
+            ASSERT_EQ(moved->GetClick().start(), inForce(log.GetClicks(), t)) << at;
+        }
+        ASSERT_EQ(position.GetClocksPerClickAtTickIndex(t), position.GetClocksPerClick());
+        ASSERT_EQ(position.GetTranspositionValueAtTickIndex(t), seeker.GetTranspositionValue());
+    }
+    EXPECT_GT(steps, 100);
 }
 
 TEST_F(HowToPlayTest, SnapshotsDescribeTheStateBeforeTheMove) {
@@ -370,18 +456,20 @@ TEST_F(HowToPlayTest, EmptySequencesThrowTheirOwnTexts) {
 }
 
 TEST_F(HowToPlayTest, ClockNumberCountsFromBarStartOrFromTheClickStart) {
-    // A click of 36 clocks in 4/4 does not divide the bar, so the two rules differ.
+    // Beat records on every quarter note (4 a bar), whatever the click: a click of 36 clocks in
+    // 4/4 does not divide the bar, so the two rules differ.
     auto song =
         velt_core::SongBuilder("Clocks", kTicksPerQuarter).Meter(0, 4, 4, 36).Bars(2).Build();
+    SetQuarterBeats(*song);
     Load(position, *song);
-    // Beats are the meter's clicks: records at 0, 720 and 1440.
-    position.AdvanceToTickIndex(1000);  // beat 2 (720) + 14 clocks; 50 clocks into the bar
+    position.AdvanceToTickIndex(1000);  // beat 3 (960) + 2 clocks; 50 clocks into the bar
     EXPECT_EQ(position.GetClockNumber(), 50 % 36);
-    EXPECT_EQ(position.GetClockNumberAtTickIndex(1000), 14);  // from the beat record
+    EXPECT_EQ(position.GetClockNumberAtTickIndex(1000), 2);  // from the beat record
 
     // A click event of 48 clocks from beat 2: by tick, counted from the click's start.
     auto clicked =
         velt_core::SongBuilder("Clicked", kTicksPerQuarter).Bars(3).Click(480, 3840, 16).Build();
+    SetQuarterBeats(*clicked);
     Load(position, *clicked);
     position.AdvanceToTickIndex(1000);
     EXPECT_EQ(position.GetClockNumber(), 50 % 48);
@@ -426,7 +514,7 @@ TEST_F(HowToPlayTest, ACopyIsAnIndependentSecondPosition) {
     HowToPlay moved(std::move(copy));
     EXPECT_EQ(moved.GetTickIndex(), 9000u);
     moved.AdvanceToTickIndex(9500);
-    EXPECT_EQ(moved.GetBarString(), "6:2");  // 6/8 is conducted in two dotted-quarter beats
+    EXPECT_EQ(moved.GetBarString(), "6:2");  // 6/8 beats in dotted quarters: 8640, 9360
 }
 
 TEST_F(HowToPlayTest, WriteDspEventsDumpsBothSequences) {

@@ -1,5 +1,6 @@
-// Songs for the playback-position tests. Resolution 480 ticks per quarter: 20 ticks per clock,
-// a 4/4 beat is 480 ticks and a 6/8 beat 240.
+// Songs for the playback-position tests. Resolution 480 ticks per quarter: 20 ticks per clock;
+// beat records fall on the clicks of the meter: every 480 ticks in 4/4, every 720 (a dotted
+// quarter) in 6/8.
 #pragma once
 
 #include <memory>
