@@ -17,47 +17,10 @@
 #include "interfaces/notify.h"
 #include "midi/midi_output.h"
 #include "midi/velt_midi_error.h"
+#include "manual_send_step.h"
+#include "recording_midi_buffer.h"
 
 namespace {
-
-// A buffer keeping each port's events in a vector with a capacity.
-class RecordingBuffer : public MidiBuffer {
-public:
-    RecordingBuffer(unsigned char portCount, const std::string& name, std::size_t capacity)
-        : MidiBuffer(portCount, name), events_(portCount), capacity_(capacity) {}
-
-    bool AddEventToBuffer(unsigned char port, const velt_midi::VoiceEvent& event) override {
-        std::scoped_lock lock(GetMutex());
-        if (GetBufferIsFull(port)) {
-            return false;
-        }
-        FilterProgramChange(port, event);
-        events_.at(port).push_back(event);
-        return true;
-    }
-    void DoneAddingEventsToBuffer() override {}
-    bool GetBufferIsFull(unsigned char port) override {
-        std::scoped_lock lock(GetMutex());
-        return events_.at(port).size() >= capacity_;
-    }
-    void* GetPacketDataAtPortIndex(unsigned char port) override { return &events_.at(port); }
-    unsigned short GetPortEventCount(unsigned char port) override {
-        std::scoped_lock lock(GetMutex());
-        return static_cast<unsigned short>(events_.at(port).size());
-    }
-    void ResetPortEventCounts() override {
-        std::scoped_lock lock(GetMutex());
-        for (auto& port : events_) port.clear();
-    }
-    std::vector<velt_midi::VoiceEvent> Events(unsigned char port) {
-        std::scoped_lock lock(GetMutex());
-        return events_.at(port);
-    }
-
-private:
-    std::vector<std::vector<velt_midi::VoiceEvent>> events_;
-    std::size_t capacity_;
-};
 
 struct SentBuffer {
     std::string name;
@@ -68,7 +31,7 @@ struct SentBuffer {
 class RecordingPorts : public MidiOutputPorts {
 public:
     void SendMidiBuffer(MidiBuffer& buffer) override {
-        auto& recording = dynamic_cast<RecordingBuffer&>(buffer);
+        auto& recording = dynamic_cast<RecordingMidiBuffer&>(buffer);
         SentBuffer sent{buffer.GetName(), buffer.GetTickIndex(), {}};
         for (unsigned char port = 0; port < buffer.GetPortCount(); ++port) {
             auto events = recording.Events(port);
@@ -131,7 +94,7 @@ public:
 protected:
     std::shared_ptr<MidiBuffer> CreateBuffer(unsigned char portCount, unsigned short capacity,
                                              const std::string& name) override {
-        return std::make_shared<RecordingBuffer>(portCount, name, capacity);
+        return std::make_shared<RecordingMidiBuffer>(portCount, capacity, name);
     }
 };
 
@@ -196,33 +159,7 @@ void Prime(MidiOutput& output) {
     output.PrimeBuffers(lock);
 }
 
-// What the clock-driven send step does with one period: wait for the play buffer, send it (or,
-// for a last buffer, silence and stop), release it to the filler, advance.
-enum class Sent { nothing, buffer, stopped };
-Sent SendOnePeriod(MidiOutput& output) {
-    std::scoped_lock client(*output.GetClientMutex());
-    if (!output.PlaybackIsActive()) return Sent::nothing;
-    auto buffer = output.GetPlayBuffer();
-    if (!buffer->WaitUntilReadyForOutput()) return Sent::nothing;
-    std::unique_lock outputLock(output.GetMutex(), std::defer_lock);
-    std::unique_lock bufferLock(buffer->GetMutex(), std::defer_lock);
-    std::lock(outputLock, bufferLock);
-    if (!output.PlaybackIsActive()) return Sent::nothing;
-    if (buffer->GetIsLastBuffer()) {
-        output.AllNotesOff();
-        bufferLock.unlock();
-        outputLock.unlock();
-        output.DisarmPlayback();
-        output.SignalAsyncStoppedCallback();
-        return Sent::stopped;
-    }
-    output.GetPorts().SendMidiBuffer(*buffer);
-    buffer->SendProgramChanges();
-    output.SetBpmAtTickIndex(120.0, buffer->GetTickIndex());
-    buffer->SetHasData(false);
-    output.IncrementPlayBufferIndex();
-    return Sent::buffer;
-}
+using Sent = ManualSendResult;
 
 std::vector<unsigned int> MainTicks(const std::vector<SentBuffer>& sent) {
     std::vector<unsigned int> ticks;
