@@ -107,7 +107,8 @@ private:
 class MidiOutput {
 public:
     /// Fills one buffer with the next period's events and marks it filled (SetHasData(true)).
-    /// Runs on the queue thread, or on the client's thread inside PrimeBuffers.
+    /// Runs on the queue thread, or on the client's thread inside PrimeBuffers, always with the
+    /// buffer's mutex held: a callback that takes locks of its own takes them after it.
     using FillCallback = std::function<void(MidiBuffer&)>;
     /// Told the tick of a sent period that starts a tick (after the display delay).
     using DownbeatCallback = std::function<void(unsigned int)>;

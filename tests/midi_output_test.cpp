@@ -41,8 +41,9 @@ public:
         sent_.push_back(std::move(sent));
     }
     void RegisterMidiBuffer(std::shared_ptr<MidiBuffer> buffer) override {
+        std::string name = buffer->GetName();  // the buffer's lock before ours, as when sending
         std::scoped_lock lock(mutex_);
-        registered_.push_back(buffer->GetName());
+        registered_.push_back(std::move(name));
     }
     std::vector<SentBuffer> Sent() {
         std::scoped_lock lock(mutex_);

@@ -54,6 +54,9 @@ void MidiQueueThread::Run() {
         if (!output_.PlaybackIsActive()) {
             continue;
         }
+        // The buffer's mutex is held around the fill, as PrimeBuffers holds it: the fill
+        // callback always runs under it, so locks of the host's come after it on every path.
+        std::scoped_lock lock(buffer->GetMutex());
         output_.DoFillMidiBufferCallback(*buffer, false);  // resets the buffer, then fills it
         output_.IncrementFillBufferIndex();
     }
