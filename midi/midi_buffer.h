@@ -6,6 +6,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <utility>
@@ -133,6 +134,12 @@ class MidiBuffer {
     double nextTimeCodeSeconds_ = 0.0;
     int clocksPerClick_ = 0;
 };
+
+/// Creates the platform's buffer (on this backend a MidiBufferWin32: one stream packet of
+/// `dataBufferCapacity` bytes per port). The caller owns it.
+std::unique_ptr<MidiBuffer> CreateMidiBuffer(unsigned char portCount,
+                                             unsigned short dataBufferCapacity,
+                                             const std::string& name);
 
 /// Panic: for channels 0..15 in order, adds to port 0 control change 123 (all notes off) then
 /// 121 (reset all controllers), value 0, time 0; 32 events, then DoneAddingEventsToBuffer once.

@@ -25,5 +25,13 @@
 #include "posix/kernel.h"
 #endif
 
+// A wide string literal of the platform's WCHAR type: L"..." on Windows (wchar_t is 16 bits
+// there), u"..." elsewhere (WCHAR is char16_t).
+#ifdef _WIN32
+#define VELT_WTEXT(text) L##text
+#else
+#define VELT_WTEXT(text) u##text
+#endif
+
 // Our own additions, declared for both systems (high-resolution absolute waits).
 #include "precise_wait.h"

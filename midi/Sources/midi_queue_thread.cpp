@@ -1,0 +1,80 @@
+#include <exception>
+
+#include "interfaces/kit.h"
+#include "interfaces/notify.h"
+#include "midi/midi_output.h"
+#include "platform/mmsystem.h"
+
+namespace {
+// Source position quoted when an exception ends the thread.
+constexpr const char* queueThreadSource = "midi/Sources/midi_queue_thread";
+constexpr int queueThreadLine = 122;
+}  // namespace
+
+MidiQueueThread::MidiQueueThread(MidiOutput& output, MidiThreadManager& manager)
+    : output_(output), manager_(manager), thread_([this] { ThreadEntry_(); }) {}
+
+MidiQueueThread::~MidiQueueThread() {
+    if (!joined_.load() && thread_.joinable()) {
+        Join();
+    }
+}
+
+void MidiQueueThread::ThreadEntry_() {
+    // The filler must never fall behind the send step, so it asks for the highest priority the
+    // platform grants; a refusal is logged and playback goes on at normal priority.
+    if (!SetThreadPriority(GetCurrentThread(), THREAD_PRIORITY_HIGHEST)) {
+        kit::CoutBuffer() << "Unable to SetThreadPriority of midi clock. dwError = "
+                          << GetLastError() << kit::endl;
+    }
+    kit::threadNames.SetNameOfCurrentThread("midi_queue_run");
+    try {
+        Run();
+    } catch (const std::exception& error) {
+        VeltLogException(error.what(), queueThreadSource, queueThreadLine);
+    } catch (...) {
+        VeltLogException("Unknown exception.", queueThreadSource, queueThreadLine);
+    }
+}
+
+void MidiQueueThread::Run() {
+    while (true) {
+        if (!ShouldRun()) {
+            return;
+        }
+        output_.QueueWaitForPlayback(*this);
+        if (!ShouldRun()) {
+            return;
+        }
+        std::shared_ptr<MidiBuffer> buffer = output_.GetFillBuffer();
+        buffer->WaitUntilNeedsData();
+        if (!ShouldRun()) {
+            return;
+        }
+        if (!output_.PlaybackIsActive()) {
+            continue;
+        }
+        // The buffer's mutex is held around the fill, as PrimeBuffers holds it: the fill
+        // callback always runs under it, so locks of the host's come after it on every path.
+        std::scoped_lock lock(buffer->GetMutex());
+        output_.DoFillMidiBufferCallback(*buffer, false);  // resets the buffer, then fills it
+        output_.IncrementFillBufferIndex();
+    }
+}
+
+void MidiQueueThread::Exit() { exitRequested_.exchange(true); }
+
+void MidiQueueThread::Join() {
+    if (joined_.load()) {
+        return;
+    }
+    exitRequested_.exchange(true);
+    {
+        std::shared_ptr<MidiBuffer> buffer = output_.GetFillBuffer();
+        std::scoped_lock lock(buffer->GetMutex());
+        buffer->SetHasData(false);  // wakes a wait for the buffer to need data
+    }
+    manager_.Release();  // wakes a parked thread
+    thread_.join();
+    joined_.store(true);
+}

@@ -1,0 +1,161 @@
+#include "midi/win32/data_buffer.h"
+
+#include <chrono>
+#include <cstring>
+
+#include "interfaces/kit.h"
+#include "midi/velt_midi_error.h"
+#include "midi/win32/midi_device_info.h"
+
+namespace {
+// Source positions quoted in failure texts.
+constexpr const char* dataBufferSource = "midi/Sources/win32/data_buffer";
+constexpr int prepareHeaderLine = 225;
+constexpr int unprepareHeaderLine = 242;
+
+void ThrowIfFailed(MMRESULT result, int line, const char* action) {
+    if (result != MMSYSERR_NOERROR) {
+        throw MidiImplementationError(kit::format("%s line %d: %s caused error %d, %s.",
+                                                  dataBufferSource, line, action,
+                                                  static_cast<int>(result),
+                                                  GetMidiErrorAsString(result).c_str()));
+    }
+}
+
+void WriteDword(std::uint8_t* at, DWORD value) {
+    // Little-endian on every platform the stream service exists on.
+    at[0] = static_cast<std::uint8_t>(value);
+    at[1] = static_cast<std::uint8_t>(value >> 8);
+    at[2] = static_cast<std::uint8_t>(value >> 16);
+    at[3] = static_cast<std::uint8_t>(value >> 24);
+}
+
+DWORD ReadDword(const std::uint8_t* at) {
+    return static_cast<DWORD>(at[0]) | (static_cast<DWORD>(at[1]) << 8) |
+           (static_cast<DWORD>(at[2]) << 16) | (static_cast<DWORD>(at[3]) << 24);
+}
+}  // namespace
+
+DataBuffer::DataBuffer(std::uint16_t capacityBytes, std::uint8_t portIndex,
+                       const std::string& name)
+    : capacityBytes_(capacityBytes),
+      maxEvents_(static_cast<std::uint16_t>(capacityBytes / eventSize)),
+      storage_((static_cast<std::size_t>(capacityBytes / eventSize) + 1) * eventSize),
+      portIndex_(portIndex),
+      name_(name),
+      inUseMutex_(std::make_unique<std::mutex>()),
+      doneCondition_(std::make_unique<std::condition_variable>()) {
+    ResetHeader_();
+}
+
+void DataBuffer::ResetHeader_() {
+    header_ = MIDIHDR{};
+    header_.lpData = reinterpret_cast<LPSTR>(storage_.data());
+    header_.dwBufferLength = 0;
+    header_.dwBytesRecorded = 0;
+    header_.dwUser = reinterpret_cast<DWORD_PTR>(this);  // the completion callback finds us here
+    header_.dwFlags = MHDR_ISSTRM;
+}
+
+DataBuffer::DataBuffer(DataBuffer&& other) noexcept { *this = std::move(other); }
+
+DataBuffer& DataBuffer::operator=(DataBuffer&& other) noexcept {
+    if (this == &other) {
+        return *this;
+    }
+    capacityBytes_ = other.capacityBytes_;
+    maxEvents_ = other.maxEvents_;
+    storage_ = std::move(other.storage_);
+    other.storage_.clear();
+    eventCount_ = other.eventCount_;
+    useChannel15_ = other.useChannel15_;
+    header_ = other.header_;
+    header_.lpData = reinterpret_cast<LPSTR>(storage_.data());
+    header_.dwUser = reinterpret_cast<DWORD_PTR>(this);
+    other.header_.lpData = nullptr;
+    headerIsPrepared_ = other.headerIsPrepared_;
+    preparedHandle_ = other.preparedHandle_;
+    tickIndex_ = other.tickIndex_;
+    portIndex_ = other.portIndex_;
+    name_ = std::move(other.name_);
+    inUse_ = other.inUse_;
+    inUseMutex_ = std::move(other.inUseMutex_);
+    doneCondition_ = std::move(other.doneCondition_);
+    return *this;
+}
+
+void DataBuffer::AddVoiceEvent(const velt_midi::VoiceEvent& event) {
+    if (!event.IsValidVoiceEvent()) {
+        kit::CoutBuffer() << "Attempting to add invalid voice event:"
+                          << "\n  status = " << static_cast<int>(event.status & 0xF0)
+                          << "\n  data1 = " << static_cast<int>(event.data1)
+                          << "\n  data2 = " << static_cast<int>(event.data2) << kit::endl;
+    }
+    std::uint8_t status = useChannel15_ ? static_cast<std::uint8_t>(event.status | 0x0F)
+                                        : event.status;
+    DWORD word = (static_cast<DWORD>(event.data2) << 16) | (static_cast<DWORD>(event.data1) << 8) |
+                 status;
+    AddCallbackEvent(word);
+}
+
+void DataBuffer::AddCallbackEvent(DWORD eventWord) {
+    std::uint8_t* slot = storage_.data() + static_cast<std::size_t>(eventCount_) * eventSize;
+    WriteDword(slot, 0);      // delta time
+    WriteDword(slot + 4, 0);  // stream id
+    WriteDword(slot + 8, eventWord);
+    ++eventCount_;
+}
+
+MIDIEVENT DataBuffer::GetMidiMessageAtMessageIndex(std::uint16_t index) const {
+    const std::uint8_t* slot = storage_.data() + static_cast<std::size_t>(index) * eventSize;
+    MIDIEVENT event{};
+    event.dwDeltaTime = ReadDword(slot);
+    event.dwStreamID = ReadDword(slot + 4);
+    event.dwEvent = ReadDword(slot + 8);
+    return event;
+}
+
+std::string DataBuffer::GetBufferName() const {
+    return kit::format("%s data buffer %d", name_.c_str(), static_cast<int>(portIndex_));
+}
+
+void DataBuffer::PrepareHeader(HMIDIOUT handle) {
+    header_.dwBufferLength = static_cast<DWORD>(eventSize * eventCount_);
+    header_.dwBytesRecorded = header_.dwBufferLength;
+    ThrowIfFailed(midiOutPrepareHeader(handle, &header_, sizeof(MIDIHDR)), prepareHeaderLine,
+                  "calling midiOutPrepareHeader");
+    headerIsPrepared_ = true;
+    preparedHandle_ = handle;
+}
+
+void DataBuffer::UnprepareHeader(HMIDIOUT handle) {
+    ThrowIfFailed(midiOutUnprepareHeader(handle, &header_, sizeof(MIDIHDR)), unprepareHeaderLine,
+                  "calling midiOutUnprepareHeader");
+    headerIsPrepared_ = false;
+    preparedHandle_ = nullptr;
+}
+
+void DataBuffer::SetInUse() {
+    std::scoped_lock lock(*inUseMutex_);
+    if (inUse_) {
+        throw MidiImplementationError(kit::format("%s in use", GetBufferName().c_str()));
+    }
+    inUse_ = true;
+}
+
+bool DataBuffer::GetInUse() {
+    std::scoped_lock lock(*inUseMutex_);
+    return inUse_;
+}
+
+void DataBuffer::SignalMidiStreamOutDone() {
+    std::scoped_lock lock(*inUseMutex_);
+    inUse_ = false;
+    doneCondition_->notify_all();
+}
+
+bool DataBuffer::WaitForMidiStreamOutDone(int seconds) {
+    std::unique_lock lock(*inUseMutex_);
+    return doneCondition_->wait_for(lock, std::chrono::seconds(seconds),
+                                    [this] { return !inUse_; });
+}

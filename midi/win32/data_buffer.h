@@ -1,0 +1,109 @@
+// One output port's packet for one period: stream events plus the MIDIHDR that describes them to
+// the multimedia stream service, and the in-use handshake with the service's completion callback.
+#pragma once
+
+#include <condition_variable>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "interfaces/song_data.h"
+#include "platform/mmsystem.h"
+
+/// Stream event wire format (the short MIDIEVENT form, 12 bytes, little-endian):
+///
+///   offset 0  DWORD dwDeltaTime   always 0: a packet plays at once; timing comes from sending
+///                                 one packet per clock period
+///   offset 4  DWORD dwStreamID    always 0
+///   offset 8  DWORD dwEvent       short message: (data2 << 16) | (data1 << 8) | status, event
+///                                 type 0 (MEVT_SHORTMSG) in the top byte
+///
+/// MIDIHDR lifecycle: prepared with the device's handle (PrepareHeader) -> queued (SetInUse, then
+/// midiStreamOut) -> done (the service's MOM_DONE callback calls SignalMidiStreamOutDone) ->
+/// queued again next period ... -> unprepared (UnprepareHeader) when the device is disconnected.
+/// A packet the service does not hand back in time is quarantined by its owner and stays in use
+/// until it is returned; it is unprepared only after that.
+///
+/// Threads: the sender (the clock thread's send step) and the stream service's callback thread.
+/// Locks: the in-use mutex, around `inUse` only; the done condition pairs with it.
+class DataBuffer {
+public:
+    static constexpr std::size_t eventSize = 12;
+    /// The event word of a callback event: MEVT_F_CALLBACK | MEVT_NOP.
+    static constexpr DWORD callbackEventWord =
+        MEVT_F_CALLBACK | (static_cast<DWORD>(MEVT_NOP) << 24);
+    static_assert(callbackEventWord == 0x42000000u);
+
+    /// `capacityBytes` of event storage (maxEvents = capacityBytes / 12); the storage holds one
+    /// event more than that, because the fullness rule accepts one event past maxEvents.
+    DataBuffer(std::uint16_t capacityBytes, std::uint8_t portIndex, const std::string& name);
+    DataBuffer(const DataBuffer&) = delete;
+    DataBuffer& operator=(const DataBuffer&) = delete;
+    /// Moves the storage, mutex and condition; the header is re-pointed at the storage and at the
+    /// new object; the source is left without storage.
+    DataBuffer(DataBuffer&& other) noexcept;
+    DataBuffer& operator=(DataBuffer&& other) noexcept;
+    ~DataBuffer() = default;
+
+    /// Appends the voice message (logging, but still adding, an invalid one). No fullness check:
+    /// the caller checks GetBufferIsFull first.
+    void AddVoiceEvent(const velt_midi::VoiceEvent& event);
+    /// Appends an event with the given event word.
+    void AddCallbackEvent(DWORD eventWord);
+    /// True only once more than maxEvents events are stored.
+    bool GetBufferIsFull() const { return eventCount_ > maxEvents_; }
+    std::uint16_t GetEventCount() const { return eventCount_; }
+    /// Forgets the events (the storage is not cleared).
+    void ResetEventCount() { eventCount_ = 0; }
+    /// Forces every later voice message onto channel index 15.
+    void SetUseChannel15() { useChannel15_ = true; }
+    std::uint16_t GetMaxEvents() const { return maxEvents_; }
+
+    /// A copy of the event at byte offset 12 × index of the storage (dwParms zero).
+    MIDIEVENT GetMidiMessageAtMessageIndex(std::uint16_t index) const;
+    std::uint8_t* GetRawData() { return storage_.data(); }
+    MIDIHDR* GetMidiHeader() { return &header_; }
+    std::uint32_t GetTickIndex() const { return tickIndex_; }
+    void SetTickIndex(std::uint32_t tickIndex) { tickIndex_ = tickIndex; }
+    /// "<name> data buffer <port>".
+    std::string GetBufferName() const;
+
+    /// Sets the header's lengths to 12 × event count and prepares it with the handle; a failure
+    /// throws MidiImplementationError naming midi/Sources/win32/data_buffer line 225.
+    void PrepareHeader(HMIDIOUT handle);
+    /// Unprepares the header; a failure throws MidiImplementationError (line 242).
+    void UnprepareHeader(HMIDIOUT handle);
+    bool GetHeaderIsPrepared() const { return headerIsPrepared_; }
+    HMIDIOUT GetPreparedOutputHandle() const { return preparedHandle_; }
+
+    /// Marks the packet handed to the service; throws MidiImplementationError "<name> in use"
+    /// when it already is.
+    void SetInUse();
+    bool GetInUse();
+    /// The service handed the packet back: clears in-use and wakes the sender. Called on the
+    /// service's callback thread.
+    void SignalMidiStreamOutDone();
+    /// Waits until the packet is no longer in use or `seconds` have passed (steady clock).
+    /// Returns whether it is free. Blocks.
+    bool WaitForMidiStreamOutDone(int seconds);
+
+private:
+    void ResetHeader_();
+
+    std::uint16_t capacityBytes_;
+    std::uint16_t maxEvents_;
+    std::vector<std::uint8_t> storage_;
+    std::uint16_t eventCount_ = 0;
+    bool useChannel15_ = false;
+    MIDIHDR header_{};
+    bool headerIsPrepared_ = false;
+    HMIDIOUT preparedHandle_ = nullptr;
+    std::uint32_t tickIndex_ = 0;
+    std::uint8_t portIndex_;
+    std::string name_;
+    bool inUse_ = false;
+    std::unique_ptr<std::mutex> inUseMutex_;
+    std::unique_ptr<std::condition_variable> doneCondition_;
+};
