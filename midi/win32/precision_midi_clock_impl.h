@@ -33,6 +33,12 @@ class PrecisionMidiClockImpl : public StandardMidiClock {
     /// once the destructor has begun).
     ~PrecisionMidiClockImpl() override;
 
+    /// Blocks until the clock has stopped (no run live or requested), or for at most `timeout`.
+    /// Returns whether it has stopped. For a host that must know the clock is quiet.
+    bool WaitUntilStopped(std::chrono::milliseconds timeout) {
+        return gate_.WaitUntilIdle(timeout);
+    }
+
   protected:
     /// Sets the next clock's deadline `seconds` after this clock's. Called on the clock thread
     /// (from AdvanceClock); does not wait.
