@@ -6,7 +6,7 @@
 //     first clock's stamp + k × clock time (measured against the start, not clock to clock);
 //   - drift: the last clock's deviation from its ideal time.
 //
-//   clock_accuracy [--clocks N] [--spin-us S]
+//   clock_accuracy [--clocks N] [--spin-us S] [--only standard|precision]
 #include <algorithm>
 #include <chrono>
 #include <cmath>
@@ -104,15 +104,20 @@ void PrintRow(const char* name, double scale, const Figures& f) {
 int main(int argc, char** argv) {
     std::size_t clocks = 3000;
     long spinMicroseconds = PrecisionMidiClockImpl::kDefaultSpin.count() / 1000;
+    std::string only;
     for (int i = 1; i + 1 < argc; i += 2) {
         if (std::strcmp(argv[i], "--clocks") == 0) {
             clocks = std::strtoul(argv[i + 1], nullptr, 10);
         } else if (std::strcmp(argv[i], "--spin-us") == 0) {
             spinMicroseconds = std::strtol(argv[i + 1], nullptr, 10);
+        } else if (std::strcmp(argv[i], "--only") == 0) {
+            only = argv[i + 1];
         }
     }
     if (clocks < 2) {
-        std::fprintf(stderr, "usage: clock_accuracy [--clocks N>=2] [--spin-us S]\n");
+        std::fprintf(
+            stderr,
+            "usage: clock_accuracy [--clocks N>=2] [--spin-us S] [--only standard|precision]\n");
         return 2;
     }
 
@@ -122,12 +127,12 @@ int main(int argc, char** argv) {
                 "p50Ms", "p99Ms", "maxMs", "driftMs");
     for (const double scale : {1.0, 2.0}) {
         const double clockTime = kClockTimeAt120 / scale;
-        {
+        if (only != "precision") {
             StandardMidiClockImpl clock;
             PrintRow("StandardMidiClockImpl", scale,
                      Analyse(Run(clock, clocks, clockTime), clockTime));
         }
-        {
+        if (only != "standard") {
             PrecisionMidiClockImpl clock{std::chrono::microseconds(spinMicroseconds)};
             PrintRow("PrecisionMidiClockImpl", scale,
                      Analyse(Run(clock, clocks, clockTime), clockTime));

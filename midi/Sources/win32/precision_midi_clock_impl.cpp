@@ -16,6 +16,10 @@ constexpr const char* kSourceName = "midi/Sources/win32/precision_midi_clock_imp
 // rest is the precise wait. It must exceed the sleep's worst wake-up latency under load.
 constexpr std::int64_t kPreciseWaitNanoseconds = 2'000'000;
 
+// The first clock of a run is due this long after the start, so that it is waited for like every
+// other clock and the grid starts on a clock that is as punctual as the rest.
+constexpr std::int64_t kStartLeadNanoseconds = 1'000'000;
+
 }  // namespace
 
 PrecisionMidiClockImpl::PrecisionMidiClockImpl(std::chrono::nanoseconds spin)
@@ -45,6 +49,7 @@ void PrecisionMidiClockImpl::RunLoop() {
         kit::CoutBuffer() << "WARNING: PrecisionMidiClockImpl runs at normal priority, "
                           << "SetThreadPriority error " << GetLastError() << kit::endl;
     }
+    VeltPreciseWaitUntil(0, 0);  // whatever a thread's first wait sets up, done before any clock
     while (gate_.WaitForStart()) {
         // A failing run is logged and ends; the thread stays ready for the next start.
         try {
@@ -59,7 +64,7 @@ void PrecisionMidiClockImpl::RunLoop() {
 }
 
 void PrecisionMidiClockImpl::Run_() {
-    nextDeadline_ = VeltPreciseTimeNow();  // the first clock fires at once
+    nextDeadline_ = VeltPreciseTimeNow() + kStartLeadNanoseconds;
     for (;;) {
         deadline_ = nextDeadline_;
         if (!WaitForDeadline_(deadline_)) {
