@@ -181,18 +181,6 @@ Clock::time_point DueTimeToDeadline(LONGLONG dueTime) {
                                  wall.tv_nsec / 100;
         ahead = std::clamp(dueTime - wallNow, LONGLONG{0}, kLongestDueTime);
     }
-    // An absolute due time: 100 ns units since 1601 on the wall clock. Times before the Unix
-    // epoch (0 among them, which callers use for "at once") are long past and signal at once;
-    // the arithmetic stays in 100 ns units until it is known to fit in nanoseconds.
-    timespec wall{};
-    clock_gettime(CLOCK_REALTIME, &wall);
-    const LONGLONG wallNow100ns = static_cast<LONGLONG>(wall.tv_sec) * 10'000'000 +
-                                  wall.tv_nsec / 100 + kFileTimeOfUnixEpoch;
-    if (dueTime <= wallNow100ns) {
-        return now;
-    }
-    constexpr LONGLONG maximumWait100ns = 100LL * 365 * 24 * 3600 * 10'000'000;  // a century
-    return now + std::chrono::nanoseconds(std::min(dueTime - wallNow100ns, maximumWait100ns) * 100);
     return now + std::chrono::nanoseconds(ahead * 100);
 }
 
