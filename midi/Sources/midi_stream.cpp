@@ -398,8 +398,10 @@ void MidiStream::Enqueue_(unsigned int tick, signed char transposition, MidiBuff
     persistenceBeforeSeekIsPrevious_ = false;
 }
 
-// The restored state also becomes the track's chase state: while muted the track added nothing
-// to it, and the releases of a later seek or stop must know what the restore struck.
+// A restored state rebuilt from the checkpoint table also becomes the track's chase state: while
+// muted the track added nothing to it, and the releases of a later seek or stop must know what
+// the restore struck. Past the end of its table a track's rebuilt state is empty and strikes
+// nothing; its chase state is then kept, so that the controllers it knows are still released.
 void MidiStream::RestoreUnmutedTracks_(signed char transposition, MidiBuffer& buffer) {
     if (tracksToRestore_.empty()) {
         return;
@@ -412,8 +414,11 @@ void MidiStream::RestoreUnmutedTracks_(signed char transposition, MidiBuffer& bu
     }
     tracksToRestore_.clear();
     SendPersistenceData_(restored, transposition, buffer);
+    const TrackStates& table = CheckpointAt_(currentTick_)->second;
     for (auto& [trackId, state] : restored) {
-        persistence_[trackId] = std::move(state);
+        if (table.count(trackId) != 0) {
+            persistence_[trackId] = std::move(state);
+        }
     }
 }
 
