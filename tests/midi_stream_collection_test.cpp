@@ -45,9 +45,10 @@ class GatedCollection : public MidiStreamCollection {
     }
 
     std::unique_ptr<MidiStream> CreateMidiStream(const velt_midi::SongData& song) override {
-        threadName_ = kit::threadNames.GetNameOfCurrentThread();
         std::unique_lock lock(gateMutex_);
-        if (started_++ > 0) {
+        if (started_++ == 0) {
+            threadName_ = kit::threadNames.GetNameOfCurrentThread();
+        } else {
             gateChanged_.wait(lock, [this] { return gateOpen_; });
         }
         lock.unlock();
@@ -64,7 +65,10 @@ class GatedCollection : public MidiStreamCollection {
         gateChanged_.notify_all();
     }
     int Built() const { return built_; }
-    std::string ThreadName() const { return threadName_; }
+    std::string ThreadName() {
+        std::scoped_lock lock(gateMutex_);
+        return threadName_;
+    }
 
   private:
     std::mutex gateMutex_;
@@ -72,14 +76,9 @@ class GatedCollection : public MidiStreamCollection {
     bool gateOpen_ = false;
     int started_ = 0;
     std::atomic<int> built_{0};
-    std::string threadName_;  // written by the loading thread before the first stream is added
+    std::string threadName_;  // of the thread that built the first stream
 };
 
-class ExposedParvelCollection : public ParvelMidiStreamCollection {
-  public:
-    using ParvelMidiStreamCollection::GetMuteSettingsFileName;
-    using ParvelMidiStreamCollection::ParvelMidiStreamCollection;
-};
 }  // namespace
 
 TEST(MidiStreamCollection, TheFirstSongPlaysWhileLaterSongsAreStillLoading) {
@@ -163,7 +162,7 @@ TEST(ParvelMidiStreamCollection, ShowWideMutesFollowEverySong) {
     pv::ParvelShowData show;
     AddSongs(show, {"One", "Two"});
     show.GetGroups().SetGroup(3, {0x02, 0x07});
-    ExposedParvelCollection collection(show);
+    ParvelMidiStreamCollection collection(show);
 
     collection.GetStream("One");
     collection.MuteTrack(0x01);
@@ -184,7 +183,7 @@ TEST(ParvelMidiStreamCollection, ShowWideMutesFollowEverySong) {
 TEST(ParvelMidiStreamCollection, TrimsReachTheStreamsAndMuteSettingsLiveInTheShowDirectory) {
     pv::ParvelShowData show;
     AddSongs(show, {"One"});
-    ExposedParvelCollection collection(show);
+    ParvelMidiStreamCollection collection(show);
     MidiStream& stream = collection.GetStream("One");
     collection.SetTrackTrim(0x01, 60);
     collection.SetAllTracksTrim({{0x02, 70}});
@@ -214,4 +213,29 @@ TEST(MidiStreamCollection, DestroyingACollectionWhileItLoadsJoinsTheLoader) {
             EXPECT_EQ(stream.GetTrackNamesByTrackId().at(0x02), "horn");
         }
     }
+}
+
+TEST(MidiStreamCollection, ControlSideChangesMeetThePlayingStreamWithoutRaces) {
+    velt_midi::ShowData show;
+    AddSongs(show, {"One"});
+    TamberMidiStreamCollection collection(show);
+    MidiStream& stream = collection.GetStream("One");
+    RecordingMidiBuffer buffer(1, 1000);
+    std::thread output([&] {
+        for (unsigned int tick = 10; tick <= 4000; tick += 10) {
+            stream.EnqueueEvents(tick, 0, buffer, false);
+            buffer.TakeEvents();
+            stream.GetCurrentProgramChangesByTrackId();
+        }
+    });
+    for (int i = 0; i < 400; ++i) {
+        collection.MuteTrack(0x01);
+        stream.SendAllNotesOffForMutedTracks();
+        stream.SetUserProgramChange(0x02, static_cast<unsigned char>(i % 128));
+        collection.UnmuteTrack(0x01);
+        stream.FollowMidiProgramChanges();
+    }
+    output.join();
+    EXPECT_EQ(stream.GetCurrentTick(), 4000u);
+    EXPECT_TRUE(stream.GetMutedTracks().empty());
 }
