@@ -7,6 +7,7 @@
 #pragma once
 
 #include <cstdarg>
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <memory>
@@ -45,7 +46,7 @@ inline constexpr EndLine endl{};
 /// the buffer is destroyed is written as a final line, so nothing is lost. Not shared between
 /// threads: each thread builds its own lines.
 class CoutBuffer {
-public:
+  public:
     CoutBuffer() = default;
     CoutBuffer(const CoutBuffer&) = delete;
     CoutBuffer& operator=(const CoutBuffer&) = delete;
@@ -64,7 +65,7 @@ public:
     /// The stream being built, for code that writes with an std::ostream& interface.
     std::ostream& stream() { return stream_; }
 
-private:
+  private:
     std::ostringstream stream_;
 };
 
@@ -79,7 +80,8 @@ std::string format(const char* format, ...)
     ;
 std::string vformat(const char* format, va_list args);
 
-using PlatformCallLogger = void (*)(const char* source, unsigned int line, const std::string& action);
+using PlatformCallLogger = void (*)(const char* source, unsigned int line,
+                                    const std::string& action);
 
 /// Logs "<source> line <line>: attempting <action>" — a platform call is about to be made.
 void LogAttempt(const char* source, unsigned int line, const std::string& action);
@@ -108,19 +110,27 @@ void PrintStackTrace(int depth);
 // Thread names
 
 /// Names of threads for diagnostics. SetNameOfCurrentThread records the name for the calling
-/// thread and also names the operating-system thread where the platform allows (the OS may
-/// truncate it, to 15 characters on Linux). Thread-safe.
+/// thread and also names the operating-system thread where the platform allows (Linux truncates
+/// it to 15 characters; the recorded name is kept whole). Thread-safe; takes only its own mutex.
+///
+/// A thread's name belongs to that thread's lifetime: a later thread that happens to get the same
+/// std::thread::id does not inherit it as its own name (GetNameOfCurrentThread is "" until it
+/// names itself), although GetName of that id may show the old name until then.
 class ThreadNames {
-public:
+  public:
     void SetNameOfCurrentThread(const std::string& name);
     /// The recorded name of the calling thread, or "" when it has none.
     std::string GetNameOfCurrentThread() const;
-    /// The recorded name of the given thread, or "" when it has none.
+    /// The name last recorded for the given thread id, or "" when it has none.
     std::string GetName(std::thread::id id) const;
 
-private:
+  private:
+    struct Entry {
+        std::uint64_t threadLifetime;  // which thread of that id recorded the name
+        std::string name;
+    };
     mutable std::mutex mutex_;
-    std::map<std::thread::id, std::string> names_;
+    std::map<std::thread::id, Entry> names_;
 };
 
 extern ThreadNames threadNames;
@@ -145,19 +155,19 @@ std::string GetNoteName(unsigned char note);
 
 /// A settings file could not be written or read.
 class IoError : public std::runtime_error {
-public:
+  public:
     explicit IoError(const std::string& message) : std::runtime_error(message) {}
 };
 
 /// An operation this platform does not offer ("Global Reverb Not Supported").
 class NotImplementedError : public std::runtime_error {
-public:
+  public:
     explicit NotImplementedError(const std::string& message) : std::runtime_error(message) {}
 };
 
 /// A general run-time failure; copied when caught and rethrown.
 class RuntimeError : public std::runtime_error {
-public:
+  public:
     explicit RuntimeError(const std::string& message) : std::runtime_error(message) {}
 };
 
@@ -169,7 +179,7 @@ public:
 /// key. Copies share the values (copy the values yourself for a deep copy).
 template <typename K, typename V>
 class ptr_map {
-public:
+  public:
     using map_type = std::map<K, std::shared_ptr<V>>;
     using iterator = typename map_type::iterator;
     using const_iterator = typename map_type::const_iterator;
@@ -194,7 +204,7 @@ public:
     void erase(const K& key) { map_.erase(key); }
     void clear() { map_.clear(); }
 
-private:
+  private:
     map_type map_;
 };
 

@@ -6,12 +6,14 @@
 // after the last one is destroyed, and are safe to call from any thread.
 #pragma once
 
+#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace notify {
@@ -22,7 +24,7 @@ namespace notify {
 /// The receiving side of GuiDispatcher, implemented by a host (or a test). Calls arrive on
 /// whatever engine thread posted them; an implementation must be thread-safe and must not throw.
 class GuiSink {
-public:
+  public:
     virtual ~GuiSink() = default;
     virtual void SendGuiDelayMessage(int milliseconds) = 0;
     virtual void SendMidiClockDebugMessage(const std::string& text) = 0;
@@ -40,7 +42,7 @@ public:
 /// Fire-and-forget: nothing returns a value or throws into the engine (a throwing sink is caught
 /// and the exception logged).
 class GuiDispatcher {
-public:
+  public:
     /// Installs the sink (shared so that it outlives calls in flight); null removes it.
     void SetSink(std::shared_ptr<GuiSink> sink);
     std::shared_ptr<GuiSink> GetSink() const;
@@ -55,7 +57,7 @@ public:
     void SendMidiCommandCanceled(int commandId);
     void SendLearnedMIDICommand(int value);
 
-private:
+  private:
     mutable std::mutex mutex_;
     std::shared_ptr<GuiSink> sink_;
 };
@@ -69,7 +71,7 @@ struct GuiMessage {
 
 /// A sink that records every call in order, for tests. Thread-safe.
 class RecordingGuiSink : public GuiSink {
-public:
+  public:
     void SendGuiDelayMessage(int milliseconds) override;
     void SendMidiClockDebugMessage(const std::string& text) override;
     void SendMtcActiveStateNotification(bool active) override;
@@ -83,7 +85,7 @@ public:
     std::vector<GuiMessage> GetMessages() const;
     void Clear();
 
-private:
+  private:
     void Record_(std::string operation, std::string argument);
     mutable std::mutex mutex_;
     std::vector<GuiMessage> messages_;
@@ -96,37 +98,51 @@ private:
 ///
 /// Threads: any. Locks: its own mutex, held only while the registrations are read or changed,
 /// never while a callback runs, so that a callback may register, remove or notify again.
-/// A callback removed while a notification is being delivered may still receive that one
-/// notification if delivery had already taken it; it receives none after the removal returns
-/// unless one is in flight on another thread.
+///
+/// Removal is a barrier: once RemoveCallback or RemoveCallbacksForTarget returns, the removed
+/// callbacks are not running on any other thread and will not be called again, so the target may
+/// be destroyed. To give that promise the removal waits for calls of those callbacks that are
+/// running on other threads (a call running on the removing thread itself, i.e. a callback that
+/// removes itself, is not waited for). Hence: do not remove callbacks while holding a lock that
+/// one of them takes, and a callback must not remove another target's callbacks while that
+/// target's callbacks may be removing this one's.
 class CallbackDispatcher {
-public:
+  public:
     using Callback = std::function<void(void* payload)>;
 
     /// Registers `callback` for notifications named `name`, on behalf of `target` (the object to
-    /// remove it with later). Returns an id unique for the process.
+    /// remove it with later). Returns an id unique for this dispatcher.
     std::uint64_t AddCallback(const std::string& name, void* target, Callback callback);
-    /// Removes one registration by id; unknown ids are ignored.
+    /// Removes one registration by id; unknown ids are ignored. May block (see the class).
     void RemoveCallback(std::uint64_t id);
-    /// Removes every callback registered with the given target.
+    /// Removes every callback registered with the given target. May block (see the class).
     void RemoveCallbacksForTarget(void* target);
-    /// Delivers the notification to every callback registered for `name`, in registration order,
-    /// synchronously on the calling thread. The payload is valid only during the call. A callback
-    /// that throws is logged and does not stop delivery to the others.
+    /// Delivers the notification to every callback registered for `name` when the call began, in
+    /// registration order, synchronously on the calling thread; a callback removed meanwhile is
+    /// skipped. The payload is valid only during the call. A callback that throws is logged and
+    /// does not stop delivery to the others.
     void Notify(const std::string& name, void* payload);
     /// The number of callbacks registered for `name`.
     std::size_t GetCallbackCount(const std::string& name) const;
 
-private:
+  private:
+    // One registration. `active` lists the threads now running its callback (a thread twice when
+    // it re-enters); `removed` is set under the mutex when it is taken out, after which no new
+    // call of it starts.
     struct Registration {
         std::uint64_t id;
         std::string name;
         void* target;
-        std::shared_ptr<Callback> callback;
+        Callback callback;
+        bool removed = false;
+        std::vector<std::thread::id> active;
     };
+    void Remove_(const std::function<bool(const Registration&)>& matches);
+
     mutable std::mutex mutex_;
+    std::condition_variable callbackDone_;
     std::uint64_t nextId_ = 1;
-    std::vector<Registration> registrations_;
+    std::vector<std::shared_ptr<Registration>> registrations_;
 };
 
 extern GuiDispatcher guiDispatcher;
@@ -160,7 +176,7 @@ extern const std::string midiCommandPreviousPatch;
 
 /// Where the loaded show lives; settings files of a show are placed in it. Thread-safe.
 class Directories {
-public:
+  public:
     /// The directory of the loaded show ("" before the host sets one). Static because the engine
     /// calls it as Directories::GetShowDirectory().
     static std::string GetShowDirectory();

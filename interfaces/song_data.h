@@ -21,10 +21,13 @@ namespace velt_midi {
 
 /// One channel message at a tick, eight bytes: tick index, status, data1, data2, port.
 ///
-/// The track id given to the constructor is held as its two parts: its channel (id & 0x0F)
-/// replaces the low nibble of a channel-message status byte, and its port (id >> 4, at most 255)
-/// is the eighth byte. So `GetTrackId()` gives back the id, and the status byte always carries
-/// the channel the track plays on. System status bytes (0xF0 and up) are kept as given.
+/// The track id given to the constructor is held as its two parts: its port (id >> 4, at most
+/// 255) is the eighth byte, and its channel (id & 0x0F) goes into the low nibble of a
+/// channel-message status byte that does not already name a channel. A status byte given with a
+/// channel (0xB5) keeps it, so that code which builds the message itself ("0xB0 | channel" with
+/// track id 0, as the panic messages do) gets what it wrote; a status given as a bare kind (0xB0)
+/// takes the track's channel. System status bytes (0xF0 and up) are kept as given.
+/// `GetTrackId()` gives back (port << 4) | the status byte's channel.
 struct VoiceEvent {
     std::uint32_t time = 0;
     std::uint8_t status = 0;
@@ -36,8 +39,8 @@ struct VoiceEvent {
     VoiceEvent(std::uint32_t tickIndex, std::uint8_t statusByte, std::uint16_t trackId,
                std::uint8_t firstData, std::uint8_t secondData)
         : time(tickIndex),
-          status(statusByte < 0xF0
-                     ? static_cast<std::uint8_t>((statusByte & 0xF0) | (trackId & 0x0F))
+          status(statusByte < 0xF0 && (statusByte & 0x0F) == 0
+                     ? static_cast<std::uint8_t>(statusByte | (trackId & 0x0F))
                      : statusByte),
           data1(firstData),
           data2(secondData),
@@ -60,7 +63,7 @@ static_assert(sizeof(VoiceEvent) == 8, "VoiceEvent is an eight-byte value");
 
 /// One voice track: its events sorted by tick index, its channel and its playable note range.
 class VoiceTrack {
-public:
+  public:
     VoiceTrack() = default;
     VoiceTrack(std::string name, std::uint8_t channel, std::uint8_t defaultProgram)
         : channelIndex(channel), name_(std::move(name)), defaultProgram_(defaultProgram) {}
@@ -78,7 +81,7 @@ public:
     /// Lowest and highest note the track plays; (255, 255) means the track has no range.
     std::pair<std::uint8_t, std::uint8_t> range{255, 255};
 
-private:
+  private:
     std::string name_;
     std::uint8_t defaultProgram_ = 0;
 };
@@ -88,7 +91,7 @@ using VoiceData = kit::ptr_map<unsigned short, VoiceTrack>;
 
 /// One song: tracks, timeline, change log, resolution and start position.
 class SongData {
-public:
+  public:
     SongData() = default;
     SongData(const SongData&) = default;
     SongData& operator=(const SongData&) = default;
@@ -109,7 +112,7 @@ public:
     /// The song's name (its song log's name).
     std::string GetSongName() const { return songLog_.GetSongName(); }
 
-private:
+  private:
     std::uint32_t startTickIndex_ = 0;
     std::uint32_t ticksPerQuarter_ = 480;
     VoiceData voiceData_;
@@ -119,19 +122,19 @@ private:
 
 /// Numbered groups of tracks of a show.
 class Groups {
-public:
+  public:
     /// The track ids of group `group`; an unknown group is empty.
     std::set<unsigned short> GetGroup(unsigned char group) const;
     void SetGroup(unsigned char group, std::set<unsigned short> trackIds);
     std::size_t size() const { return groups_.size(); }
 
-private:
+  private:
     std::map<unsigned char, std::set<unsigned short>> groups_;
 };
 
 /// A show: its songs in playing order.
 class ShowData {
-public:
+  public:
     virtual ~ShowData() = default;
 
     const std::vector<std::shared_ptr<SongData>>& GetSongs() const { return songs_; }
@@ -140,7 +143,7 @@ public:
     std::string GetShowName() const { return name_; }
     void SetShowName(std::string name) { name_ = std::move(name); }
 
-private:
+  private:
     std::string name_;
     std::vector<std::shared_ptr<SongData>> songs_;
 };
@@ -150,11 +153,11 @@ private:
 namespace pv {
 /// A show with numbered track groups.
 class ParvelShowData : public velt_midi::ShowData {
-public:
+  public:
     const velt_midi::Groups& GetGroups() const { return groups_; }
     velt_midi::Groups& GetGroups() { return groups_; }
 
-private:
+  private:
     velt_midi::Groups groups_;
 };
 }  // namespace pv
@@ -167,18 +170,25 @@ struct VoiceMessage {
     std::uint8_t data2 = 0;
 
     VoiceMessage() = default;
-    VoiceMessage(std::uint8_t s, std::uint8_t d1, std::uint8_t d2) : status(s), data1(d1), data2(d2) {}
+    VoiceMessage(std::uint8_t s, std::uint8_t d1, std::uint8_t d2)
+        : status(s), data1(d1), data2(d2) {}
     bool operator==(const VoiceMessage&) const = default;
 };
 }  // namespace std_midi
 
 /// The tick index of every click of the song from tick 0 up to and including the last tick,
-/// ascending and without duplicates. Clicks follow the meter in force (a click every
-/// clocks-per-click clocks, restarting at each bar start of `barsBeats`), except where a click
-/// event covers a tick: there a click lasts CL::Click::ClocksPerClick(meter's notated 32nds)
-/// clocks, counted from the event's start. Ticks per clock = ticksPerQuarter / 24.
+/// ascending and without duplicates.
+///
+/// Rule: the song is cut into segments at tick 0, at every bar start (a `barsBeats` record with
+/// beat 1), at every meter change and at the start and the end of every click event. Each
+/// segment's first tick is a click, and further clicks follow every click length up to the next
+/// segment. The click length is that of the click event in force at the segment's start (the
+/// last event starting at or before it, if it covers it: CL::Click::ClocksPerClick of the
+/// meter's notated 32nds), else the meter's clocks per click, times ticks per clock
+/// (ticksPerQuarter / 24). So every bar starts on a click, a click event's first click is at its
+/// start, and the meter's clicks resume from the event's end. A click length of 0 (resolution
+/// below 24, or a zero meter) leaves only the segments' first ticks.
 std::list<unsigned int> CreateBeatTicks(const TL::TimelineSequence<TL::BarsBeats>& barsBeats,
                                         const CL::ChangeLogSequence<CL::Click>& clicks,
                                         const TL::TimelineSequence<TL::Meter>& meters,
-                                        std::uint32_t lastTickIndex,
-                                        std::uint32_t ticksPerQuarter);
+                                        std::uint32_t lastTickIndex, std::uint32_t ticksPerQuarter);

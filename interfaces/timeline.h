@@ -23,7 +23,7 @@ namespace cmn {
 /// type's `evt_code`) and can dump itself for diagnostics. The engine copies a sequence by
 /// assigning this base and then the vector of records.
 class VELTSequence {
-public:
+  public:
     virtual ~VELTSequence() = default;
     VELTSequence() = default;
     VELTSequence(const VELTSequence&) = default;
@@ -35,7 +35,8 @@ public:
     virtual unsigned char code() const = 0;
     virtual std::size_t size() const = 0;
     /// "Sequence(code=<code> <name>, event count = <n>" and a line end, then one line per record
-    /// (its WriteString), then ")" and a line end; <name> comes from codes::editNameByVeltEventCode.
+    /// (its WriteString), then ")" and a line end; <name> comes from
+    /// codes::editNameByVeltEventCode.
     virtual void WriteString(std::ostream& out) const = 0;
     void WriteString(kit::CoutBuffer& out) const;
 };
@@ -43,7 +44,7 @@ public:
 /// A sequence of records of type T held in one contiguous vector.
 template <typename T>
 class SequenceTemplate : public VELTSequence {
-public:
+  public:
     using value_type = T;
     using iterator = typename std::vector<T>::iterator;
     using const_iterator = typename std::vector<T>::const_iterator;
@@ -72,7 +73,7 @@ public:
     void push_back(T record) { records_.push_back(std::move(record)); }
     void clear() { records_.clear(); }
 
-private:
+  private:
     std::vector<T> records_;
 };
 
@@ -87,18 +88,25 @@ namespace TL {
 
 /// Tempo from a tick on. The value is microseconds per quarter note, as in Standard MIDI Files
 /// (500000 = 120 quarter notes per minute), and is read through the accessors.
+///
+/// The accessors are exact in the sense that each is one division of two integers that a double
+/// holds exactly, so the only error is the final rounding: 500000 us/quarter at 480 ticks per
+/// quarter gives exactly the double nearest 1/960 s per tick.
 struct Tempo {
     static constexpr unsigned char evt_code = 0x51;
 
     std::uint32_t tick_index = 0;
     std::uint32_t microseconds_per_quarter = 500000;
 
-    /// Seconds per tick: microseconds per quarter / 10^6 / ticks per quarter.
+    /// Seconds per tick: microseconds per quarter / (10^6 × ticks per quarter). A resolution of 0
+    /// yields 0.
     double tick_time(std::uint16_t ticksPerQuarter) const;
     /// Clicks per minute for a click of `clocksPerClick` clocks: 60 / (clocksPerClick × seconds
-    /// per clock). A click of 24 clocks is a quarter note, so bpm(24) is the usual tempo.
+    /// per clock) = 60 × 24 × 10^6 / (clocksPerClick × microseconds per quarter). A click of 24
+    /// clocks is a quarter note, so bpm(24) is the usual tempo (120 at 500000). A zero click or a
+    /// zero tempo value yields 0.
     double bpm(unsigned char clocksPerClick) const;
-    /// Seconds per MIDI clock: microseconds per quarter / 10^6 / 24 (no tempo scale applied).
+    /// Seconds per MIDI clock: microseconds per quarter / (24 × 10^6), no tempo scale applied.
     double seconds_per_clock() const;
 
     void WriteString(std::ostream& out) const;
@@ -120,8 +128,11 @@ struct BarsBeats {
 static_assert(sizeof(BarsBeats) == 16);
 
 /// A time signature from a tick on. `numerator`/`denominator` (the written signature, e.g. 6 and
-/// 8) are read only by `as_string`; `clocks_per_click` is the MIDI clocks in one click and
-/// `notated_32nds` the notated 32nd notes per click.
+/// 8; the denominator is the real note value, not a power of two) are read only by `as_string`.
+/// `clocks_per_click` is the MIDI clocks in one click of this meter (36 for a dotted-quarter
+/// click in 6/8). `notated_32nds` is the number of notated 32nd notes in a 24-clock click (a MIDI
+/// quarter note), as in the key byte of a Standard MIDI File time signature; 8 is the usual
+/// value. A click event's length in clocks is its 32nds × 24 / notated_32nds (CL::Click).
 struct Meter {
     static constexpr unsigned char evt_code = 0x58;
 
@@ -163,7 +174,7 @@ static_assert(sizeof(PageNum) == 8);
 /// A timeline sequence: records sorted by ascending tick index.
 template <typename T>
 class TimelineSequence : public cmn::SequenceTemplate<T> {
-public:
+  public:
     using cmn::SequenceTemplate<T>::SequenceTemplate;
 
     /// Index of the last record whose tick index is <= tick, or 0 when none is (the first
@@ -178,7 +189,7 @@ public:
 
 /// A song's timeline.
 class Timeline {
-public:
+  public:
     TimelineSequence<Tempo>& GetTempos() { return tempos_; }
     const TimelineSequence<Tempo>& GetTempos() const { return tempos_; }
     TimelineSequence<BarsBeats>& GetBarsBeats() { return barsBeats_; }
@@ -193,7 +204,7 @@ public:
     /// The song's last tick index: the end of the song.
     std::uint32_t lastTickIndex = 0;
 
-private:
+  private:
     TimelineSequence<Tempo> tempos_;
     TimelineSequence<BarsBeats> barsBeats_;
     TimelineSequence<Meter> meters_;

@@ -1,10 +1,15 @@
 #include "interfaces/kit.h"
 
+#include <atomic>
 #include <cstdio>
+#include <cstdlib>
 #include <vector>
 
-#if defined(__linux__)
+#if defined(__linux__) || defined(__APPLE__)
 #include <pthread.h>
+#elif defined(_WIN32)
+#define NOMINMAX
+#include <windows.h>
 #endif
 #if __has_include(<execinfo.h>)
 #include <execinfo.h>
@@ -139,7 +144,7 @@ void PrintStackTrace(int depth) {
     int count = backtrace(frames.data(), static_cast<int>(frames.size()));
     // backtrace_symbols returns one malloc'ed block; own it so it is freed on every path.
     std::unique_ptr<char*, void (*)(void*)> symbols(backtrace_symbols(frames.data(), count),
-                                                     std::free);
+                                                    std::free);
     WriteLogLine("Stack trace:");
     // Frame 0 is this function itself.
     for (int i = 1; i < count && i <= depth; ++i) {
@@ -153,25 +158,50 @@ void PrintStackTrace(int depth) {
 
 ThreadNames threadNames;
 
-void ThreadNames::SetNameOfCurrentThread(const std::string& name) {
-    {
-        std::scoped_lock lock(mutex_);
-        names_[std::this_thread::get_id()] = name;
-    }
+namespace {
+// A number for the calling thread that no other thread of the process ever shares, even one that
+// reuses its std::thread::id after it has ended.
+std::uint64_t CurrentThreadLifetime() {
+    static std::atomic<std::uint64_t> next{1};
+    thread_local const std::uint64_t lifetime = next.fetch_add(1, std::memory_order_relaxed);
+    return lifetime;
+}
+
+void NameOperatingSystemThread(const std::string& name) {
 #if defined(__linux__)
     // Linux limits thread names to 15 characters plus the terminator.
     pthread_setname_np(pthread_self(), name.substr(0, 15).c_str());
+#elif defined(__APPLE__)
+    pthread_setname_np(name.c_str());
+#elif defined(_WIN32)
+    std::wstring wide(name.begin(), name.end());  // thread names are ASCII in this system
+    SetThreadDescription(GetCurrentThread(), wide.c_str());
+#else
+    (void)name;
 #endif
+}
+}  // namespace
+
+void ThreadNames::SetNameOfCurrentThread(const std::string& name) {
+    {
+        std::scoped_lock lock(mutex_);
+        names_[std::this_thread::get_id()] = Entry{CurrentThreadLifetime(), name};
+    }
+    NameOperatingSystemThread(name);
 }
 
 std::string ThreadNames::GetNameOfCurrentThread() const {
-    return GetName(std::this_thread::get_id());
+    std::scoped_lock lock(mutex_);
+    auto it = names_.find(std::this_thread::get_id());
+    return it != names_.end() && it->second.threadLifetime == CurrentThreadLifetime()
+               ? it->second.name
+               : std::string();
 }
 
 std::string ThreadNames::GetName(std::thread::id id) const {
     std::scoped_lock lock(mutex_);
     auto it = names_.find(id);
-    return it == names_.end() ? std::string() : it->second;
+    return it == names_.end() ? std::string() : it->second.name;
 }
 
 namespace path {

@@ -1,5 +1,6 @@
 // The click map of a song: where every conducted beat falls.
 #include <algorithm>
+#include <iterator>
 #include <set>
 #include <vector>
 
@@ -7,28 +8,24 @@
 
 namespace {
 
-// The click in force at `tick` covers it by the plain half-open rule start <= tick < end.
-const CL::Click* ClickCovering(const CL::ChangeLogSequence<CL::Click>& clicks, std::uint32_t tick) {
-    const CL::Click* covering = nullptr;
-    for (const auto& click : clicks) {
-        if (click.start() > tick) {
-            break;
-        }
-        if (tick < click.end()) {
-            covering = &click;
-        }
+// The click event in force at `tick`: the last event starting at or before it, if that one
+// covers it by the half-open rule start <= tick < end (the playback position uses the same rule,
+// so the clicks placed here and the clock's click length agree).
+const CL::Click* ClickInForce(const CL::ChangeLogSequence<CL::Click>& clicks, std::uint32_t tick) {
+    const auto& events = clicks.GetVector();
+    auto after =
+        std::upper_bound(events.begin(), events.end(), tick,
+                         [](std::uint32_t t, const CL::Click& c) { return t < c.start(); });
+    if (after == events.begin()) {
+        return nullptr;
     }
-    return covering;
+    const CL::Click& last = *std::prev(after);
+    return tick < last.end() ? &last : nullptr;
 }
 
 }  // namespace
 
-// Rule: the song is cut into segments at tick 0, at every bar start, at every meter change and
-// at the start and end of every click event. Within a segment clicks fall every click length from
-// the segment's start, the click length being the covering click event's length
-// (CL::Click::ClocksPerClick of the meter's notated 32nds) or else the meter's clocks per click,
-// times ticks per clock. So a bar always begins on a click, and a click event's first click is at
-// its start. Clicks run up to and including the last tick.
+// The rule is stated with the declaration.
 std::list<unsigned int> CreateBeatTicks(const TL::TimelineSequence<TL::BarsBeats>& barsBeats,
                                         const CL::ChangeLogSequence<CL::Click>& clicks,
                                         const TL::TimelineSequence<TL::Meter>& meters,
@@ -54,9 +51,11 @@ std::list<unsigned int> CreateBeatTicks(const TL::TimelineSequence<TL::BarsBeats
     for (auto it = boundaries.begin(); it != boundaries.end() && *it <= lastTickIndex; ++it) {
         const std::uint32_t segmentStart = *it;
         auto next = std::next(it);
-        // The last segment includes the last tick itself.
+        // Clicks run up to and including the last tick, even where a boundary (the end of a
+        // click event) lies beyond it.
+        const std::uint64_t songEnd = std::uint64_t{lastTickIndex} + 1;
         const std::uint64_t segmentEnd =
-            next == boundaries.end() ? std::uint64_t{lastTickIndex} + 1 : std::uint64_t{*next};
+            next == boundaries.end() ? songEnd : std::min(songEnd, std::uint64_t{*next});
 
         std::uint32_t clocksPerClick = 24;
         unsigned char notated32nds = 8;
@@ -65,7 +64,7 @@ std::list<unsigned int> CreateBeatTicks(const TL::TimelineSequence<TL::BarsBeats
             clocksPerClick = meter.clocks_per_click;
             notated32nds = meter.notated_32_per_click();
         }
-        if (const CL::Click* click = ClickCovering(clicks, segmentStart)) {
+        if (const CL::Click* click = ClickInForce(clicks, segmentStart)) {
             std::uint32_t clickClocks = click->ClocksPerClick(notated32nds);
             if (clickClocks > 0) {
                 clocksPerClick = clickClocks;

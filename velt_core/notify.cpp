@@ -115,7 +115,9 @@ void RecordingGuiSink::SendMtcOutputPortNotification(int portIndex) {
 void RecordingGuiSink::SendMtcFrameRateNotification(const std::string& frameRate) {
     Record_("SendMtcFrameRateNotification", frameRate);
 }
-void RecordingGuiSink::SendMidiNotification() { Record_("SendMidiNotification", ""); }
+void RecordingGuiSink::SendMidiNotification() {
+    Record_("SendMidiNotification", "");
+}
 void RecordingGuiSink::SendSourceConnected(int sourceIndex) {
     Record_("SendSourceConnected", std::to_string(sourceIndex));
 }
@@ -138,51 +140,85 @@ std::uint64_t CallbackDispatcher::AddCallback(const std::string& name, void* tar
                                               Callback callback) {
     std::scoped_lock lock(mutex_);
     std::uint64_t id = nextId_++;
-    registrations_.push_back(
-        {id, name, target, std::make_shared<Callback>(std::move(callback))});
+    registrations_.push_back(std::make_shared<Registration>(
+        Registration{id, name, target, std::move(callback), false, {}}));
     return id;
 }
 
 void CallbackDispatcher::RemoveCallback(std::uint64_t id) {
-    std::scoped_lock lock(mutex_);
-    std::erase_if(registrations_, [id](const Registration& r) { return r.id == id; });
+    Remove_([id](const Registration& r) { return r.id == id; });
 }
 
 void CallbackDispatcher::RemoveCallbacksForTarget(void* target) {
-    std::scoped_lock lock(mutex_);
-    std::erase_if(registrations_, [target](const Registration& r) { return r.target == target; });
+    Remove_([target](const Registration& r) { return r.target == target; });
+}
+
+void CallbackDispatcher::Remove_(const std::function<bool(const Registration&)>& matches) {
+    std::unique_lock lock(mutex_);
+    std::vector<std::shared_ptr<Registration>> removed;
+    std::erase_if(registrations_, [&](const std::shared_ptr<Registration>& r) {
+        if (!matches(*r)) {
+            return false;
+        }
+        r->removed = true;
+        removed.push_back(r);
+        return true;
+    });
+    // Wait out the calls already running elsewhere; Notify starts no new ones once `removed` is
+    // set. A call on this thread is the caller's own stack frame and must not be waited for.
+    const std::thread::id self = std::this_thread::get_id();
+    callbackDone_.wait(lock, [&] {
+        return std::all_of(removed.begin(), removed.end(), [self](const auto& r) {
+            return std::all_of(r->active.begin(), r->active.end(),
+                               [self](std::thread::id id) { return id == self; });
+        });
+    });
 }
 
 void CallbackDispatcher::Notify(const std::string& name, void* payload) {
-    // Take the callbacks under the lock, call them without it: a callback may register, remove
-    // or notify again without deadlocking, and a slow callback blocks only its own thread.
-    std::vector<std::shared_ptr<Callback>> callbacks;
+    // Take the registrations under the lock, call them without it: a callback may register,
+    // remove or notify again without deadlocking, and a slow callback blocks only its own thread.
+    std::vector<std::shared_ptr<Registration>> matching;
     {
         std::scoped_lock lock(mutex_);
         for (const auto& registration : registrations_) {
-            if (registration.name == name) {
-                callbacks.push_back(registration.callback);
+            if (registration->name == name) {
+                matching.push_back(registration);
             }
         }
     }
-    for (const auto& callback : callbacks) {
+    const std::thread::id self = std::this_thread::get_id();
+    for (const auto& registration : matching) {
+        {
+            std::scoped_lock lock(mutex_);
+            if (registration->removed) {
+                continue;
+            }
+            registration->active.push_back(self);
+        }
         try {
-            (*callback)(payload);
+            registration->callback(payload);
         } catch (const std::exception& error) {
             kit::CoutBuffer() << "WARNING: callback for " << name << " threw: " << error.what()
                               << kit::endl;
         } catch (...) {
-            kit::CoutBuffer() << "WARNING: callback for " << name
-                              << " threw: Unknown exception." << kit::endl;
+            kit::CoutBuffer() << "WARNING: callback for " << name << " threw: Unknown exception."
+                              << kit::endl;
         }
+        {
+            std::scoped_lock lock(mutex_);
+            auto& active = registration->active;
+            active.erase(std::find(active.begin(), active.end(), self));
+        }
+        callbackDone_.notify_all();
     }
 }
 
 std::size_t CallbackDispatcher::GetCallbackCount(const std::string& name) const {
     std::scoped_lock lock(mutex_);
-    return static_cast<std::size_t>(std::count_if(
-        registrations_.begin(), registrations_.end(),
-        [&name](const Registration& r) { return r.name == name; }));
+    return static_cast<std::size_t>(
+        std::count_if(registrations_.begin(), registrations_.end(),
+                      [&name](const std::shared_ptr<Registration>& r) { return r->name == name; }));
 }
 
 }  // namespace notify

@@ -9,9 +9,9 @@
 
 namespace codes {
 const std::map<unsigned char, std::string> editNameByVeltEventCode = {
-    {TL::Tempo::evt_code, "Tempo"},        {TL::BarsBeats::evt_code, "BarsBeats"},
-    {TL::Meter::evt_code, "Meter"},        {TL::Key::evt_code, "Key"},
-    {TL::PageNum::evt_code, "PageNum"},    {CL::Click::evt_code, "Click"},
+    {TL::Tempo::evt_code, "Tempo"},           {TL::BarsBeats::evt_code, "BarsBeats"},
+    {TL::Meter::evt_code, "Meter"},           {TL::Key::evt_code, "Key"},
+    {TL::PageNum::evt_code, "PageNum"},       {CL::Click::evt_code, "Click"},
     {CL::TempoScale::evt_code, "TempoScale"}, {CL::Transpose::evt_code, "Transpose"},
     {CL::Marker::evt_code, "Marker"},
 };
@@ -45,23 +45,27 @@ void cmn::VELTSequence::WriteString(kit::CoutBuffer& out) const {
 
 namespace TL {
 
+// Each accessor divides one exact integer quantity by another (both below 2^53, so a double holds
+// them exactly): the result is correctly rounded, with no error piled up by chained divisions.
+
 double Tempo::tick_time(std::uint16_t ticksPerQuarter) const {
     if (ticksPerQuarter == 0) {
         return 0.0;
     }
-    return static_cast<double>(microseconds_per_quarter) / 1e6 / ticksPerQuarter;
+    return static_cast<double>(microseconds_per_quarter) / (1e6 * ticksPerQuarter);
 }
 
 double Tempo::seconds_per_clock() const {
-    return static_cast<double>(microseconds_per_quarter) / 1e6 / 24.0;
+    return static_cast<double>(microseconds_per_quarter) / 24e6;
 }
 
 double Tempo::bpm(unsigned char clocksPerClick) const {
-    double secondsPerClock = seconds_per_clock();
-    if (clocksPerClick == 0 || secondsPerClock <= 0.0) {
+    // 60 s / (clocks × us per quarter / (24 × 10^6)) = 1.44 × 10^9 / (clocks × us per quarter).
+    const double denominator = static_cast<double>(clocksPerClick) * microseconds_per_quarter;
+    if (denominator == 0.0) {
         return 0.0;
     }
-    return 60.0 / (clocksPerClick * secondsPerClock);
+    return 1.44e9 / denominator;
 }
 
 void Tempo::WriteString(std::ostream& out) const {
@@ -111,7 +115,9 @@ void PairedEvent::WriteString(kit::CoutBuffer& out) const {
     out << text.str();
 }
 
-std::string Click::value() const { return std::to_string(int_value()) + "/32"; }
+std::string Click::value() const {
+    return std::to_string(int_value()) + "/32";
+}
 
 std::uint32_t Click::ClocksPerClick(unsigned char meterNotated32nds) const {
     if (meterNotated32nds == 0 || int_value() <= 0) {

@@ -1,0 +1,85 @@
+// The engine's exception tree and the input side's three-byte message.
+#include <gtest/gtest.h>
+
+#include <cstddef>
+#include <type_traits>
+
+#include "midi/velt_midi_error.h"
+
+namespace {
+
+// Each class: constructible from a message and by copy only, no fields of its own, and the
+// direct base given.
+template <typename Error, typename Base>
+void ExpectShape(const char* name) {
+    SCOPED_TRACE(name);
+    EXPECT_TRUE((std::is_base_of_v<Base, Error>));
+    EXPECT_TRUE((std::is_base_of_v<std::runtime_error, Error>));
+    EXPECT_TRUE((std::is_constructible_v<Error, const std::string&>));
+    EXPECT_TRUE(std::is_copy_constructible_v<Error>);
+    EXPECT_FALSE(std::is_default_constructible_v<Error>);
+    EXPECT_EQ(sizeof(Error), sizeof(std::runtime_error));
+    // Copies keep the text, also when copied through the base.
+    std::string text = name;
+    text.append(" text");
+    Error original(text);
+    Error copy(original);
+    const Base& asBase = copy;
+    EXPECT_EQ(asBase.what(), text);
+}
+
+TEST(Errors, EveryClassHasItsBaseAndOnlyTheTwoConstructors) {
+    ExpectShape<VeltMidiError, std::runtime_error>("VeltMidiError");
+    ExpectShape<MidiImplementationError, VeltMidiError>("MidiImplementationError");
+    ExpectShape<MidiDeviceUnavailable, MidiImplementationError>("MidiDeviceUnavailable");
+    ExpectShape<SforzandoError, MidiImplementationError>("SforzandoError");
+    ExpectShape<InvalidVoiceEvent, VeltMidiError>("InvalidVoiceEvent");
+    ExpectShape<MidiPortError, VeltMidiError>("MidiPortError");
+    ExpectShape<MidiTimeCodeError, VeltMidiError>("MidiTimeCodeError");
+    ExpectShape<InvalidFrameCount, MidiTimeCodeError>("InvalidFrameCount");
+    ExpectShape<InvalidSecondCount, MidiTimeCodeError>("InvalidSecondCount");
+    ExpectShape<InvalidMinuteCount, MidiTimeCodeError>("InvalidMinuteCount");
+    ExpectShape<InvalidHourCount, MidiTimeCodeError>("InvalidHourCount");
+    ExpectShape<MidiTimeCodeFrameRateError, MidiTimeCodeError>("MidiTimeCodeFrameRateError");
+    ExpectShape<QuarterFrameIndexError, MidiTimeCodeError>("QuarterFrameIndexError");
+    // Siblings stay apart: a port error is no implementation error.
+    EXPECT_FALSE((std::is_base_of_v<MidiImplementationError, MidiPortError>));
+    EXPECT_FALSE((std::is_base_of_v<MidiTimeCodeError, InvalidVoiceEvent>));
+}
+
+TEST(Errors, AHandlerForTheRootSeesTimeCodeErrorsWithTheirText) {
+    try {
+        throw QuarterFrameIndexError("Index not supported by QuarterFrame.");
+    } catch (const MidiImplementationError&) {
+        FAIL() << "caught by an unrelated branch";
+    } catch (const VeltMidiError& error) {
+        EXPECT_STREQ(error.what(), "Index not supported by QuarterFrame.");
+        EXPECT_NE(dynamic_cast<const QuarterFrameIndexError*>(&error), nullptr);
+    }
+    try {
+        throw MidiDeviceUnavailable("CreateSynthOutput() error 4, busy");
+    } catch (const MidiImplementationError& error) {
+        EXPECT_STREQ(error.what(), "CreateSynthOutput() error 4, busy");
+    }
+}
+
+TEST(MidiMessage, SplitsKindAndChannelAndOnlyThreeKindsAreAccepted) {
+    EXPECT_EQ(sizeof(MIDIMessage), 3u);
+    EXPECT_EQ(offsetof(MIDIMessage, status), 0u);
+    EXPECT_EQ(offsetof(MIDIMessage, data1), 1u);
+    EXPECT_EQ(offsetof(MIDIMessage, data2), 2u);
+
+    MIDIMessage message{0x9F, 60, 100};
+    EXPECT_EQ(message.GetStatus(), 0x90);
+    EXPECT_EQ(message.GetChannel(), 15);
+    EXPECT_EQ((MIDIMessage{0xB0, 7, 0}).GetChannel(), 0);
+
+    EXPECT_EQ(allowedStatuses, (std::set<std::uint8_t>{0x90, 0xB0, 0xC0}));
+    for (std::uint8_t kind : {0x80, 0xA0, 0xD0, 0xE0, 0xF0}) {
+        EXPECT_EQ(allowedStatuses.count(kind), 0u) << static_cast<int>(kind);
+    }
+    // Membership is by kind, so every channel of an accepted kind is accepted.
+    EXPECT_EQ(allowedStatuses.count((MIDIMessage{0xC7, 5, 0}).GetStatus()), 1u);
+}
+
+}  // namespace
