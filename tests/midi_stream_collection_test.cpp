@@ -98,6 +98,42 @@ TEST(MidiStreamCollection, TheFirstSongPlaysWhileLaterSongsAreStillLoading) {
     EXPECT_NE(&first, &third);
 }
 
+/// Builds Tamber streams but fails on the song named "Bad".
+class FailingCollection : public MidiStreamCollection {
+  public:
+    explicit FailingCollection(const velt_midi::ShowData& show) : MidiStreamCollection(show) {
+        StartLoadStreamsThread();
+    }
+    ~FailingCollection() override { StopLoadStreamsThread(); }
+    std::unique_ptr<MidiStream> CreateMidiStream(const velt_midi::SongData& song) override {
+        if (song.GetSongName() == "Bad") {
+            throw std::runtime_error("cannot build Bad");
+        }
+        return std::make_unique<TamberMidiStream>(song);
+    }
+};
+
+TEST(MidiStreamCollection, AFailedBuildEndsLoadingSoThatNobodyWaitsForever) {
+    std::vector<std::string> lines;
+    std::mutex linesMutex;
+    auto previous = kit::SetLogSink([&](const std::string& line) {
+        std::scoped_lock lock(linesMutex);
+        lines.push_back(line);
+    });
+    velt_midi::ShowData show;
+    AddSongs(show, {"One", "Bad", "Three"});
+    {
+        FailingCollection collection(show);
+        EXPECT_NO_THROW(collection.GetStream("One"));
+        EXPECT_THROW(collection.GetStream("Three"), std::out_of_range);
+    }
+    kit::SetLogSink(previous);
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_NE(lines[0].find("cannot build Bad"), std::string::npos) << lines[0];
+    EXPECT_NE(lines[0].find("midi/Sources/midi_stream_collection line 27"), std::string::npos)
+        << lines[0];
+}
+
 TEST(MidiStreamCollection, AnUnknownSongThrowsOnlyOnceLoadingHasEnded) {
     velt_midi::ShowData show;
     AddSongs(show, {"One", "Two", "Three"});
