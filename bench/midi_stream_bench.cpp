@@ -9,39 +9,20 @@
 
 #include <malloc.h>
 #include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <cstdlib>
-#include <new>
 #include <random>
 #include <vector>
 
 #include "midi/midi_stream.h"
 #include "velt_core/song_builder.h"
 
-// ---------------------------------------------------------------------------------------------
-// Heap accounting: every allocation of the process, in usable bytes.
-
+// Heap in use, from the C library's allocator (glibc): the bytes of allocated chunks.
 namespace {
-std::atomic<long long> liveHeapBytes{0};
+long long HeapInUse() {
+    return static_cast<long long>(mallinfo2().uordblks);
+}
 }  // namespace
-
-void* operator new(std::size_t size) {
-    void* p = std::malloc(size == 0 ? 1 : size);
-    if (p == nullptr)
-        throw std::bad_alloc();
-    liveHeapBytes += static_cast<long long>(malloc_usable_size(p));
-    return p;
-}
-void operator delete(void* p) noexcept {
-    if (p != nullptr) {
-        liveHeapBytes -= static_cast<long long>(malloc_usable_size(p));
-        std::free(p);
-    }
-}
-void operator delete(void* p, std::size_t) noexcept {
-    operator delete(p);
-}
 
 namespace {
 constexpr unsigned int kTicksPerQuarter = 480;
@@ -128,11 +109,11 @@ void BM_BuildStream(benchmark::State& state) {
         benchmark::DoNotOptimize(&stream);
         state.PauseTiming();
         // The checkpoints' heap: what a copy of the table takes.
-        const long long before = liveHeapBytes;
+        const long long before = HeapInUse();
         {
             auto copy = std::make_unique<std::map<unsigned int, MidiStream::TrackStates>>(
                 stream.GetCheckpoints());
-            checkpointBytes = liveHeapBytes - before;
+            checkpointBytes = HeapInUse() - before;
         }
         checkpointCount = stream.GetCheckpoints().size();
         entries = 0;
