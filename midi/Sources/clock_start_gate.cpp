@@ -1,0 +1,41 @@
+#include "midi/clock_start_gate.h"
+
+bool ClockStartGate::WaitForStart() {
+    std::unique_lock lock(mutex_);
+    condition_.wait(lock, [this] { return !open_ || startRequested_; });
+    if (!open_) {
+        return false;
+    }
+    startRequested_ = false;
+    runLive_ = true;
+    return true;
+}
+
+void ClockStartGate::RequestStart() {
+    {
+        std::scoped_lock lock(mutex_);
+        if (runLive_) {
+            return;
+        }
+        startRequested_ = true;
+    }
+    condition_.notify_all();
+}
+
+void ClockStartGate::EndRun() {
+    std::scoped_lock lock(mutex_);
+    runLive_ = false;
+}
+
+void ClockStartGate::Shut() {
+    {
+        std::scoped_lock lock(mutex_);
+        open_ = false;
+    }
+    condition_.notify_all();
+}
+
+bool ClockStartGate::SleepUntil(std::chrono::steady_clock::time_point until) {
+    std::unique_lock lock(mutex_);
+    return !condition_.wait_until(lock, until, [this] { return !open_; });
+}

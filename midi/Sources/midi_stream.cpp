@@ -1,0 +1,600 @@
+#include "midi/midi_stream.h"
+
+#include <algorithm>
+#include <iterator>
+#include <memory>
+#include <utility>
+
+#include "interfaces/kit.h"
+#include "midi/velt_midi_error.h"
+
+using velt_midi::VoiceEvent;
+
+namespace {
+constexpr unsigned char kControlChange = 0xB0;
+constexpr unsigned char kProgramChange = 0xC0;
+constexpr unsigned char kPitchBend = 0xE0;
+constexpr unsigned char kAllNotesOff = 123;
+constexpr unsigned char kResetAllControllers = 121;
+constexpr unsigned char kPitchBendCentreMsb = 64;
+
+unsigned char PortOf(unsigned short trackId) {
+    return static_cast<unsigned char>(trackId >> 4);
+}
+
+bool IsKind(const VoiceEvent& event, unsigned char kind) {
+    return (event.status & 0xF0) == kind;
+}
+
+const PersistentMIDI& EmptyState() {
+    static const PersistentMIDI empty;
+    return empty;
+}
+
+// The first event at or after `tick` in a vector sorted by time.
+std::size_t FirstEventAtOrAfter(const std::vector<VoiceEvent>& events, unsigned int tick) {
+    auto it = std::lower_bound(events.begin(), events.end(), tick,
+                               [](const VoiceEvent& e, unsigned int t) { return e.time < t; });
+    return static_cast<std::size_t>(it - events.begin());
+}
+
+// Adds events from index `from` while their time is before `tick`; returns the index reached.
+std::size_t AddEventsBefore(PersistentMIDI& state, const std::vector<VoiceEvent>& events,
+                            std::size_t from, unsigned int tick) {
+    while (from < events.size() && events[from].time < tick) {
+        state.AddEvent(events[from]);
+        ++from;
+    }
+    return from;
+}
+
+// The tick of every bar start after the first (which begins at tick 0): the bar list holds a
+// record per beat or per bar, and beat 1 marks a bar's first beat.
+std::vector<unsigned int> LaterBarStarts(const TL::Timeline& timeline) {
+    std::vector<unsigned int> starts;
+    for (const auto& record : timeline.GetBarsBeats()) {
+        if (record.beat == 1 && record.tick_index > 0 &&
+            (starts.empty() || record.tick_index > starts.back())) {
+            starts.push_back(record.tick_index);
+        }
+    }
+    return starts;
+}
+}  // namespace
+
+// ---------------------------------------------------------------------------------------------
+// MidiScaler, MidiVolumeScaler
+
+namespace {
+constexpr unsigned short kMaxScale = 127;
+constexpr unsigned char kMaxMidiValue = 127;
+constexpr unsigned char kChannelVolume = 7;
+constexpr unsigned char kNominalVolume = 100;
+}  // namespace
+
+void MidiScaler::SetScale(unsigned char s) {
+    scale_ = std::min<unsigned short>(s, kMaxScale);
+}
+
+unsigned char MidiScaler::GetScaledMidiValue(unsigned char value) const {
+    return static_cast<unsigned char>(std::min<unsigned>(kMaxMidiValue, value * scale_ / 100u));
+}
+
+void MidiVolumeScaler::SetTrackTrim(unsigned short trackId, unsigned char trim) {
+    std::scoped_lock lock(mutex_);
+    recentlyAffectedTrackIds_.insert(trackId);
+    trims_[trackId].SetScale(trim);
+}
+
+void MidiVolumeScaler::SetAllTracksTrim(const std::map<unsigned short, unsigned char>& trims) {
+    std::scoped_lock lock(mutex_);
+    for (const auto& [trackId, trim] : trims) {
+        recentlyAffectedTrackIds_.insert(trackId);
+        trims_[trackId].SetScale(trim);
+    }
+}
+
+unsigned char MidiVolumeScaler::GetScale(unsigned short trackId) {
+    std::scoped_lock lock(mutex_);
+    return trims_[trackId].GetScale();
+}
+
+unsigned char MidiVolumeScaler::GetScaledMidiValue(unsigned short trackId, unsigned char value) {
+    std::scoped_lock lock(mutex_);
+    return trims_[trackId].GetScaledMidiValue(value);
+}
+
+bool MidiVolumeScaler::GetHasRecentlyAffectedTrackIds() {
+    std::scoped_lock lock(mutex_);
+    return !recentlyAffectedTrackIds_.empty();
+}
+
+std::set<unsigned short> MidiVolumeScaler::GetRecentlyAffectedTrackIds() {
+    std::scoped_lock lock(mutex_);
+    return std::exchange(recentlyAffectedTrackIds_, {});
+}
+
+// ---------------------------------------------------------------------------------------------
+// MidiStream: construction and checkpoints
+
+// The song's tracks are shared values; the stream copies each so that it owns what it plays.
+MidiStream::MidiStream(const velt_midi::SongData& songData) : song_(songData) {
+    for (auto& [trackId, track] : song_.GetVoiceData()) {
+        song_.GetVoiceData().insert(trackId, std::make_shared<velt_midi::VoiceTrack>(*track));
+    }
+}
+
+MidiStream::MidiStream(const MidiStream& other)
+    : trackNames_(other.trackNames_),
+      defaultProgramChanges_(other.defaultProgramChanges_),
+      song_(other.song_) {
+    CopyFrom_(other);
+}
+
+MidiStream& MidiStream::operator=(const MidiStream& other) {
+    if (this != &other) {
+        trackNames_ = other.trackNames_;
+        defaultProgramChanges_ = other.defaultProgramChanges_;
+        song_ = other.song_;
+        CopyFrom_(other);
+    }
+    return *this;
+}
+
+MidiStream::~MidiStream() = default;
+
+void MidiStream::CopyFrom_(const MidiStream& other) {
+    for (auto& [trackId, track] : song_.GetVoiceData()) {
+        song_.GetVoiceData().insert(trackId, std::make_shared<velt_midi::VoiceTrack>(*track));
+    }
+    eventIterators_ = other.eventIterators_;
+    endIterators_ = other.endIterators_;
+    currentTick_ = other.currentTick_;
+    checkpoints_ = other.checkpoints_;
+    persistence_ = other.persistence_;
+    previousPersistence_ = other.previousPersistence_;
+    persistenceBeforeSeekIsPrevious_ = other.persistenceBeforeSeekIsPrevious_;
+    std::scoped_lock lock(controlMutex_, other.controlMutex_);
+    mutedTracks_ = other.mutedTracks_;
+    currentProgramChanges_ = other.currentProgramChanges_;
+    userProgramChanges_ = other.userProgramChanges_;
+    resendProgramChanges_ = other.resendProgramChanges_;
+    tracksToRestore_ = other.tracksToRestore_;
+    sendAllNotesOffForMutedTracks_ = other.sendAllNotesOffForMutedTracks_;
+}
+
+void MidiStream::ScaleVolumeCc(unsigned short, VoiceEvent*) {}
+
+void MidiStream::SendPersistentVolumeForScaledTracks_(MidiBuffer&) {}
+
+void MidiStream::SetPersistentTrackRange(PersistentMIDI& state, velt_midi::VoiceTrack& track) {
+    state.SetRange(track.range);
+}
+
+// A checkpoint holds an entry only for the tracks that still had events at or after the previous
+// bar: once a track's events are all consumed its state stops being copied bar after bar. A seek
+// past a track's last checkpoint so starts that track from a fresh state.
+void MidiStream::InitializePersistenceData() {
+    checkpoints_.clear();
+    checkpoints_[0];
+    const std::vector<unsigned int> barStarts = LaterBarStarts(song_.GetTimeline());
+    for (auto& [trackId, track] : song_.GetVoiceData()) {
+        endIterators_[trackId] = track->events.size();
+        SetPersistentTrackRange(checkpoints_[0][trackId], *track);
+        if (track->events.empty()) {
+            continue;
+        }
+        std::size_t next = 0;
+        const PersistentMIDI* previous = &checkpoints_[0][trackId];
+        for (unsigned int barStart : barStarts) {
+            PersistentMIDI& state = checkpoints_[barStart][trackId];
+            state = *previous;
+            next = AddEventsBefore(state, track->events, next, barStart);
+            if (next == track->events.size()) {
+                break;
+            }
+            previous = &state;
+        }
+    }
+    Seek(song_.GetSongStartTickIndex());
+}
+
+const MidiStream::EventVector& MidiStream::TrackEvents_(unsigned short trackId) const {
+    return song_.GetVoiceData().at(trackId).events;
+}
+
+// Checkpoint 0 always exists, so there is always one at or before any tick.
+std::map<unsigned int, MidiStream::TrackStates>::const_iterator MidiStream::CheckpointAt_(
+    unsigned int tick) const {
+    return std::prev(checkpoints_.upper_bound(tick));
+}
+
+void MidiStream::Seek(unsigned int tick) {
+    const auto checkpoint = CheckpointAt_(tick);
+    previousPersistence_ = persistence_;
+    persistenceBeforeSeekIsPrevious_ = true;
+    persistence_ = checkpoint->second;
+    for (const auto& [trackId, track] : song_.GetVoiceData()) {
+        const EventVector& events = track->events;
+        std::size_t next = FirstEventAtOrAfter(events, checkpoint->first);
+        if (next < events.size() && events[next].time < tick) {
+            next = AddEventsBefore(persistence_[trackId], events, next, tick);
+        }
+        eventIterators_[trackId] = next;
+    }
+    currentTick_ = tick;
+}
+
+PersistentMIDI MidiStream::RebuildTrackState_(unsigned short trackId, unsigned int tick) const {
+    const auto checkpoint = CheckpointAt_(tick);
+    PersistentMIDI state;
+    const auto entry = checkpoint->second.find(trackId);
+    if (entry != checkpoint->second.end()) {
+        state = entry->second;
+    }
+    const EventVector& events = TrackEvents_(trackId);
+    AddEventsBefore(state, events, FirstEventAtOrAfter(events, checkpoint->first), tick);
+    return state;
+}
+
+// ---------------------------------------------------------------------------------------------
+// MidiStream: enqueueing
+
+bool MidiStream::WriteEvent(MidiBuffer& buffer, unsigned char port, const VoiceEvent& event,
+                            const char* operation) {
+    try {
+        return buffer.AddEventToBuffer(port, event);
+    } catch (const InvalidVoiceEvent&) {
+        kit::CoutBuffer() << "InvalidVoiceEvent " << operation << kit::endl;
+        return true;
+    }
+}
+
+void MidiStream::EnqueueEvents(unsigned int tick, signed char transposition, MidiBuffer& buffer,
+                               bool sendAllNotesOff) {
+    std::scoped_lock lock(buffer.GetMutex(), controlMutex_);
+    if (sendAllNotesOff) {
+        buffer.SetShouldSendAllNotesOff();
+    }
+    SendPersistentVolumeForScaledTracks_(buffer);
+    Enqueue_(tick, transposition, buffer);
+}
+
+void MidiStream::EnqueueEventsWithPersistence(unsigned int tick, signed char oldTransposition,
+                                              signed char newTransposition, MidiBuffer& buffer,
+                                              bool sendAllNotesOff) {
+    std::scoped_lock lock(buffer.GetMutex(), controlMutex_);
+    if (sendAllNotesOff) {
+        buffer.SetShouldSendAllNotesOff();
+    }
+    // Releases first, for every track: what sounded before the jump and must not sound now.
+    for (const auto& [trackId, before] : previousPersistence_) {
+        const auto now = persistence_.find(trackId);
+        WriteReleases_(trackId, before, now == persistence_.end() ? EmptyState() : now->second,
+                       oldTransposition, buffer, "MidiStream::EnqueueEventsWithPersistence");
+    }
+    // Keeps: a note or switch held on both sides is neither released nor struck again. It is
+    // taken out of the new state while that is sent, then put back with the event that struck
+    // it. Controllers are all sent again, since their values may differ.
+    std::map<unsigned short, std::pair<PersistentMIDI::EventMap, PersistentMIDI::EventMap>> kept;
+    for (auto& [trackId, now] : persistence_) {
+        const auto before = previousPersistence_.find(trackId);
+        if (before != previousPersistence_.end()) {
+            kept[trackId] = {now.FilterNotes(before->second.GetNotes()),
+                             now.FilterSwitches(before->second.GetSwitches())};
+        }
+    }
+    SendPersistenceData_(persistence_, newTransposition, buffer);
+    for (auto& [trackId, held] : kept) {
+        PersistentMIDI& now = persistence_[trackId];
+        now.GetNotes().insert(held.first.begin(), held.first.end());
+        now.GetSwitches().insert(held.second.begin(), held.second.end());
+    }
+    Enqueue_(tick, newTransposition, buffer);
+}
+
+void MidiStream::EnqueueAttacca(unsigned int tick, signed char transposition, MidiBuffer& buffer) {
+    EnqueueWithCurrentState_(tick, transposition, buffer);
+}
+
+void MidiStream::EnqueueInitialEvents(unsigned int tick, signed char transposition,
+                                      MidiBuffer& buffer) {
+    EnqueueWithCurrentState_(tick, transposition, buffer);
+}
+
+void MidiStream::EnqueueWithCurrentState_(unsigned int tick, signed char transposition,
+                                          MidiBuffer& buffer) {
+    std::scoped_lock lock(buffer.GetMutex(), controlMutex_);
+    SendPersistenceData_(persistence_, transposition, buffer);
+    Enqueue_(tick, transposition, buffer);
+}
+
+void MidiStream::AllNotesOff(signed char transposition, MidiBuffer& buffer) {
+    std::scoped_lock lock(buffer.GetMutex());
+    const TrackStates& sounding =
+        persistenceBeforeSeekIsPrevious_ ? previousPersistence_ : persistence_;
+    for (const auto& [trackId, state] : sounding) {
+        WriteReleases_(trackId, state, EmptyState(), transposition, buffer,
+                       "MidiStream::AllNotesOff");
+    }
+}
+
+// Per track: note-offs of the notes (transposed as they were struck), of the switches
+// (untransposed, as they were struck), then controllers back to 0. Full-buffer results are
+// ignored: a release that does not fit is lost, as with every state write.
+void MidiStream::WriteReleases_(unsigned short trackId, const PersistentMIDI& from,
+                                const PersistentMIDI& to, signed char transposition,
+                                MidiBuffer& buffer, const char* operation) {
+    const unsigned char port = PortOf(trackId);
+    for (const auto& [note, off] : from.GetInverseNotes(to.GetNotes())) {
+        WriteEvent(buffer, port, from.GetTransposedEvent(off, transposition), operation);
+    }
+    for (const auto& [note, off] : from.GetInverseSwitches(to.GetSwitches())) {
+        WriteEvent(buffer, port, off, operation);
+    }
+    for (const auto& [controller, zero] : from.GetInverseCCs(to.GetCCs())) {
+        WriteEvent(buffer, port, zero, operation);
+    }
+}
+
+void MidiStream::Enqueue_(unsigned int tick, signed char transposition, MidiBuffer& buffer) {
+    // 1. Silence the muted tracks when asked to.
+    if (std::exchange(sendAllNotesOffForMutedTracks_, false)) {
+        for (unsigned short trackId : mutedTracks_) {
+            const unsigned char port = PortOf(trackId);
+            WriteEvent(buffer, port, VoiceEvent(0, kControlChange, trackId, kAllNotesOff, 0),
+                       "MidiStream::Enqueue_");
+            WriteEvent(buffer, port,
+                       VoiceEvent(0, kControlChange, trackId, kResetAllControllers, 0),
+                       "MidiStream::Enqueue_");
+        }
+    }
+    // 2. Tracks unmuted since the last period get their state at the current tick.
+    RestoreUnmutedTracks_(transposition, buffer);
+    // 3. The period's events, track by track.
+    for (auto& [trackId, next] : eventIterators_) {
+        const EventVector& events = TrackEvents_(trackId);
+        if (next == endIterators_[trackId]) {
+            continue;
+        }
+        if (mutedTracks_.count(trackId) != 0) {
+            // Skipped for good: unmuting restores the track's state instead.
+            while (next < events.size() && events[next].time < tick) {
+                ++next;
+            }
+            continue;
+        }
+        const unsigned char port = PortOf(trackId);
+        if (buffer.GetBufferIsFull(port)) {
+            break;  // the remaining tracks wait for the next period
+        }
+        PersistentMIDI& state = persistence_[trackId];
+        while (next < events.size() && events[next].time < tick) {
+            const VoiceEvent& event = events[next];
+            VoiceEvent result = state.AddEvent(event, transposition);
+            if (IsKind(event, kProgramChange)) {
+                currentProgramChanges_[trackId] = event.data1;
+                if (userProgramChanges_.count(trackId) != 0) {
+                    ++next;
+                    continue;
+                }
+            }
+            ScaleVolumeCc(trackId, &result);
+            // On a full port the event stays next and is written again in the next period; its
+            // effect on the chase state is already recorded.
+            if (!WriteEvent(buffer, port, result, "MidiStream::Enqueue_")) {
+                break;
+            }
+            ++next;
+        }
+    }
+    // 4. A pending return to the song's own program changes.
+    if (std::exchange(resendProgramChanges_, false)) {
+        SendPersistentProgramChanges(persistence_, buffer);
+    }
+    // 5.
+    currentTick_ = tick;
+    buffer.DoneAddingEventsToBuffer();
+    persistenceBeforeSeekIsPrevious_ = false;
+}
+
+// The restored state also becomes the track's chase state: while muted the track added nothing
+// to it, and the releases of a later seek or stop must know what the restore struck.
+void MidiStream::RestoreUnmutedTracks_(signed char transposition, MidiBuffer& buffer) {
+    if (tracksToRestore_.empty()) {
+        return;
+    }
+    TrackStates restored;
+    for (unsigned short trackId : tracksToRestore_) {
+        if (song_.GetVoiceData().contains(trackId)) {
+            restored[trackId] = RebuildTrackState_(trackId, currentTick_);
+        }
+    }
+    tracksToRestore_.clear();
+    SendPersistenceData_(restored, transposition, buffer);
+    for (auto& [trackId, state] : restored) {
+        persistence_[trackId] = std::move(state);
+    }
+}
+
+// Per track, skipping muted ones: switches, controllers, pitch bend, program change, held notes.
+// That order lets an instrument select the articulation and set its controllers before the
+// notes sound. Full-buffer results are ignored.
+void MidiStream::SendPersistenceData_(TrackStates state, signed char transposition,
+                                      MidiBuffer& buffer) {
+    constexpr const char* kOperation = "MidiStream::SendPersistenceData_";
+    for (auto& [trackId, track] : state) {
+        if (mutedTracks_.count(trackId) != 0) {
+            continue;
+        }
+        const unsigned char port = PortOf(trackId);
+        for (const auto& [note, on] : track.GetSwitches()) {
+            WriteEvent(buffer, port, on, kOperation);
+        }
+        for (const auto& [controller, cc] : track.GetCCs()) {
+            VoiceEvent scaled = cc;
+            ScaleVolumeCc(trackId, &scaled);
+            WriteEvent(buffer, port, scaled, kOperation);
+        }
+        WriteEvent(buffer, port,
+                   track.GetHasPitchBend()
+                       ? track.GetPitchBend()
+                       : VoiceEvent(0, kPitchBend, trackId, 0, kPitchBendCentreMsb),
+                   kOperation);
+        if (track.HasProgramChange() && userProgramChanges_.count(trackId) == 0) {
+            WriteEvent(buffer, port, track.GetProgramChange(), kOperation);
+            currentProgramChanges_[trackId] = track.GetProgramChange().data1;
+        }
+        for (const auto& [note, on] : track.GetNotes()) {
+            WriteEvent(buffer, port, track.GetTransposedEvent(on, transposition), kOperation);
+        }
+    }
+}
+
+void MidiStream::SendPersistentProgramChanges(TrackStates state, MidiBuffer& buffer) {
+    for (const auto& [trackId, track] : state) {
+        if (track.HasProgramChange() &&
+            !WriteEvent(buffer, PortOf(trackId), track.GetProgramChange(),
+                        "MidiStream::SendPersistentProgramChanges")) {
+            return;
+        }
+    }
+}
+
+// ---------------------------------------------------------------------------------------------
+// MidiStream: program changes and mutes (control side)
+
+void MidiStream::FollowMidiProgramChanges() {
+    std::scoped_lock lock(controlMutex_);
+    userProgramChanges_.clear();
+    resendProgramChanges_ = true;
+}
+
+void MidiStream::SetUserProgramChange(unsigned short trackId, unsigned char program) {
+    std::scoped_lock lock(controlMutex_);
+    userProgramChanges_[trackId] = program;
+}
+
+void MidiStream::SetUserProgramChanges(const ProgramMap& programs) {
+    std::scoped_lock lock(controlMutex_);
+    userProgramChanges_ = programs;
+}
+
+void MidiStream::ResetProgramChanges() {
+    std::scoped_lock lock(controlMutex_);
+    userProgramChanges_.clear();
+    resendProgramChanges_ = false;
+    currentProgramChanges_ = defaultProgramChanges_;
+}
+
+MidiStream::ProgramMap MidiStream::GetCurrentProgramChangesByTrackId() const {
+    std::scoped_lock lock(controlMutex_);
+    return currentProgramChanges_;
+}
+
+std::map<unsigned short, std::string> MidiStream::GetTrackNamesByTrackId() const {
+    return trackNames_;
+}
+
+void MidiStream::MuteTrack(unsigned short trackId) {
+    std::scoped_lock lock(controlMutex_);
+    mutedTracks_.insert(trackId);
+}
+
+void MidiStream::UnmuteTrack(unsigned short trackId) {
+    std::scoped_lock lock(controlMutex_);
+    if (mutedTracks_.erase(trackId) != 0) {
+        tracksToRestore_.insert(trackId);
+    }
+}
+
+void MidiStream::UnmuteAll() {
+    std::scoped_lock lock(controlMutex_);
+    mutedTracks_.clear();
+}
+
+void MidiStream::SetMutedTracks(const std::map<unsigned short, bool>& mutes) {
+    for (const auto& [trackId, muted] : mutes) {
+        if (muted) {
+            MuteTrack(trackId);
+        } else {
+            UnmuteTrack(trackId);
+        }
+    }
+}
+
+void MidiStream::SetMutedTracks(const std::set<unsigned short>& mutedTracks) {
+    std::scoped_lock lock(controlMutex_);
+    mutedTracks_ = mutedTracks;
+    tracksToRestore_.clear();
+}
+
+void MidiStream::ResetMuteSettings() {
+    std::scoped_lock lock(controlMutex_);
+    mutedTracks_.clear();
+    tracksToRestore_.clear();
+}
+
+void MidiStream::SendAllNotesOffForMutedTracks() {
+    std::scoped_lock lock(controlMutex_);
+    sendAllNotesOffForMutedTracks_ = true;
+}
+
+std::set<unsigned short> MidiStream::GetMutedTracks() const {
+    std::scoped_lock lock(controlMutex_);
+    return mutedTracks_;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Variants
+
+TamberMidiStream::TamberMidiStream(const velt_midi::SongData& songData) : MidiStream(songData) {
+    for (const auto& [trackId, track] : GetSong().GetVoiceData()) {
+        trackNames_[trackId] = track->GetTrackName();
+        defaultProgramChanges_[trackId] = track->GetDefaultProgramChange();
+    }
+    ResetProgramChanges();
+    InitializePersistenceData();
+}
+
+void TamberMidiStream::SetPersistentTrackRange(PersistentMIDI& state,
+                                               velt_midi::VoiceTrack& track) {
+    constexpr unsigned char kPercussionChannel = 9;
+    state.SetRange(track.channelIndex == kPercussionChannel ? PersistentMIDI::Range{255, 255}
+                                                            : PersistentMIDI::Range{0, 127});
+}
+
+ParvelMidiStream::ParvelMidiStream(const velt_midi::SongData& songData,
+                                   MidiVolumeScaler& volumeScaler)
+    : MidiStream(songData), volumeScaler_(&volumeScaler) {
+    for (const auto& [trackId, track] : GetSong().GetVoiceData()) {
+        trackNames_[trackId] = track->GetTrackName();
+    }
+    InitializePersistenceData();
+}
+
+void ParvelMidiStream::ScaleVolumeCc(unsigned short trackId, VoiceEvent* event) {
+    if (IsKind(*event, kControlChange) && event->data1 == kChannelVolume) {
+        event->data2 = volumeScaler_->GetScaledMidiValue(trackId, event->data2);
+    }
+}
+
+// A track whose song state has no volume controller gets its trim applied to a nominal volume.
+void ParvelMidiStream::SendPersistentVolumeForScaledTracks_(MidiBuffer& buffer) {
+    if (!volumeScaler_->GetHasRecentlyAffectedTrackIds()) {
+        return;
+    }
+    for (unsigned short trackId : volumeScaler_->GetRecentlyAffectedTrackIds()) {
+        const unsigned char port = PortOf(trackId);
+        const auto state = GetPersistence().find(trackId);
+        VoiceEvent volume;
+        if (state != GetPersistence().end() && state->second.GetCCs().count(kChannelVolume) != 0) {
+            volume = state->second.GetCCs().at(kChannelVolume);
+            ScaleVolumeCc(trackId, &volume);
+        } else {
+            volume = VoiceEvent(0, kControlChange, trackId, kChannelVolume,
+                                volumeScaler_->GetScaledMidiValue(trackId, kNominalVolume));
+        }
+        WriteEvent(buffer, port, volume, "ParvelMidiStream::SendPersistentVolumeForScaledTracks_");
+    }
+}

@@ -1,0 +1,167 @@
+#include <stdexcept>
+
+#include "interfaces/kit.h"
+#include "midi/clocks.h"
+
+void StandardMidiClock::SetTicksPerClock(unsigned int ticksPerClock) {
+    std::scoped_lock lock(clockMutex_);
+    clockState_.SetTicksPerClock(ticksPerClock);
+}
+
+void StandardMidiClock::SetClocksPerClick(int clocksPerClick, unsigned int validAt) {
+    std::scoped_lock lock(clockMutex_);
+    if (!playbackArmed_) {
+        deferredClocksPerClick_.emplace_back(clocksPerClick, validAt);
+        return;
+    }
+    if (validAt == 0) {
+        clockState_.SetClocksPerClick(clocksPerClick);
+        return;
+    }
+    const unsigned int tickIndex = clockState_.GetTickIndex();
+    if (validAt < tickIndex) {
+        kit::CoutBuffer() << "WARNING: SetClocksPerClick ignored. "
+                          << "validAt=" << validAt << ", tickIndex=" << tickIndex << kit::endl;
+        return;
+    }
+    scheduledStates_[validAt].SetClocksPerClick(clocksPerClick);
+}
+
+void StandardMidiClock::SetClockTime(double clockTime, unsigned int validAt) {
+    std::scoped_lock lock(clockMutex_);
+    if (!playbackArmed_) {
+        deferredClockTimes_.emplace_back(clockTime, validAt);
+        return;
+    }
+    if (validAt == 0) {
+        clockState_.SetClockTime(clockTime);
+        return;
+    }
+    const unsigned int tickIndex = clockState_.GetTickIndex();
+    if (validAt < tickIndex) {
+        kit::CoutBuffer() << "WARNING: SetClockTime ignored. "
+                          << "validAt=" << validAt << ", tickIndex=" << tickIndex << kit::endl;
+        return;
+    }
+    scheduledStates_[validAt].SetClockTime(clockTime);
+}
+
+void StandardMidiClock::SetTickIndex(unsigned int tickIndex, int clockNumber,
+                                     unsigned int ticksPerClock, int clocksPerClick,
+                                     double clockTime, unsigned int validAt) {
+    std::scoped_lock lock(clockMutex_);
+    if (!playbackArmed_) {
+        deferredClocksPerClick_.clear();
+        deferredClockTimes_.clear();
+        return;
+    }
+    const ClockState change(tickIndex, clockNumber, ticksPerClock, clocksPerClick, clockTime);
+    if (validAt == 0) {
+        clockState_ = change;
+        return;
+    }
+    const unsigned int liveTickIndex = clockState_.GetTickIndex();
+    if (validAt < liveTickIndex) {
+        kit::CoutBuffer() << "WARNING: SetTickIndex ignored. "
+                          << "validAt=" << validAt << ", tickIndex=" << liveTickIndex << kit::endl;
+        return;
+    }
+    scheduledStates_[validAt] = change;
+}
+
+void StandardMidiClock::SetCaesura(unsigned int caesuraTickIndex, double clockTime,
+                                   int clocksPerClick) {
+    std::scoped_lock lock(clockMutex_);
+    const unsigned int tickIndex = clockState_.GetTickIndex();
+    if (caesuraTickIndex <= tickIndex) {
+        kit::CoutBuffer() << "WARNING: Ignored caesura. caesuraTickIndex = " << caesuraTickIndex
+                          << ", clockState_.GetTickIndex() = " << tickIndex << kit::endl;
+        return;
+    }
+    caesuraPending_ = true;
+    caesuraTickIndex_ = caesuraTickIndex;
+    caesuraClockTime_ = clockTime;
+    caesuraClocksPerClick_ = clocksPerClick;
+}
+
+void StandardMidiClock::ArmPlayback(unsigned int ticksPerClock, int clocksPerClick,
+                                    double clockTime, unsigned int tickIndex, int clockNumber) {
+    std::scoped_lock lock(clockMutex_);
+    clockState_ = ClockState(tickIndex, clockNumber, ticksPerClock, clocksPerClick, clockTime);
+    scheduledStates_.clear();
+    playbackArmed_ = true;
+    caesuraPending_ = false;
+    // The replays take the armed path now (re-entering the recursive clock mutex): a change
+    // valid at 0 applies at once, one valid before the armed tick is logged and dropped.
+    const auto clocksPerClickChanges = std::exchange(deferredClocksPerClick_, {});
+    for (const auto& [value, validAt] : clocksPerClickChanges) {
+        SetClocksPerClick(value, validAt);
+    }
+    const auto clockTimeChanges = std::exchange(deferredClockTimes_, {});
+    for (const auto& [value, validAt] : clockTimeChanges) {
+        SetClockTime(value, validAt);
+    }
+}
+
+void StandardMidiClock::DisarmPlayback() {
+    std::scoped_lock lock(clockMutex_);
+    playbackArmed_ = false;
+    caesuraPending_ = false;
+    scheduledStates_.clear();
+    deferredClocksPerClick_.clear();
+    deferredClockTimes_.clear();
+}
+
+void StandardMidiClock::ContinuousMode() {
+    StartClock();
+}
+
+void StandardMidiClock::ConductBeat() {
+    throw std::logic_error("Not implemented");
+}
+
+void StandardMidiClock::SetConductorClickTimerCallback(std::function<void(void*)>, void*) {
+    throw std::logic_error("Not implemented.");
+}
+
+void StandardMidiClock::SetDownbeatTimerCallback(std::function<void(void*)>, void*) {
+    throw std::logic_error("Not implemented.");
+}
+
+bool StandardMidiClock::GetPlaybackIsArmed() {
+    std::scoped_lock lock(clockMutex_);
+    return playbackArmed_;
+}
+
+bool StandardMidiClock::AdvanceClock() {
+    if (!GetPlaybackIsArmed()) {
+        return false;
+    }
+    // The callback is the output's send step, which takes the host's mutex: calling it with the
+    // clock mutex held would cross the lock order of a host thread calling the setters.
+    DoMidiClockCallback(clockState_.GetBeatsPerMinute());
+    clockState_.AdvanceClock();
+
+    std::scoped_lock lock(clockMutex_);
+    const unsigned int tickIndex = clockState_.GetTickIndex();
+    const auto scheduled = scheduledStates_.find(tickIndex);
+    if (scheduled != scheduledStates_.end()) {
+        clockState_ = scheduled->second;
+        scheduledStates_.erase(scheduled);
+    }
+    if (caesuraPending_ && caesuraTickIndex_ == tickIndex) {
+        caesuraPending_ = false;
+        return false;
+    }
+    SetClockTimer(clockState_.GetClockTime());
+    return true;
+}
+
+ClockState StandardMidiClock::GetClockState() const {
+    return clockState_;
+}
+
+bool StandardMidiClock::GetCaesuraIsPending() {
+    std::scoped_lock lock(clockMutex_);
+    return caesuraPending_;
+}

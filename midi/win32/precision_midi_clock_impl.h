@@ -1,0 +1,56 @@
+// A StandardMidiClock that keeps an absolute deadline for every clock and waits for it with the
+// platform's high-resolution absolute wait, so that no error accumulates from clock to clock.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <thread>
+
+#include "midi/clock_start_gate.h"
+#include "midi/clocks.h"
+
+/// Same state machine, AdvanceClock and callback as StandardMidiClockImpl; different timing.
+/// Each clock's deadline is the previous clock's deadline plus the live clock time, so a late
+/// wake-up delays that one clock but not the ones after it: the phase error stays within one
+/// wake-up latency and the tempo is exact over any length of run. The grid is anchored at the
+/// start of each run and anchored again after a stall longer than a whole period (instead of
+/// firing the missed clocks in a burst).
+///
+/// Threads: one clock thread runs every clock of a run (asking the system for time-critical
+/// priority; a refusal is logged once and the clock runs at normal priority); control threads
+/// call the setters and StartClock; the owner destroys it. Locks: the clock mutex (AdvanceClock
+/// calls SetClockTimer with it held), then the gate's mutex (taken alone). The deadlines are
+/// touched by the clock thread only.
+class PrecisionMidiClockImpl : public StandardMidiClock {
+  public:
+    /// How long before each deadline the clock thread stops sleeping and spins on the clock, to
+    /// take the sleep's wake-up latency out of the clock's timing.
+    static constexpr std::chrono::nanoseconds kDefaultSpin{50'000};
+
+    /// Starts the clock thread, idle until StartClock. `spin`: see kDefaultSpin (0 for none).
+    explicit PrecisionMidiClockImpl(std::chrono::nanoseconds spin = kDefaultSpin);
+    /// Ends a live run and the clock thread; returns within a few milliseconds (no clock fires
+    /// once the destructor has begun).
+    ~PrecisionMidiClockImpl() override;
+
+  protected:
+    /// Sets the next clock's deadline `seconds` after this clock's. Called on the clock thread
+    /// (from AdvanceClock); does not wait.
+    void SetClockTimer(double seconds) override;
+    /// Starts a run; ignored while a run is live.
+    void StartClock() override;
+
+  private:
+    void RunLoop();
+    /// One run: clocks until AdvanceClock says stop or the clock is destroyed.
+    void Run_();
+    /// Waits until the deadline (nanoseconds of the precise-wait clock). Returns false when the
+    /// clock is being destroyed.
+    bool WaitForDeadline_(std::int64_t deadline);
+
+    const std::int64_t spinNanoseconds_;
+    ClockStartGate gate_;
+    std::int64_t deadline_ = 0;      // this clock's deadline
+    std::int64_t nextDeadline_ = 0;  // the next clock's, set by SetClockTimer
+    std::thread clockThread_;        // last: starts once every field above exists
+};

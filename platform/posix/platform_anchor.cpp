@@ -1,2 +1,0 @@
-// Keeps the library non-empty until the services land.
-namespace velt_platform_detail { int anchor = 0; }

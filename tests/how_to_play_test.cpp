@@ -1,0 +1,448 @@
+// HowToPlay: loading a song, the derived tables, moving, the change reports and the queries.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include "interfaces/kit.h"
+#include "midi/how_to_play.h"
+#include "position_songs.h"
+
+using namespace position_songs;
+
+namespace {
+
+class HowToPlayTest : public ::testing::Test {
+  protected:
+    UserControls controls;
+    HowToPlay position{controls};
+};
+
+/// Exposes the protected limit, and widens it, to show that the clock time goes through the
+/// virtual slot.
+class WideRangeHowToPlay : public HowToPlay {
+  public:
+    using HowToPlay::HowToPlay;
+    bool wide = false;
+
+    double LimitTempoScaleToAllowedRange(double tempoScale) const override {
+        return wide ? tempoScale : HowToPlay::LimitTempoScaleToAllowedRange(tempoScale);
+    }
+};
+
+/// The name of the major key with `sharps` sharps, untransposed.
+std::string KeyName(std::int16_t sharps) {
+    return Keys::getTransposedName(0, sharps, 0);
+}
+
+}  // namespace
+
+TEST_F(HowToPlayTest, SetDataBuildsTablesAndStartsAtTickZero) {
+    auto song = velt_core::SongBuilder("Overture", kTicksPerQuarter)
+                    .Number("7")
+                    .StartTick(960)
+                    .Bars(6)
+                    .TempoScale(1000, 2000, 0.5f)
+                    .Transpose(2000, 3000, 2)
+                    .Transpose(3000, 3500, -1)
+                    .Build();
+    song->GetSongLog().GetTempoScales().push_back(CL::TempoScale(2000, 3500, 1.5f));
+    Load(position, *song);
+
+    EXPECT_EQ(position.GetTickIndex(), 0u);  // the song's start tick is the caller's business
+    EXPECT_EQ(position.GetSongTitle(), "7 Overture");
+    EXPECT_TRUE(position.GetSendMarkerAndSongTitle());
+    EXPECT_FALSE(position.GetSendMarkerAndSongTitle());
+
+    // Starts and ends of tempo scales and transpositions, shared ticks once, in order.
+    std::vector<unsigned int> dspTicks;
+    for (unsigned int tick = position.GetTickIndexOfNextDspEvent();
+         tick != position.GetLastTickIndex(); tick = position.GetTickIndexOfNextDspEvent()) {
+        dspTicks.push_back(tick);
+        position.AdvanceToTickIndex(tick);
+    }
+    EXPECT_EQ(dspTicks, (std::vector<unsigned int>{1000, 2000, 3000, 3500}));
+
+    // Bar starts every 1920 ticks; nothing after the last, nothing before the first.
+    EXPECT_EQ(position.GetNextMeasureTickIndex(0), 1920u);
+    EXPECT_EQ(position.GetNextMeasureTickIndex(1919), 1920u);
+    EXPECT_EQ(position.GetNextMeasureTickIndex(1920), 3840u);
+    EXPECT_EQ(position.GetPreviousMeasureTickIndex(1920), 0u);
+    EXPECT_EQ(position.GetPreviousMeasureTickIndex(1921), 1920u);
+    EXPECT_THROW(position.GetPreviousMeasureTickIndex(0), HowToPlay::SongBegin);
+    const unsigned int lastBar = 6 * 1920;  // the song's last tick starts a bar
+    EXPECT_EQ(position.GetNextMeasureTickIndex(lastBar - 1), lastBar);
+    try {
+        position.GetNextMeasureTickIndex(lastBar);
+        ADD_FAILURE() << "no SongEnd";
+    } catch (const HowToPlay::SongEnd& end) {
+        EXPECT_STREQ(end.what(), "");
+    }
+
+    // A second song replaces the first whole.
+    Load(position, *BareSong());
+    EXPECT_EQ(position.GetSongTitle(), "1 Bare");
+    EXPECT_EQ(position.GetTickIndexOfNextDspEvent(), position.GetLastTickIndex());
+    EXPECT_THROW(position.GetTempoScale(), std::out_of_range);
+    EXPECT_THROW(position.GetNextMeasureTickIndex(3840), HowToPlay::SongEnd);
+    // 9 clicks, every 480 ticks up to and including the song end at 3840: 7 after the next one.
+    EXPECT_EQ(position.GetClicksToSongEnd(), 7);
+}
+
+TEST_F(HowToPlayTest, BeatMapCountsTheClicksStillToComeAfterTheNextClick) {
+    auto song = MainSong();
+    Load(position, *song);
+    const TL::Timeline& timeline = song->GetTimeline();
+    const std::list<unsigned int> clicks =
+        CreateBeatTicks(timeline.GetBarsBeats(), song->GetSongLog().GetClicks(),
+                        timeline.GetMeters(), timeline.lastTickIndex, kTicksPerQuarter);
+    ASSERT_GT(clicks.size(), 3u);
+    const int n = static_cast<int>(clicks.size());
+
+    int i = 0;
+    for (unsigned int click : clicks) {
+        position.Seek(click);
+        // The first click maps to n-1; at click i the next click (i+1) has n-2-i to come. Past
+        // the last click there is none.
+        const int expected = i < n - 1 ? n - 2 - i : 0;
+        EXPECT_EQ(position.GetClicksToSongEnd(), expected) << "at click " << click;
+        ++i;
+    }
+    position.Seek(0);
+    EXPECT_EQ(position.GetClicksToSongEnd(), n - 2);
+}
+
+TEST_F(HowToPlayTest, AdvanceClampsAtSongEndAndMovesBackOnlyBySeek) {
+    Load(position, *MainSong());
+    position.AdvanceToTickIndex(6000);
+    position.AdvanceToTickIndex(kMainLastTick + 5000);
+    EXPECT_EQ(position.GetTickIndex(), kMainLastTick);
+    EXPECT_EQ(position.GetMeterString(), "6/8");
+
+    controls.SetTempoScale(1.25);
+    position.AdvanceToTickIndex(1500);  // behind: a seek
+    EXPECT_EQ(position.GetTickIndex(), 1500u);
+    EXPECT_EQ(position.GetLastSeekTickIndex(), 1500u);
+    EXPECT_EQ(position.GetMeterString(), "4/4");
+    EXPECT_DOUBLE_EQ(position.GetPreSeekTempoScale(), 1.25);
+    // At 1500 the 0.5 tempo scale is in force: 120 × 1.25 × 0.5 per quarter.
+    EXPECT_DOUBLE_EQ(position.GetLastSeekClockTime(), ClockTimeAt(120 * 0.625));
+    EXPECT_EQ(position.GetLastSeekClocksPerClick(), 24);
+
+    position.Seek(kMainLastTick + 1);
+    EXPECT_EQ(position.GetTickIndex(), kMainLastTick);
+}
+
+TEST_F(HowToPlayTest, SnapshotsDescribeTheStateBeforeTheMove) {
+    Load(position, *MainSong());
+    controls.SetTransposition(1);
+    position.AdvanceToTickIndex(1000);
+    EXPECT_DOUBLE_EQ(position.GetPreAdvanceTempoScale(), 1.0);
+    EXPECT_EQ(position.GetPreAdvanceTransposition(), 1);
+    position.AdvanceToTickIndex(2500);
+    EXPECT_DOUBLE_EQ(position.GetPreAdvanceTempoScale(), 0.5);
+    EXPECT_EQ(position.GetPreAdvanceTransposition(), 1);
+    position.Seek(0);
+    EXPECT_DOUBLE_EQ(position.GetPreSeekTempoScale(), 1.0);
+    EXPECT_EQ(position.GetPreSeekPitchShift(), 3);        // user 1 + song 2 at 2500
+    EXPECT_EQ(position.GetPreAdvanceTransposition(), 1);  // a seek leaves the advance snapshot
+}
+
+TEST_F(HowToPlayTest, TimelineItemsReportTheFirstRecordOncePerSeekAndEveryMove) {
+    Load(position, *MainSong());
+    // After the seek of SetData: the first records report once.
+    for (auto update : {&HowToPlay::UpdateTempo, &HowToPlay::UpdateMeter, &HowToPlay::UpdateBar,
+                        &HowToPlay::UpdateKey, &HowToPlay::UpdatePageNumber}) {
+        EXPECT_TRUE((position.*update)());
+        EXPECT_FALSE((position.*update)());
+    }
+    // Change-log items before their event starts do not report.
+    EXPECT_FALSE(position.UpdateTempoScale());
+    EXPECT_FALSE(position.UpdateTransposition());
+    EXPECT_FALSE(position.UpdateClick());
+    EXPECT_FALSE(position.UpdateMarker());
+
+    position.AdvanceToTickIndex(100);  // within the first beat
+    EXPECT_FALSE(position.UpdateBar());
+    position.AdvanceToTickIndex(480);  // second beat: reports as long as the move stands
+    EXPECT_TRUE(position.UpdateBar());
+    EXPECT_TRUE(position.UpdateBar());
+    EXPECT_FALSE(position.UpdateTempo());
+    position.AdvanceToTickIndex(480);  // same tick: the previous cursors are kept
+    EXPECT_TRUE(position.UpdateBar());
+    position.AdvanceToTickIndex(500);
+    EXPECT_FALSE(position.UpdateBar());
+
+    position.AdvanceToTickIndex(3840);  // tempo and key change together
+    EXPECT_TRUE(position.UpdateTempo());
+    EXPECT_TRUE(position.UpdateKey());
+    EXPECT_FALSE(position.UpdateMeter());
+    EXPECT_FALSE(position.UpdatePageNumber());
+    position.AdvanceToTickIndex(5760);
+    EXPECT_TRUE(position.UpdatePageNumber());
+    EXPECT_TRUE(position.UpdateMeter());
+
+    // A seek to the middle: every moved cursor differs from its reset previous cursor.
+    position.Seek(4000);
+    EXPECT_TRUE(position.UpdateTempo());
+    EXPECT_TRUE(position.UpdateTempo());
+    EXPECT_TRUE(position.UpdateMeter());  // first record, latch re-armed by the seek
+    EXPECT_FALSE(position.UpdateMeter());
+    position.AdvanceToTickIndex(4020);
+    EXPECT_FALSE(position.UpdateTempo());
+}
+
+TEST_F(HowToPlayTest, ChangeLogItemsReportBeginAndEndOfCoverage) {
+    Load(position, *MainSong());
+    position.AdvanceToTickIndex(1000);  // tempo scale begins
+    EXPECT_TRUE(position.UpdateTempoScale());
+    EXPECT_TRUE(position.UpdateTempoScale());  // until the next move
+    position.AdvanceToTickIndex(1500);
+    EXPECT_FALSE(position.UpdateTempoScale());
+
+    position.AdvanceToTickIndex(2000);  // tempo scale ends where the transposition begins
+    EXPECT_TRUE(position.UpdateTempoScale());
+    EXPECT_TRUE(position.UpdateTransposition());
+    // The same tick again shifts the coverage flags: the end has been reported once.
+    position.AdvanceToTickIndex(2000);
+    EXPECT_FALSE(position.UpdateTempoScale());
+    EXPECT_FALSE(position.UpdateTransposition());
+    EXPECT_TRUE(position.UpdateMarker());  // "Verse" at 1920, first marker, once
+    EXPECT_FALSE(position.UpdateMarker());
+    position.SetMarkerUpdated(false);
+    EXPECT_TRUE(position.UpdateMarker());
+
+    position.AdvanceToTickIndex(7200);
+    EXPECT_TRUE(position.UpdateClick());
+    EXPECT_TRUE(position.UpdateMarker());  // moved on to "Bridge"
+    position.AdvanceToTickIndex(8640);
+    EXPECT_TRUE(position.UpdateClick());
+    position.AdvanceToTickIndex(9000);
+    EXPECT_FALSE(position.UpdateClick());
+}
+
+TEST_F(HowToPlayTest, CombinedReportsEvaluateBothItems) {
+    auto song = velt_core::SongBuilder("Both", kTicksPerQuarter)
+                    .Bars(2)
+                    .TempoScale(0, 960, 0.8f)
+                    .Click(0, 960, 12)
+                    .Build();
+    Load(position, *song);
+    // A second seek settles the coverage flags, so only the latches are left to report.
+    position.Seek(0);
+    EXPECT_TRUE(position.UpdateClockTime());
+    EXPECT_FALSE(position.UpdateTempo());
+    EXPECT_FALSE(position.UpdateTempoScale());
+    EXPECT_TRUE(position.UpdateClocksPerClick());
+    EXPECT_FALSE(position.UpdateMeter());
+    EXPECT_FALSE(position.UpdateClick());
+    EXPECT_FALSE(position.UpdateClockTime());
+}
+
+TEST_F(HowToPlayTest, CoverageIncludesTheEndOnlyAtTheSongsLastTick) {
+    Load(position, *SongEndSong());
+    position.Seek(1920);  // end of [960, 1920) elsewhere in the song: not in force
+    EXPECT_DOUBLE_EQ(position.GetTempoScaleValue(), 1.0);
+    position.Seek(kSongEndLastTick - 1);
+    EXPECT_DOUBLE_EQ(position.GetTempoScaleValue(), 0.8f);
+    EXPECT_EQ(position.GetClocksPerClick(), 36);
+    // Use up the reports of the seek.
+    EXPECT_TRUE(position.UpdateTempoScale());
+    EXPECT_TRUE(position.UpdateTransposition());
+    EXPECT_TRUE(position.UpdateClick());
+
+    position.AdvanceToTickIndex(kSongEndLastTick);
+    // Tempo scale and transposition stay in force at the last tick; the click does not.
+    EXPECT_DOUBLE_EQ(position.GetTempoScaleValue(), 0.8f);
+    EXPECT_DOUBLE_EQ(position.GetClockTime(), ClockTimeAt(120) / 0.8f);
+    EXPECT_EQ(position.GetTranspositionValue(), 3);
+    EXPECT_EQ(position.GetClocksPerClick(), 24);
+    EXPECT_EQ(position.GetNotated32PerClick(), 8);
+    EXPECT_FALSE(position.UpdateTempoScale());
+    EXPECT_FALSE(position.UpdateTransposition());
+    EXPECT_TRUE(position.UpdateClick());
+
+    // The by-tick queries use the plain rule even there.
+    EXPECT_DOUBLE_EQ(position.GetTempoScaleValueAtTickIndex(kSongEndLastTick), 1.0);
+    EXPECT_EQ(position.GetTranspositionValueAtTickIndex(kSongEndLastTick), 0);
+    EXPECT_EQ(position.GetTranspositionValueAtTickIndex(kSongEndLastTick - 1), 3);
+    EXPECT_DOUBLE_EQ(position.GetTempoScaleValueAtTickIndex(960), 0.5f);
+    EXPECT_DOUBLE_EQ(position.GetTempoScaleValueAtTickIndex(959), 1.0);
+}
+
+TEST_F(HowToPlayTest, TempoScaleAndClockTimeLimitTheProductDifferently) {
+    auto song = velt_core::SongBuilder("Scales", kTicksPerQuarter)
+                    .Bars(2)
+                    .TempoScale(0, 960, 0.25f)
+                    .Build();
+    Load(position, *song);
+    EXPECT_DOUBLE_EQ(position.GetTempoScaleValue(), 0.5);  // 1.0 × 0.25, limited
+    EXPECT_DOUBLE_EQ(position.GetClockTime(), ClockTimeAt(120) / 0.5);
+    EXPECT_EQ(position.GetTempoScaleString(), "50%\n");
+
+    position.AdvanceToTickIndex(1000);
+    controls.SetTempoScale(3.0);
+    EXPECT_DOUBLE_EQ(position.GetTempoScaleValue(), 3.0);  // the user's own scale, not limited
+    EXPECT_DOUBLE_EQ(position.GetClockTime(), ClockTimeAt(120) / 2.0);
+    EXPECT_EQ(position.GetTempoString(), "360.00");
+    EXPECT_EQ(position.GetTempoInteger(), 360);
+
+    controls.SetTempoScale(1.0);
+    EXPECT_EQ(position.GetTempoScaleString(), "100%\n");
+    EXPECT_EQ(position.GetTempoString(), "120.00");
+
+    WideRangeHowToPlay wide(controls);
+    EXPECT_DOUBLE_EQ(wide.LimitTempoScaleToAllowedRange(0.25), 0.5);
+    EXPECT_DOUBLE_EQ(wide.LimitTempoScaleToAllowedRange(3.0), 2.0);
+    EXPECT_DOUBLE_EQ(wide.LimitTempoScaleToAllowedRange(1.5), 1.5);
+    Load(wide, *BareSong());
+    wide.wide = true;
+    controls.SetTempoScale(3.0);
+    EXPECT_DOUBLE_EQ(wide.GetClockTime(), ClockTimeAt(120) / 3.0);
+}
+
+TEST_F(HowToPlayTest, ValuesAndDisplayStringsFollowThePosition) {
+    Load(position, *MainSong());
+    EXPECT_EQ(position.GetBarString(), "1:1");
+    EXPECT_EQ(position.GetMeterString(), "4/4");
+    EXPECT_EQ(position.GetKeyString(), KeyName(0));
+    EXPECT_EQ(position.GetPageNumberValue(), 12);
+    EXPECT_EQ(position.GetTranspositionPair(), (std::pair<int, int>{0, 0}));
+
+    controls.SetTransposition(2);
+    position.AdvanceToTickIndex(2500);  // bar 2 beat 2, song transposition +2
+    EXPECT_EQ(position.GetBarString(), "2:2");
+    EXPECT_EQ(position.GetTranspose().int_value(), 2);
+    EXPECT_EQ(position.GetTranspositionValue(), 4);
+    EXPECT_EQ(position.GetKeyString(), KeyName(4));  // C + 4 semitones
+    EXPECT_EQ(position.GetTranspositionPair(), (std::pair<int, int>{4, 0}));
+    EXPECT_EQ(position.GetTranspositionPair(), (std::pair<int, int>{4, 4}));
+    EXPECT_EQ(position.GetMarkerString(), "Verse");
+    EXPECT_EQ(position.GetMarkerTickIndex(), 1920u);
+    EXPECT_EQ(position.GetTickIndexOfNextDspEvent(), 3000u);
+
+    position.AdvanceToTickIndex(3840);
+    EXPECT_EQ(position.GetKeyString(), KeyName(3));  // G major + 2
+    EXPECT_EQ(position.GetTempoString(), "60.00");
+    EXPECT_EQ(position.GetTickIndexOfNextDspEvent(), kMainLastTick);
+
+    position.AdvanceToTickIndex(7300);  // 6/8, click of 16 notated 32nds
+    EXPECT_EQ(position.GetTempo().tick_index, 3840u);
+    EXPECT_EQ(position.GetClick().start(), 7200u);
+    EXPECT_EQ(position.GetClocksPerClick(), 48);
+    EXPECT_EQ(position.GetNotated32PerClick(), 16);
+    EXPECT_EQ(position.GetPageNumber().page, 13);
+    EXPECT_EQ(position.GetMarker().text, "Bridge");
+    // A 6/8 click of 36 clocks at a quarter of 60 is 40 clicks per minute.
+    EXPECT_EQ(position.GetTempoString(), "40.00");
+    EXPECT_EQ(position.GetClocksPerClickAtTickIndex(100), 24);
+    EXPECT_EQ(position.GetClocksPerClickAtTickIndex(6000), 36);
+    EXPECT_EQ(position.GetClocksPerClickAtTickIndex(8000), 48);
+    EXPECT_EQ(position.GetClocksPerClickAtTickIndex(8640), 36);
+}
+
+TEST_F(HowToPlayTest, EmptySequencesThrowTheirOwnTexts) {
+    Load(position, *BareSong());
+    auto expectOutOfRange = [](auto query, const std::string& text) {
+        try {
+            query();
+            ADD_FAILURE() << "no exception for " << text;
+        } catch (const std::out_of_range& error) {
+            EXPECT_EQ(std::string(error.what()), text);
+        }
+    };
+    expectOutOfRange([&] { position.GetClick(); }, "no Click");
+    expectOutOfRange([&] { position.GetTempoScale(); }, "no TempoScale");
+    expectOutOfRange([&] { position.GetTranspose(); }, "no Transposition");
+    expectOutOfRange([&] { position.GetMarker(); }, "no markers");
+    expectOutOfRange([&] { position.GetPageNumber(); }, "There are no PageNums");
+    expectOutOfRange([&] { position.GetMarkerTickIndex(); }, "there are no markers");
+    expectOutOfRange([&] { position.GetMarkerString(); }, "there are no markers");
+
+    // The rest of the song still answers, and moving never touches the empty sequences.
+    position.AdvanceToTickIndex(2000);
+    EXPECT_EQ(position.GetPageNumberValue(), 1);
+    EXPECT_EQ(position.GetClocksPerClick(), 24);
+    EXPECT_FALSE(position.UpdateMarker());
+    EXPECT_FALSE(position.UpdatePageNumber());
+    EXPECT_FALSE(position.UpdateClick());
+}
+
+TEST_F(HowToPlayTest, ClockNumberCountsFromBarStartOrFromTheClickStart) {
+    // A click of 36 clocks in 4/4 does not divide the bar, so the two rules differ.
+    auto song =
+        velt_core::SongBuilder("Clocks", kTicksPerQuarter).Meter(0, 4, 4, 36).Bars(2).Build();
+    Load(position, *song);
+    position.AdvanceToTickIndex(1000);  // beat 3 (960) + 2 clocks; 50 clocks into the bar
+    EXPECT_EQ(position.GetClockNumber(), 50 % 36);
+    EXPECT_EQ(position.GetClockNumberAtTickIndex(1000), 2);  // from the beat record
+
+    // A click event of 48 clocks from beat 2: by tick, counted from the click's start.
+    auto clicked =
+        velt_core::SongBuilder("Clicked", kTicksPerQuarter).Bars(3).Click(480, 3840, 16).Build();
+    Load(position, *clicked);
+    position.AdvanceToTickIndex(1000);
+    EXPECT_EQ(position.GetClockNumber(), 50 % 48);
+    EXPECT_EQ(position.GetClockNumberAtTickIndex(1000), (1000 - 480) / 20);
+    // In the next bar the walk back stops at the bar start.
+    EXPECT_EQ(position.GetClockNumberAtTickIndex(2440), (2440 - 1920) / 20);
+    position.AdvanceToTickIndex(2440);
+    EXPECT_EQ(position.GetClockNumber(), (2440 - 1920) / 20);
+}
+
+TEST_F(HowToPlayTest, ClockArithmetic) {
+    Load(position, *BareSong());
+    EXPECT_EQ(position.RoundDownToNearestClock(40), 40u);
+    EXPECT_EQ(position.RoundDownToNearestClock(59), 40u);
+    EXPECT_EQ(position.GetNextClockTickIndex(40), (std::pair<bool, unsigned int>{true, 40}));
+    EXPECT_EQ(position.GetNextClockTickIndex(41), (std::pair<bool, unsigned int>{false, 60}));
+    EXPECT_EQ(position.GetNextClockTickIndex(0), (std::pair<bool, unsigned int>{true, 0}));
+}
+
+TEST_F(HowToPlayTest, ACopyIsAnIndependentSecondPosition) {
+    Load(position, *MainSong());
+    position.Seek(4000);
+    HowToPlay copy(position);
+    EXPECT_EQ(copy.GetTickIndex(), 4000u);
+    EXPECT_EQ(copy.GetTempo().tick_index, 3840u);
+    // Each position has its own latches: the first meter reports once in each.
+    EXPECT_TRUE(copy.UpdateMeter());
+    EXPECT_FALSE(copy.UpdateMeter());
+    EXPECT_TRUE(position.UpdateMeter());
+
+    copy.AdvanceToTickIndex(7300);
+    EXPECT_EQ(copy.GetMeterString(), "6/8");
+    EXPECT_EQ(position.GetMeterString(), "4/4");
+    EXPECT_EQ(position.GetTickIndex(), 4000u);
+
+    // The copy owns its song: replacing the original's song leaves it untouched.
+    Load(position, *BareSong());
+    copy.AdvanceToTickIndex(9000);
+    EXPECT_EQ(copy.GetMarkerString(), "Bridge");
+    EXPECT_TRUE(copy.UpdateClick());  // the click of [7200, 8640) ended
+
+    HowToPlay moved(std::move(copy));
+    EXPECT_EQ(moved.GetTickIndex(), 9000u);
+    moved.AdvanceToTickIndex(9500);
+    EXPECT_EQ(moved.GetBarString(), "6:4");
+}
+
+TEST_F(HowToPlayTest, WriteDspEventsDumpsBothSequences) {
+    std::vector<std::string> lines;
+    kit::LogSink previous =
+        kit::SetLogSink([&lines](const std::string& line) { lines.push_back(line); });
+    Load(position, *MainSong());
+    position.WriteDspEvents();
+    kit::SetLogSink(previous);
+
+    ASSERT_GE(lines.size(), 8u);
+    EXPECT_EQ(lines[0], "HowToPlay dsp events:");
+    EXPECT_EQ(lines[1], "Transpositions:");
+    EXPECT_EQ(lines[2].rfind("Sequence(code=114", 0), 0u) << lines[2];
+    EXPECT_NE(lines[2].find("event count = 1"), std::string::npos);
+    const auto header = std::find(lines.begin(), lines.end(), "Tempo Scales:");
+    ASSERT_NE(header, lines.end());
+    ASSERT_NE(header + 1, lines.end());
+    EXPECT_EQ(header[1].rfind("Sequence(code=113", 0), 0u) << header[1];
+}

@@ -1,0 +1,295 @@
+// Mapping a MIDI file into the song model, and the show manifest.
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "velt_core/show_loader.h"
+#include "velt_core/smf_writer.h"
+#include "velt_core/song_builder.h"
+
+namespace {
+
+using velt_core::SmfEvent;
+using velt_core::SmfFile;
+using velt_core::SmfTrack;
+namespace meta = velt_core::smf_meta;
+
+velt_midi::SongData Map(const SmfFile& file, std::vector<std::string>* warningsOut = nullptr) {
+    std::vector<std::string> warnings;
+    auto song = velt_core::SongFromSmf(file, "m.mid", warnings);
+    if (warningsOut) {
+        *warningsOut = warnings;
+    } else {
+        EXPECT_TRUE(warnings.empty()) << warnings.front();
+    }
+    return song;
+}
+
+SmfEvent Tempo(std::uint32_t tick, std::uint32_t us) {
+    return SmfEvent::Meta(tick, meta::tempo,
+                          {static_cast<std::uint8_t>(us >> 16), static_cast<std::uint8_t>(us >> 8),
+                           static_cast<std::uint8_t>(us)});
+}
+
+TEST(SongFromSmf, TrackIdsComeFromPortAndChannelAndMergeAcrossFileTracks) {
+    SmfFile file;
+    file.ticksPerQuarter = 96;
+    SmfTrack conductor;
+    conductor.events = {SmfEvent::MetaText(0, meta::trackName, "Title")};
+    SmfTrack multi;  // one file track on channels 1 and 3 (indices 0 and 2), then port 2
+    multi.events = {SmfEvent::MetaText(0, meta::trackName, "Keys"),
+                    SmfEvent::Channel(0, 0x90, 60, 100),
+                    SmfEvent::Channel(10, 0x92, 40, 90),
+                    SmfEvent::Channel(15, 0x90, 60, 0),
+                    SmfEvent::Meta(20, meta::midiPort, {2}),
+                    SmfEvent::Channel(30, 0x92, 41, 90)};
+    SmfTrack more;  // unnamed, on channel index 0 again: merges into track 0x000
+    more.events = {SmfEvent::Channel(5, 0xC0, 12), SmfEvent::Channel(15, 0xB0, 64, 127),
+                   SmfEvent::Channel(25, 0xC0, 13), SmfEvent::Channel(40, 0x90, 72, 50),
+                   SmfEvent::Channel(41, 0xB5, 7, 100)};
+    file.tracks = {conductor, multi, more};
+    const auto song = Map(file);
+
+    EXPECT_EQ(song.GetSongName(), "Title");
+    std::vector<unsigned short> ids;
+    for (const auto& [id, track] : song.GetVoiceData()) {
+        ids.push_back(id);
+    }
+    EXPECT_EQ(ids, (std::vector<unsigned short>{0x000, 0x002, 0x005, 0x022}));
+    const auto& piano = song.GetVoiceData().at(0x000);
+    EXPECT_EQ(piano.GetTrackName(), "Keys ch 1");
+    EXPECT_EQ(piano.channelIndex, 0);
+    EXPECT_EQ(piano.GetDefaultProgramChange(), 12);
+    EXPECT_EQ(piano.range, (std::pair<std::uint8_t, std::uint8_t>{60, 72}));
+    // Merged in tick order; at tick 15 the first file track's event comes first. The note-on
+    // of velocity 0 is a note-off.
+    const std::vector<velt_midi::VoiceEvent> expected = {
+        {0, 0x90, 0x000, 60, 100},  {5, 0xC0, 0x000, 12, 0},  {15, 0x80, 0x000, 60, 0},
+        {15, 0xB0, 0x000, 64, 127}, {25, 0xC0, 0x000, 13, 0}, {40, 0x90, 0x000, 72, 50}};
+    EXPECT_EQ(piano.events, expected);
+    EXPECT_EQ(song.GetVoiceData().at(0x002).GetTrackName(), "Keys ch 3");
+    EXPECT_EQ(song.GetVoiceData().at(0x022).events[0].GetTrackId(), 0x022);
+    EXPECT_EQ(song.GetVoiceData().at(0x022).events[0].port, 2);
+    // A track playing no note has no range; without a name it is named after its channel.
+    const auto& controls = song.GetVoiceData().at(0x005);
+    EXPECT_EQ(controls.GetTrackName(), "Channel 6");
+    EXPECT_EQ(controls.range, (std::pair<std::uint8_t, std::uint8_t>{255, 255}));
+    EXPECT_EQ(song.GetTimeline().lastTickIndex, 41u);
+}
+
+TEST(SongFromSmf, TimelineHasRecordsAtTickZeroAndBarsFollowTheMeters) {
+    SmfFile file;
+    file.ticksPerQuarter = 120;
+    SmfTrack conductor;
+    conductor.events = {
+        Tempo(240, 600000),
+        Tempo(240, 400000),                                     // the later of two at one tick wins
+        SmfEvent::Meta(0, meta::timeSignature, {3, 2, 24, 8}),  // 3/4
+        SmfEvent::Meta(720, meta::timeSignature, {6, 3, 36, 8}),  // 6/8 at bar 3
+        SmfEvent::Meta(720, meta::keySignature, {0xFD, 1}),       // 3 flats, minor
+        SmfEvent::MetaText(360, meta::marker, "Verse"),
+        SmfEvent::Meta(400, meta::timeSignature, {0, 2, 24, 8}),  // unusable: skipped
+        SmfEvent::Meta(500, meta::keySignature, {9, 0})};         // unusable: skipped
+    conductor.endTick = 1080;
+    file.tracks = {conductor};
+    std::vector<std::string> warnings;
+    const auto song = Map(file, &warnings);
+    EXPECT_EQ(warnings.size(), 2u);
+
+    const TL::Timeline& t = song.GetTimeline();
+    ASSERT_EQ(t.GetTempos().size(), 2u);
+    EXPECT_EQ(t.GetTempos()[0].tick_index, 0u);
+    EXPECT_EQ(t.GetTempos()[0].microseconds_per_quarter, velt_core::defaultMicrosecondsPerQuarter);
+    EXPECT_EQ(t.GetTempos()[1].microseconds_per_quarter, 400000u);
+    ASSERT_EQ(t.GetMeters().size(), 2u);
+    EXPECT_EQ(t.GetMeters()[1].numerator, 6);
+    EXPECT_EQ(t.GetMeters()[1].denominator, 8);
+    EXPECT_EQ(t.GetMeters()[1].clocks_per_click, 36);
+    ASSERT_EQ(t.GetKeys().size(), 2u);
+    EXPECT_EQ(t.GetKeys()[0].sharps_flats, 0);  // C major supplied at tick 0
+    EXPECT_EQ(t.GetKeys()[1].sharps_flats, -3);
+    EXPECT_EQ(t.GetKeys()[1].minor, 1);
+    EXPECT_EQ(t.lastTickIndex, 1080u);
+    // 3/4 bars of 360 ticks: bars 1 and 2; 6/8 from 720 with eighth-note beats of 60 ticks.
+    EXPECT_EQ(velt_core::FindBarBeat(t, 2, 3), 600u);
+    EXPECT_EQ(velt_core::FindBarBeat(t, 3, 1), 720u);
+    EXPECT_EQ(velt_core::FindBarBeat(t, 3, 6), 1020u);
+    EXPECT_EQ(velt_core::FindBarBeat(t, 4, 1), 1080u);
+    EXPECT_FALSE(velt_core::FindBarBeat(t, 2, 4).has_value());
+    ASSERT_EQ(song.GetSongLog().GetMarkers().size(), 1u);
+    EXPECT_EQ(song.GetSongLog().GetMarkers()[0].text, "Verse");
+}
+
+TEST(SongFromSmf, CoarseResolutionIsScaledToAMultipleOf24AndHugeSongsAreRefused) {
+    SmfFile file;
+    file.ticksPerQuarter = 10;
+    SmfTrack track;
+    track.events = {SmfEvent::Channel(3, 0x90, 60, 1), Tempo(5, 400000)};
+    track.endTick = 7;
+    file.tracks = {track};
+    std::vector<std::string> warnings;
+    const auto song = Map(file, &warnings);
+    EXPECT_EQ(song.GetTicksPerQuarter(), 120u);  // 10 * 12
+    EXPECT_EQ(song.GetVoiceData().at(0).events[0].time, 36u);
+    EXPECT_EQ(song.GetTimeline().GetTempos()[1].tick_index, 60u);
+    EXPECT_EQ(song.GetTimeline().lastTickIndex, 84u);
+    ASSERT_EQ(warnings.size(), 1u);
+    EXPECT_EQ(warnings[0],
+              "m.mid: resolution of 10 ticks per quarter is below 24; ticks scaled by 12");
+
+    file.ticksPerQuarter = 96;
+    file.tracks[0].endTick = 0xF0000000;
+    EXPECT_THROW(Map(file, &warnings), velt_core::SmfError);
+}
+
+// A show directory in the test's temporary folder with one song file.
+class ShowManifest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        dir_ = std::filesystem::path(::testing::TempDir()) /
+               ("show_" +
+                std::string(::testing::UnitTest::GetInstance()->current_test_info()->name()));
+        std::filesystem::create_directories(dir_);
+        auto song = velt_core::SongBuilder("From File", 480)
+                        .Meter(0, 3, 4)
+                        .Track(0x011, "Flute", 73)
+                        .ProgramChange(0x011, 0, 73)
+                        .Note(0x011, 0, 24, 100, 10)  // a keyswitch
+                        .Note(0x011, 480, 72, 100, 480)
+                        .Marker(1440, "File marker")
+                        .Bars(8)
+                        .Build();
+        velt_core::WriteSmf(velt_core::SmfFromSong(*song), (dir_ / "a.mid").string());
+    }
+
+    std::shared_ptr<pv::ParvelShowData> Load(const std::string& json) {
+        std::ofstream(dir_ / "show.json") << json;
+        return velt_core::LoadShow(dir_.string());
+    }
+
+    void ExpectError(const std::string& songJson, const std::string& expected) {
+        try {
+            Load(R"({"name": "S", "songs": [)" + songJson + "]}");
+            ADD_FAILURE() << "no error for " << songJson;
+        } catch (const velt_core::ShowError& e) {
+            EXPECT_NE(std::string(e.what()).find(expected), std::string::npos) << e.what();
+        }
+    }
+
+    std::filesystem::path dir_;
+};
+
+TEST_F(ShowManifest, AddsTheChangeLogPagesRangesAndGroupsAtBarBeatPositions) {
+    const auto show = Load(R"({
+      "name": "Test Show",
+      "groups": {"1": [17, 0], "200": []},
+      "songs": [
+        {"file": "a.mid"},
+        {"number": 7, "name": "Second", "file": "a.mid", "start": "2:1",
+         "clicks": [{"start": "5:1", "end": "end", "notated_32nds": 24}],
+         "tempo_scales": [{"start": "3:1", "end": "4:1", "factor": 0.5},
+                          {"start": 0, "end": "2:2", "factor": 1.25}],
+         "transpositions": [{"start": "1:2", "end": 4000, "semitones": -3}],
+         "markers": [{"at": "1:1", "text": "Top"}, {"at": "3:1", "text": "Also at 3:1"}],
+         "pages": [{"at": "4:1", "page": 12}, {"at": 0, "page": 11}],
+         "ranges": {"0x11": [60, 96]}},
+        {"file": "a.mid", "ranges": {"17": null}}
+      ]})");
+    EXPECT_EQ(show->GetShowName(), "Test Show");
+    EXPECT_EQ(show->GetGroups().GetGroup(1), (std::set<unsigned short>{0, 17}));
+    ASSERT_EQ(show->GetSongs().size(), 3u);
+
+    const auto& first = *show->GetSongs()[0];
+    EXPECT_EQ(first.GetSongLog().GetSongNumber(), "1");
+    EXPECT_EQ(first.GetSongName(), "From File");
+    EXPECT_EQ(first.GetVoiceData().at(0x011).range,
+              (std::pair<std::uint8_t, std::uint8_t>{24, 72}));
+
+    const auto& second = *show->GetSongs()[1];
+    const CL::SongLog& log = second.GetSongLog();
+    EXPECT_EQ(log.GetSongNumber(), "7");
+    EXPECT_EQ(second.GetSongName(), "Second");
+    EXPECT_EQ(second.GetSongStartTickIndex(), 1440u);
+    ASSERT_EQ(log.GetClicks().size(), 1u);
+    EXPECT_EQ(log.GetClicks()[0].start(), 4u * 1440);
+    EXPECT_EQ(log.GetClicks()[0].end(), 8u * 1440);
+    EXPECT_EQ(log.GetClicks()[0].int_value(), 24);
+    ASSERT_EQ(log.GetTempoScales().size(), 2u);  // sorted by start
+    EXPECT_EQ(log.GetTempoScales()[0].end(), 1440u + 480);
+    EXPECT_FLOAT_EQ(log.GetTempoScales()[0].float_value(), 1.25f);
+    EXPECT_EQ(log.GetTempoScales()[1].start(), 2880u);
+    EXPECT_EQ(log.GetTranspositions()[0].start(), 480u);
+    EXPECT_EQ(log.GetTranspositions()[0].int_value(), -3);
+    // Manifest markers join the file's marker, in tick order.
+    ASSERT_EQ(log.GetMarkers().size(), 3u);
+    EXPECT_EQ(log.GetMarkers()[0].text, "Top");
+    EXPECT_EQ(log.GetMarkers()[1].text, "File marker");
+    EXPECT_EQ(log.GetMarkers()[2].tick_index, 2880u);
+    const auto& pages = second.GetTimeline().GetPageNums();
+    ASSERT_EQ(pages.size(), 2u);
+    EXPECT_EQ(pages[0].page, 11);
+    EXPECT_EQ(pages[1].tick_index, 4320u);
+    EXPECT_EQ(second.GetVoiceData().at(0x011).range,
+              (std::pair<std::uint8_t, std::uint8_t>{60, 96}));
+    EXPECT_EQ(show->GetSongs()[2]->GetVoiceData().at(0x011).range,
+              (std::pair<std::uint8_t, std::uint8_t>{255, 255}));
+}
+
+TEST_F(ShowManifest, FaultsNameTheSongAndTheKey) {
+    ExpectError(R"({"file": "a.mid", "tempo": 1})",
+                R"(song 1 "From File": key "tempo": unknown key)");
+    ExpectError(R"({"name": "N", "file": "a.mid", "start": "10:1"})",
+                R"(song 1 "N": key "start": the song has no bar 10 beat 1)");
+    ExpectError(R"({"file": "a.mid", "start": "1:4"})", "no bar 1 beat 4");
+    ExpectError(R"({"file": "a.mid", "start": "1-1"})", R"(key "start": "1-1" is not a tick)");
+    ExpectError(R"({"file": "a.mid", "start": 99999})",
+                R"(key "start": 99999 is outside 0..11520)");
+    ExpectError(
+        R"({"file": "a.mid", "clicks": [{"start": "2:1", "end": "2:1", "notated_32nds": 8}]})",
+        R"(key "clicks[0].end": must lie after start)");
+    ExpectError(R"({"file": "a.mid", "clicks": [{"start": 0, "end": 10}]})",
+                R"(key "clicks[0].notated_32nds": missing)");
+    ExpectError(
+        R"({"file": "a.mid", "transpositions": [{"start": 0, "end": 10, "semitones": 30}]})",
+        R"(key "transpositions[0].semitones": 30 is outside -24..24)");
+    ExpectError(R"({"file": "a.mid", "tempo_scales": [{"start": 0, "end": 10, "factor": 0}]})",
+                R"(key "tempo_scales[0].factor": expected a factor above 0)");
+    ExpectError(R"({"file": "a.mid", "transpositions": [
+                    {"start": 0, "end": 100, "semitones": 1},
+                    {"start": 99, "end": 200, "semitones": 2}]})",
+                R"(key "transpositions": events at ticks 0 and 99 overlap)");
+    ExpectError(R"({"file": "a.mid", "ranges": {"16": [1, 2]}})",
+                R"(key "ranges.16": the song has no track 16)");
+    ExpectError(R"({"file": "a.mid", "ranges": {"17": [70, 60]}})",
+                R"(key "ranges.17[1]": 60 is outside 70..127)");
+    ExpectError(R"({"file": "a.mid", "markers": [{"at": 0, "text": 5}]})",
+                R"(key "markers[0].text": expected a string)");
+    ExpectError(R"({"file": "a.mid", "pages": [{"at": 0, "page": 1}, {"at": 0, "page": 2}]})",
+                R"(key "pages": two pages at tick 0)");
+    ExpectError(R"({"name": "No File"})", R"(song 1 "No File": key "file": missing)");
+}
+
+TEST_F(ShowManifest, ShowLevelFaultsAndMissingFilesAreNamed) {
+    auto expectError = [&](const std::string& json, const std::string& expected) {
+        try {
+            Load(json);
+            ADD_FAILURE() << "no error for " << json;
+        } catch (const std::runtime_error& e) {
+            EXPECT_NE(std::string(e.what()).find(expected), std::string::npos) << e.what();
+        }
+    };
+    expectError(R"({"name": "S", "songs": [], "extra": 1})", R"(key "extra": unknown key)");
+    expectError(R"({"name": "S", "songs": []})", R"(key "songs": expected a non-empty array)");
+    expectError(R"({"songs": [{"file": "a.mid"}]})", R"(key "name")");
+    expectError(R"({"name": "S", "groups": {"300": [1]}, "songs": [{"file": "a.mid"}]})",
+                R"(key "groups.300")");
+    expectError(R"({"name": "S", "songs": [{"file": "a.mid"},)", "not valid JSON");
+    expectError(R"({"name": "S", "songs": [{"file": "a.mid"}, {"file": "missing.mid"}]})",
+                "missing.mid: cannot open the file");
+}
+
+}  // namespace

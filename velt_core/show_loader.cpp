@@ -1,0 +1,812 @@
+#include "velt_core/show_loader.h"
+
+#include <algorithm>
+#include <bit>
+#include <filesystem>
+#include <fstream>
+#include <limits>
+#include <map>
+#include <numeric>
+#include <set>
+
+#include <nlohmann/json.hpp>
+
+#include "velt_core/song_builder.h"
+
+namespace velt_core {
+
+namespace {
+
+// ---------------------------------------------------------------------------------------------
+// File to song
+
+// About 14 hours of music at 120 beats per minute.
+constexpr std::uint64_t maxBeatsPerSong = 100000;
+
+// What one (port, channel) collects while the file is walked.
+struct TrackDraft {
+    std::size_t firstFileTrack = 0;
+    std::vector<velt_midi::VoiceEvent> events;
+};
+
+std::string ChannelName(std::uint16_t trackId) {
+    const int port = trackId >> 4;
+    const int channel = (trackId & 0x0F) + 1;
+    std::string text = "Channel " + std::to_string(channel);
+    return port == 0 ? text : "Port " + std::to_string(port) + " " + text;
+}
+
+// Keeps, of records at one tick, the last one (file order), then sorts by tick.
+template <typename T>
+void SortKeepingLastAtTick(std::vector<T>& records) {
+    std::stable_sort(records.begin(), records.end(),
+                     [](const T& a, const T& b) { return a.tick_index < b.tick_index; });
+    std::vector<T> kept;
+    for (const T& record : records) {
+        if (!kept.empty() && kept.back().tick_index == record.tick_index) {
+            kept.back() = record;
+        } else {
+            kept.push_back(record);
+        }
+    }
+    records = std::move(kept);
+}
+
+template <typename T>
+void EnsureRecordAtZero(std::vector<T>& records) {
+    if (records.empty() || records.front().tick_index != 0) {
+        records.insert(records.begin(), T{});
+    }
+}
+
+class SongMapper {
+  public:
+    SongMapper(const SmfFile& file, const std::string& name, std::vector<std::string>& warnings)
+        : file_(file), name_(name), warnings_(warnings) {}
+
+    velt_midi::SongData Map() {
+        ChooseResolution_();
+        for (std::size_t i = 0; i < file_.tracks.size(); ++i) {
+            WalkTrack_(i);
+        }
+        velt_midi::SongData song;
+        song.SetTicksPerQuarter(ticksPerQuarter_);
+        BuildTracks_(song);
+        BuildTimeline_(song.GetTimeline());
+        auto& markers = song.GetSongLog().GetMarkers().GetVector();
+        markers = std::move(markers_);
+        std::stable_sort(markers.begin(), markers.end(),
+                         [](const auto& a, const auto& b) { return a.tick_index < b.tick_index; });
+        song.GetSongLog().SetSongName(songName_);
+        return song;
+    }
+
+  private:
+    // The engine counts in MIDI clocks of ticksPerQuarter / 24 ticks, so a coarser resolution is
+    // multiplied by the least factor that makes it a multiple of 24.
+    void ChooseResolution_() {
+        ticksPerQuarter_ = file_.ticksPerQuarter;
+        if (ticksPerQuarter_ < 24) {
+            scale_ = 24 / std::gcd(ticksPerQuarter_, 24u);
+            ticksPerQuarter_ *= scale_;
+            Warn_("resolution of " + std::to_string(file_.ticksPerQuarter) +
+                  " ticks per quarter is below 24; ticks scaled by " + std::to_string(scale_));
+        }
+    }
+
+    std::uint32_t Tick_(std::uint32_t fileTick) const {
+        const std::uint64_t tick = static_cast<std::uint64_t>(fileTick) * scale_;
+        if (tick > std::numeric_limits<std::uint32_t>::max()) {
+            throw SmfError(name_, std::nullopt,
+                           "tick " + std::to_string(fileTick) + " overflows when scaled by " +
+                               std::to_string(scale_));
+        }
+        return static_cast<std::uint32_t>(tick);
+    }
+
+    void Warn_(const std::string& what) { warnings_.push_back(name_ + ": " + what); }
+
+    void WalkTrack_(std::size_t index) {
+        const SmfTrack& track = file_.tracks[index];
+        std::uint8_t port = 0;
+        std::string trackName;
+        bool named = false;
+        std::set<std::uint16_t> fed;
+        for (const SmfEvent& event : track.events) {
+            const std::uint32_t tick = Tick_(event.tick);
+            lastTick_ = std::max(lastTick_, tick);
+            if (event.IsChannelMessage()) {
+                const auto id = static_cast<std::uint16_t>((port << 4) | (event.status & 0x0F));
+                AddChannelMessage_(index, id, tick, event);
+                fed.insert(id);
+            } else if (event.status == smf_status::meta) {
+                if (event.metaType == smf_meta::trackName && !named) {
+                    trackName = event.Text();
+                    named = true;
+                } else if (event.metaType == smf_meta::midiPort) {
+                    if (event.bytes.size() == 1) {
+                        port = event.bytes[0];
+                    } else {
+                        Warn_("MIDI port meta event of " + std::to_string(event.bytes.size()) +
+                              " bytes at tick " + std::to_string(event.tick) + " ignored");
+                    }
+                } else {
+                    AddTimelineMeta_(tick, event);
+                }
+            }
+        }
+        lastTick_ = std::max(lastTick_, Tick_(track.endTick));
+        for (std::uint16_t id : fed) {
+            if (drafts_.at(id).firstFileTrack != index) {
+                continue;
+            }
+            std::string name = trackName;
+            if (name.empty()) {
+                name = ChannelName(id);
+            } else if (fed.size() > 1) {
+                name += " ch " + std::to_string((id & 0x0F) + 1);
+            }
+            names_[id] = name;
+        }
+        if (index == 0 && fed.empty()) {
+            songName_ = trackName;
+        }
+    }
+
+    void AddChannelMessage_(std::size_t fileTrack, std::uint16_t id, std::uint32_t tick,
+                            const SmfEvent& event) {
+        auto [it, added] = drafts_.try_emplace(id);
+        if (added) {
+            it->second.firstFileTrack = fileTrack;
+        }
+        std::uint8_t status = event.status;
+        // The chase state holds every note-on as sounding, so a note-on of velocity 0 (the
+        // common way of writing a note-off under running status) is stored as the note-off it
+        // means.
+        if ((status & 0xF0) == 0x90 && event.data2 == 0) {
+            status = static_cast<std::uint8_t>(0x80 | (status & 0x0F));
+        }
+        it->second.events.emplace_back(tick, status, id, event.data1, event.data2);
+    }
+
+    // Meta event contents:
+    //   tempo          FF 51 03 tt tt tt        microseconds per quarter note, 24-bit
+    //   time signature FF 58 04 nn dd cc bb     numerator, denominator as a power of 2, MIDI
+    //                                           clocks per click, notated 32nds per quarter
+    //   key signature  FF 59 02 sf mi           sharps (+) or flats (-), 0 major / 1 minor
+    //   marker         FF 06 len text
+    void AddTimelineMeta_(std::uint32_t tick, const SmfEvent& event) {
+        const auto& b = event.bytes;
+        const std::string at = " at tick " + std::to_string(event.tick);
+        switch (event.metaType) {
+            case smf_meta::tempo: {
+                const std::uint32_t value =
+                    b.size() == 3 ? (std::uint32_t{b[0]} << 16) | (b[1] << 8) | b[2] : 0;
+                if (value == 0) {
+                    Warn_("unusable tempo" + at + " skipped");
+                    return;
+                }
+                tempos_.push_back(TL::Tempo{tick, value});
+                return;
+            }
+            case smf_meta::timeSignature: {
+                if (b.size() < 4 || b[0] == 0 || b[1] > 7) {
+                    Warn_("unusable time signature" + at + " skipped");
+                    return;
+                }
+                TL::Meter meter;
+                meter.tick_index = tick;
+                meter.numerator = b[0];
+                meter.denominator = static_cast<std::uint8_t>(1u << b[1]);
+                meter.clocks_per_click = b[2];
+                meter.notated_32nds = b[3];
+                if (meter.clocks_per_click == 0 || meter.notated_32nds == 0) {
+                    Warn_("time signature" + at +
+                          " with zero clocks per click or 32nds; 24 and 8 used");
+                    meter.clocks_per_click = meter.clocks_per_click ? meter.clocks_per_click : 24;
+                    meter.notated_32nds = meter.notated_32nds ? meter.notated_32nds : 8;
+                }
+                meters_.push_back(meter);
+                return;
+            }
+            case smf_meta::keySignature: {
+                const int sharpsFlats = b.size() == 2 ? static_cast<std::int8_t>(b[0]) : 99;
+                if (sharpsFlats < -7 || sharpsFlats > 7 || b[1] > 1) {
+                    Warn_("unusable key signature" + at + " skipped");
+                    return;
+                }
+                keys_.push_back(TL::Key{tick, static_cast<std::int16_t>(sharpsFlats), b[1]});
+                return;
+            }
+            case smf_meta::marker:
+                markers_.push_back(CL::Marker{tick, event.Text()});
+                return;
+            default:
+                return;
+        }
+    }
+
+    void BuildTracks_(velt_midi::SongData& song) {
+        for (auto& [id, draft] : drafts_) {
+            auto track = std::make_shared<velt_midi::VoiceTrack>();
+            track->SetTrackName(names_[id]);
+            track->channelIndex = static_cast<std::uint8_t>(id & 0x0F);
+            std::stable_sort(draft.events.begin(), draft.events.end(),
+                             [](const auto& a, const auto& b) { return a.time < b.time; });
+            bool programSet = false;
+            for (const velt_midi::VoiceEvent& e : draft.events) {
+                const std::uint8_t kind = e.status & 0xF0;
+                if (kind == 0xC0 && !programSet) {
+                    track->SetDefaultProgramChange(e.data1);
+                    programSet = true;
+                } else if (kind == 0x90) {
+                    auto& [low, high] = track->range;
+                    low = low == 255 ? e.data1 : std::min(low, e.data1);
+                    high = high == 255 ? e.data1 : std::max(high, e.data1);
+                }
+            }
+            track->events = std::move(draft.events);
+            song.GetVoiceData().insert(id, std::move(track));
+        }
+    }
+
+    void BuildTimeline_(TL::Timeline& timeline) {
+        SortKeepingLastAtTick(tempos_);
+        SortKeepingLastAtTick(meters_);
+        SortKeepingLastAtTick(keys_);
+        EnsureRecordAtZero(tempos_);
+        EnsureRecordAtZero(meters_);
+        EnsureRecordAtZero(keys_);
+        timeline.GetTempos().GetVector() = std::move(tempos_);
+        timeline.GetMeters().GetVector() = std::move(meters_);
+        timeline.GetKeys().GetVector() = std::move(keys_);
+        timeline.lastTickIndex = lastTick_;
+        RefuseTooManyBeats_(timeline.GetMeters());
+        timeline.GetBarsBeats() =
+            DeriveBarsBeats(timeline.GetMeters(), lastTick_, ticksPerQuarter_);
+    }
+
+    // A few bytes of file can put the last tick billions of ticks away; one bars-beats record per
+    // beat up to there would exhaust memory, so a song longer than any show plays is refused.
+    void RefuseTooManyBeats_(const TL::TimelineSequence<TL::Meter>& meters) const {
+        std::uint64_t beats = 0;
+        for (std::size_t i = 0; i < meters.size(); ++i) {
+            const std::uint64_t end =
+                i + 1 < meters.size() ? meters[i + 1].tick_index : std::uint64_t{lastTick_} + 1;
+            const std::uint64_t beatTicks = TicksPerBeat(meters[i], ticksPerQuarter_);
+            beats += (end - meters[i].tick_index + beatTicks - 1) / beatTicks;
+        }
+        if (beats > maxBeatsPerSong) {
+            throw SmfError(name_, std::nullopt,
+                           "song of " + std::to_string(beats) + " beats is too long (at most " +
+                               std::to_string(maxBeatsPerSong) + ")");
+        }
+    }
+
+    const SmfFile& file_;
+    const std::string& name_;
+    std::vector<std::string>& warnings_;
+    std::uint32_t ticksPerQuarter_ = 480;
+    std::uint32_t scale_ = 1;
+    std::uint32_t lastTick_ = 0;
+    std::map<std::uint16_t, TrackDraft> drafts_;
+    std::map<std::uint16_t, std::string> names_;
+    std::vector<TL::Tempo> tempos_;
+    std::vector<TL::Meter> meters_;
+    std::vector<TL::Key> keys_;
+    std::vector<CL::Marker> markers_;
+    std::string songName_;
+};
+
+void LogWarnings(const std::vector<std::string>& warnings) {
+    for (const std::string& warning : warnings) {
+        kit::CoutBuffer() << "WARNING: " << warning << kit::endl;
+    }
+}
+
+}  // namespace
+
+velt_midi::SongData SongFromSmf(const SmfFile& file, const std::string& name,
+                                std::vector<std::string>& warnings) {
+    return SongMapper(file, name, warnings).Map();
+}
+
+velt_midi::SongData LoadSongFile(const std::string& path) {
+    SmfFile file = ReadSmf(path);
+    velt_midi::SongData song = SongFromSmf(file, path, file.warnings);
+    LogWarnings(file.warnings);
+    return song;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Song to file
+
+SmfFile SmfFromSong(const velt_midi::SongData& song) {
+    const std::string name = song.GetSongName().empty() ? "<song>" : song.GetSongName();
+    if (song.GetTicksPerQuarter() == 0 || song.GetTicksPerQuarter() > 0x7FFF) {
+        throw SmfError(name, std::nullopt,
+                       "ticks per quarter " + std::to_string(song.GetTicksPerQuarter()) +
+                           " cannot be written");
+    }
+    SmfFile file;
+    file.format = 1;
+    file.ticksPerQuarter = static_cast<std::uint16_t>(song.GetTicksPerQuarter());
+    const TL::Timeline& timeline = song.GetTimeline();
+    const std::uint32_t end = timeline.lastTickIndex;
+
+    SmfTrack conductor;
+    conductor.endTick = end;
+    if (!song.GetSongName().empty()) {
+        conductor.events.push_back(SmfEvent::MetaText(0, smf_meta::trackName, song.GetSongName()));
+    }
+    std::vector<SmfEvent> meta;
+    for (const TL::Tempo& t : timeline.GetTempos()) {
+        const std::uint32_t v = t.microseconds_per_quarter;
+        meta.push_back(
+            SmfEvent::Meta(t.tick_index, smf_meta::tempo,
+                           {static_cast<std::uint8_t>(v >> 16), static_cast<std::uint8_t>(v >> 8),
+                            static_cast<std::uint8_t>(v)}));
+    }
+    for (const TL::Meter& m : timeline.GetMeters()) {
+        const int power = std::countr_zero(static_cast<unsigned>(m.denominator));
+        if (m.denominator == 0 || (1u << power) != m.denominator) {
+            throw SmfError(
+                name, std::nullopt,
+                "meter denominator " + std::to_string(m.denominator) + " is not a power of two");
+        }
+        meta.push_back(SmfEvent::Meta(
+            m.tick_index, smf_meta::timeSignature,
+            {m.numerator, static_cast<std::uint8_t>(power), m.clocks_per_click, m.notated_32nds}));
+    }
+    for (const TL::Key& k : timeline.GetKeys()) {
+        meta.push_back(SmfEvent::Meta(
+            k.tick_index, smf_meta::keySignature,
+            {static_cast<std::uint8_t>(k.sharps_flats), static_cast<std::uint8_t>(k.minor)}));
+    }
+    for (const CL::Marker& m : song.GetSongLog().GetMarkers()) {
+        meta.push_back(SmfEvent::MetaText(m.tick_index, smf_meta::marker, m.text));
+    }
+    std::stable_sort(meta.begin(), meta.end(),
+                     [](const SmfEvent& a, const SmfEvent& b) { return a.tick < b.tick; });
+    conductor.events.insert(conductor.events.end(), meta.begin(), meta.end());
+    file.tracks.push_back(std::move(conductor));
+
+    for (const auto& [id, track] : song.GetVoiceData()) {
+        SmfTrack out;
+        out.endTick = end;
+        if (!track->GetTrackName().empty()) {
+            out.events.push_back(SmfEvent::MetaText(0, smf_meta::trackName, track->GetTrackName()));
+        }
+        if ((id >> 4) != 0) {
+            out.events.push_back(
+                SmfEvent::Meta(0, smf_meta::midiPort, {static_cast<std::uint8_t>(id >> 4)}));
+        }
+        for (const velt_midi::VoiceEvent& e : track->events) {
+            out.events.push_back(SmfEvent::Channel(e.time, e.status, e.data1, e.data2));
+        }
+        file.tracks.push_back(std::move(out));
+    }
+    return file;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Manifest
+
+std::optional<std::uint32_t> FindBarBeat(const TL::Timeline& timeline, std::int32_t bar,
+                                         std::int32_t beat) {
+    for (const TL::BarsBeats& record : timeline.GetBarsBeats()) {
+        if (record.bar == bar && record.bar_beat == beat) {
+            return record.tick_index;
+        }
+    }
+    return std::nullopt;
+}
+
+namespace {
+
+using Json = nlohmann::json;
+
+constexpr int maxTransposition = 24;
+constexpr unsigned maxTrackId = 0xFFF;
+
+// Reads one song's entry of the manifest. Every fault names the song and the key path.
+class SongEntryReader {
+  public:
+    SongEntryReader(const std::string& manifest, const std::filesystem::path& directory,
+                    std::size_t position)
+        : manifest_(manifest), directory_(directory), position_(position) {}
+
+    std::shared_ptr<velt_midi::SongData> Read(const Json& entry) {
+        if (!entry.is_object()) {
+            Fail_("", "a song is an object");
+        }
+        if (entry.contains("name")) {
+            label_ = String_(entry["name"], "name");
+        }
+        if (!entry.contains("file")) {
+            Fail_("file", "missing");
+        }
+        const std::string file = String_(entry["file"], "file");
+        auto song = std::make_shared<velt_midi::SongData>(
+            LoadSongFile((directory_ / std::filesystem::path(file)).string()));
+        song_ = song.get();
+        CL::SongLog& log = song->GetSongLog();
+        if (entry.contains("name")) {
+            log.SetSongName(label_);
+        } else if (log.GetSongName().empty()) {
+            log.SetSongName(std::filesystem::path(file).stem().string());
+        }
+        label_ = log.GetSongName();
+        // Checked once the song's name is known, so that the fault names the song.
+        static const std::set<std::string> known = {
+            "number",       "name",           "file",    "start", "clicks",
+            "tempo_scales", "transpositions", "markers", "pages", "ranges"};
+        for (const auto& [key, value] : entry.items()) {
+            if (!known.contains(key)) {
+                Fail_(key, "unknown key");
+            }
+        }
+        log.SetSongNumber(entry.contains("number") ? Number_(entry["number"])
+                                                   : std::to_string(position_));
+        if (entry.contains("start")) {
+            song->SetSongStartTickIndex(Position_(entry["start"], "start"));
+        }
+        ReadPaired_<CL::Click>(entry, "clicks", "notated_32nds", log.GetClicks().GetVector());
+        ReadPaired_<CL::TempoScale>(entry, "tempo_scales", "factor",
+                                    log.GetTempoScales().GetVector());
+        ReadPaired_<CL::Transpose>(entry, "transpositions", "semitones",
+                                   log.GetTranspositions().GetVector());
+        ReadMarkers_(entry, log.GetMarkers().GetVector());
+        ReadPages_(entry, song->GetTimeline().GetPageNums().GetVector());
+        ReadRanges_(entry, *song);
+        return song;
+    }
+
+  private:
+    [[noreturn]] void Fail_(const std::string& key, const std::string& what) const {
+        std::string text = manifest_ + ": song " + std::to_string(position_);
+        if (!label_.empty()) {
+            text += " \"" + label_ + "\"";
+        }
+        if (!key.empty()) {
+            text += ": key \"" + key + "\"";
+        }
+        throw ShowError(text + ": " + what);
+    }
+
+    std::string String_(const Json& value, const std::string& key) const {
+        if (!value.is_string()) {
+            Fail_(key, "expected a string");
+        }
+        return value.get<std::string>();
+    }
+
+    std::string Number_(const Json& value) const {
+        if (value.is_number_unsigned()) {
+            return std::to_string(value.get<std::uint64_t>());
+        }
+        if (value.is_string() && !value.get<std::string>().empty()) {
+            return value.get<std::string>();
+        }
+        Fail_("number", "expected a non-negative integer or a non-empty string");
+    }
+
+    std::int64_t Integer_(const Json& value, const std::string& key, std::int64_t low,
+                          std::int64_t high) const {
+        if (!value.is_number_integer()) {
+            Fail_(key, "expected an integer");
+        }
+        if (value.is_number_unsigned() && value.get<std::uint64_t>() > std::uint64_t{INT64_MAX}) {
+            Fail_(key, "out of range");
+        }
+        const auto n = value.get<std::int64_t>();
+        if (n < low || n > high) {
+            Fail_(key, std::to_string(n) + " is outside " + std::to_string(low) + ".." +
+                           std::to_string(high));
+        }
+        return n;
+    }
+
+    // A position: a tick (non-negative integer), "bar:beat" (as displayed, from 1) or "end"
+    // (the song's last tick). Positions lie within the song.
+    std::uint32_t Position_(const Json& value, const std::string& key) const {
+        const std::uint32_t last = song_->GetTimeline().lastTickIndex;
+        if (value.is_number_integer()) {
+            return static_cast<std::uint32_t>(Integer_(value, key, 0, last));
+        }
+        if (!value.is_string()) {
+            Fail_(key, "expected a tick, \"bar:beat\" or \"end\"");
+        }
+        const std::string text = value.get<std::string>();
+        if (text == "end") {
+            return last;
+        }
+        std::int32_t bar = 0;
+        std::int32_t beat = 0;
+        if (!ParseBarBeat_(text, bar, beat)) {
+            Fail_(key, "\"" + text + "\" is not a tick, \"bar:beat\" or \"end\"");
+        }
+        const auto tick = FindBarBeat(song_->GetTimeline(), bar, beat);
+        if (!tick) {
+            Fail_(key,
+                  "the song has no bar " + std::to_string(bar) + " beat " + std::to_string(beat));
+        }
+        return *tick;
+    }
+
+    static bool ParseBarBeat_(const std::string& text, std::int32_t& bar, std::int32_t& beat) {
+        const auto colon = text.find(':');
+        if (colon == std::string::npos || colon == 0 || colon + 1 == text.size() ||
+            text.size() > 16) {
+            return false;
+        }
+        auto digits = [](const std::string& part, std::int32_t& out) {
+            if (part.empty() || !std::all_of(part.begin(), part.end(),
+                                             [](char c) { return c >= '0' && c <= '9'; })) {
+                return false;
+            }
+            out = std::stoi(part);
+            return true;
+        };
+        return digits(text.substr(0, colon), bar) && digits(text.substr(colon + 1), beat);
+    }
+
+    const Json& Array_(const Json& entry, const std::string& key) const {
+        const Json& list = entry[key];
+        if (!list.is_array()) {
+            Fail_(key, "expected an array");
+        }
+        return list;
+    }
+
+    void CheckKeys_(const Json& item, const std::string& key,
+                    const std::set<std::string>& allowed) const {
+        if (!item.is_object()) {
+            Fail_(key, "expected an object");
+        }
+        for (const auto& [name, value] : item.items()) {
+            if (!allowed.contains(name)) {
+                Fail_(key + "." + name, "unknown key");
+            }
+        }
+        for (const std::string& name : allowed) {
+            if (!item.contains(name)) {
+                Fail_(key + "." + name, "missing");
+            }
+        }
+    }
+
+    // Change-log events: {"start": position, "end": position, <value key>: value}, covering
+    // [start, end); events of one kind may not overlap.
+    template <typename Event>
+    void ReadPaired_(const Json& entry, const std::string& listKey, const std::string& valueKey,
+                     std::vector<Event>& out) const {
+        if (!entry.contains(listKey)) {
+            return;
+        }
+        const Json& list = Array_(entry, listKey);
+        for (std::size_t i = 0; i < list.size(); ++i) {
+            const std::string key = listKey + "[" + std::to_string(i) + "]";
+            const Json& item = list[i];
+            CheckKeys_(item, key, {"start", "end", valueKey});
+            const std::uint32_t start = Position_(item["start"], key + ".start");
+            const std::uint32_t end = Position_(item["end"], key + ".end");
+            if (end <= start) {
+                Fail_(key + ".end", "must lie after start");
+            }
+            out.push_back(MakeEvent_<Event>(start, end, item[valueKey], key + "." + valueKey));
+        }
+        std::stable_sort(out.begin(), out.end(),
+                         [](const Event& a, const Event& b) { return a.start() < b.start(); });
+        for (std::size_t i = 1; i < out.size(); ++i) {
+            if (out[i].start() < out[i - 1].end()) {
+                Fail_(listKey, "events at ticks " + std::to_string(out[i - 1].start()) + " and " +
+                                   std::to_string(out[i].start()) + " overlap");
+            }
+        }
+    }
+
+    template <typename Event>
+    Event MakeEvent_(std::uint32_t start, std::uint32_t end, const Json& value,
+                     const std::string& key) const {
+        if constexpr (std::is_same_v<Event, CL::Click>) {
+            return CL::Click(start, end, static_cast<int>(Integer_(value, key, 1, 255)));
+        } else if constexpr (std::is_same_v<Event, CL::Transpose>) {
+            return CL::Transpose(
+                start, end,
+                static_cast<int>(Integer_(value, key, -maxTransposition, maxTransposition)));
+        } else {
+            if (!value.is_number() || !(value.get<double>() > 0.0) ||
+                !(value.get<double>() <= 10.0)) {
+                Fail_(key, "expected a factor above 0 and at most 10");
+            }
+            return CL::TempoScale(start, end, value.get<float>());
+        }
+    }
+
+    void ReadMarkers_(const Json& entry, std::vector<CL::Marker>& out) const {
+        if (!entry.contains("markers")) {
+            return;
+        }
+        const Json& list = Array_(entry, "markers");
+        for (std::size_t i = 0; i < list.size(); ++i) {
+            const std::string key = "markers[" + std::to_string(i) + "]";
+            CheckKeys_(list[i], key, {"at", "text"});
+            out.push_back(CL::Marker{Position_(list[i]["at"], key + ".at"),
+                                     String_(list[i]["text"], key + ".text")});
+        }
+        std::stable_sort(out.begin(), out.end(),
+                         [](const auto& a, const auto& b) { return a.tick_index < b.tick_index; });
+    }
+
+    void ReadPages_(const Json& entry, std::vector<TL::PageNum>& out) const {
+        if (!entry.contains("pages")) {
+            return;
+        }
+        const Json& list = Array_(entry, "pages");
+        for (std::size_t i = 0; i < list.size(); ++i) {
+            const std::string key = "pages[" + std::to_string(i) + "]";
+            CheckKeys_(list[i], key, {"at", "page"});
+            out.push_back(TL::PageNum{
+                Position_(list[i]["at"], key + ".at"),
+                static_cast<std::int32_t>(Integer_(list[i]["page"], key + ".page", 0, INT32_MAX))});
+        }
+        std::stable_sort(out.begin(), out.end(),
+                         [](const auto& a, const auto& b) { return a.tick_index < b.tick_index; });
+        for (std::size_t i = 1; i < out.size(); ++i) {
+            if (out[i].tick_index == out[i - 1].tick_index) {
+                Fail_("pages", "two pages at tick " + std::to_string(out[i].tick_index));
+            }
+        }
+    }
+
+    // "ranges": {"<track id>": [low, high] or null}; null means the track has no range (no
+    // note is transposed, every note is chased as a switch).
+    void ReadRanges_(const Json& entry, velt_midi::SongData& song) const {
+        if (!entry.contains("ranges")) {
+            return;
+        }
+        const Json& ranges = entry["ranges"];
+        if (!ranges.is_object()) {
+            Fail_("ranges", "expected an object of track id to [low, high] or null");
+        }
+        for (const auto& [idText, value] : ranges.items()) {
+            const std::string key = "ranges." + idText;
+            const auto id = ParseTrackId(idText);
+            if (!id) {
+                Fail_(key, "\"" + idText + "\" is not a track id");
+            }
+            if (!song.GetVoiceData().contains(*id)) {
+                Fail_(key, "the song has no track " + idText);
+            }
+            std::pair<std::uint8_t, std::uint8_t> range{255, 255};
+            if (!value.is_null()) {
+                if (!value.is_array() || value.size() != 2) {
+                    Fail_(key, "expected [low, high] or null");
+                }
+                range.first = static_cast<std::uint8_t>(Integer_(value[0], key + "[0]", 0, 127));
+                range.second =
+                    static_cast<std::uint8_t>(Integer_(value[1], key + "[1]", range.first, 127));
+            }
+            song.GetVoiceData().at(*id).range = range;
+        }
+    }
+
+  public:
+    // A track id as written in the manifest: decimal ("17") or hexadecimal ("0x11").
+    static std::optional<std::uint16_t> ParseTrackId(const std::string& text) {
+        const bool hex = text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X');
+        const std::string digits = hex ? text.substr(2) : text;
+        if (digits.empty() || digits.size() > 5) {
+            return std::nullopt;
+        }
+        unsigned value = 0;
+        for (char c : digits) {
+            int d = -1;
+            if (c >= '0' && c <= '9') {
+                d = c - '0';
+            } else if (hex && c >= 'a' && c <= 'f') {
+                d = c - 'a' + 10;
+            } else if (hex && c >= 'A' && c <= 'F') {
+                d = c - 'A' + 10;
+            }
+            if (d < 0) {
+                return std::nullopt;
+            }
+            value = value * (hex ? 16 : 10) + static_cast<unsigned>(d);
+        }
+        if (value > maxTrackId) {
+            return std::nullopt;
+        }
+        return static_cast<std::uint16_t>(value);
+    }
+
+  private:
+    const std::string& manifest_;
+    const std::filesystem::path& directory_;
+    std::size_t position_;
+    std::string label_;
+    velt_midi::SongData* song_ = nullptr;
+};
+
+// "groups": {"<group number 0..255>": [track id, ...]}
+void ReadGroups(const Json& groups, const std::string& manifest, velt_midi::Groups& out) {
+    auto fail = [&](const std::string& key, const std::string& what) {
+        throw ShowError(manifest + ": key \"" + key + "\": " + what);
+    };
+    if (!groups.is_object()) {
+        fail("groups", "expected an object of group number to track ids");
+    }
+    for (const auto& [numberText, ids] : groups.items()) {
+        const std::string key = "groups." + numberText;
+        const auto number = SongEntryReader::ParseTrackId(numberText);
+        if (!number || *number > 255 || numberText.starts_with("0x")) {
+            fail(key, "\"" + numberText + "\" is not a group number 0..255");
+        }
+        if (!ids.is_array()) {
+            fail(key, "expected an array of track ids");
+        }
+        std::set<unsigned short> members;
+        for (std::size_t i = 0; i < ids.size(); ++i) {
+            const Json& id = ids[i];
+            if (!id.is_number_unsigned() || id.get<std::uint64_t>() > maxTrackId) {
+                fail(key + "[" + std::to_string(i) + "]", "expected a track id 0..4095");
+            }
+            members.insert(static_cast<unsigned short>(id.get<std::uint64_t>()));
+        }
+        out.SetGroup(static_cast<unsigned char>(*number), std::move(members));
+    }
+}
+
+}  // namespace
+
+// Manifest layout (docs/show-format.md):
+//   {"name": <show name>, "groups": {...}, "songs": [<song>, ...]}
+std::shared_ptr<pv::ParvelShowData> LoadShow(const std::string& location) {
+    std::filesystem::path manifestPath(location);
+    if (std::filesystem::is_directory(manifestPath)) {
+        manifestPath /= "show.json";
+    }
+    const std::string manifest = manifestPath.string();
+    std::ifstream stream(manifestPath);
+    if (!stream) {
+        throw ShowError(manifest + ": cannot open the show manifest");
+    }
+    Json root;
+    try {
+        root = Json::parse(stream);
+    } catch (const Json::parse_error& e) {
+        throw ShowError(manifest + ": byte " + std::to_string(e.byte) +
+                        ": not valid JSON: " + e.what());
+    }
+    auto fail = [&](const std::string& key, const std::string& what) {
+        throw ShowError(manifest + ": key \"" + key + "\": " + what);
+    };
+    if (!root.is_object()) {
+        throw ShowError(manifest + ": expected an object with \"name\" and \"songs\"");
+    }
+    for (const auto& [key, value] : root.items()) {
+        if (key != "name" && key != "songs" && key != "groups") {
+            fail(key, "unknown key");
+        }
+    }
+    auto show = std::make_shared<pv::ParvelShowData>();
+    if (!root.contains("name") || !root["name"].is_string()) {
+        fail("name", "expected the show's name as a string");
+    }
+    show->SetShowName(root["name"].get<std::string>());
+    if (root.contains("groups")) {
+        ReadGroups(root["groups"], manifest, show->GetGroups());
+    }
+    if (!root.contains("songs") || !root["songs"].is_array() || root["songs"].empty()) {
+        fail("songs", "expected a non-empty array of songs");
+    }
+    const std::filesystem::path directory = manifestPath.parent_path();
+    const Json& songs = root["songs"];
+    for (std::size_t i = 0; i < songs.size(); ++i) {
+        show->AddSong(SongEntryReader(manifest, directory, i + 1).Read(songs[i]));
+    }
+    return show;
+}
+
+}  // namespace velt_core
