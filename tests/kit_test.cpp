@@ -4,6 +4,7 @@
 
 #include <iomanip>
 #include <map>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -13,20 +14,9 @@
 #endif
 
 #include "interfaces/kit.h"
+#include "tests/captured_log.h"
 
 namespace {
-
-class CapturedLog {
-  public:
-    CapturedLog()
-        : previous_(kit::SetLogSink([this](const std::string& line) { lines_.push_back(line); })) {}
-    ~CapturedLog() { kit::SetLogSink(previous_); }
-    const std::vector<std::string>& lines() const { return lines_; }
-
-  private:
-    std::vector<std::string> lines_;
-    kit::LogSink previous_;
-};
 
 TEST(CoutBuffer, LinesBuiltPieceByPieceOnManyThreadsNeverInterleave) {
     CapturedLog log;
@@ -53,10 +43,11 @@ TEST(CoutBuffer, LinesBuiltPieceByPieceOnManyThreadsNeverInterleave) {
     for (const std::string& line : log.lines()) {
         int t = -1, i = -1;
         ASSERT_EQ(std::sscanf(line.c_str(), "T%d #%d", &t, &i), 2) << line;
-        std::string expected = "T" + std::to_string(t) + " #" + std::to_string(i);
+        std::ostringstream expected;
+        expected << 'T' << t << " #" << i;
         for (int piece = 0; piece < 8; ++piece)
-            expected += " " + std::to_string(t);
-        ASSERT_EQ(line, expected);
+            expected << ' ' << t;
+        ASSERT_EQ(line, expected.str());
         EXPECT_EQ(i, nextLine[t]++) << "lines of one thread arrive in order";
     }
 }

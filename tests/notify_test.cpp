@@ -10,22 +10,9 @@
 
 #include "interfaces/kit.h"
 #include "interfaces/notify.h"
+#include "tests/captured_log.h"
 
 namespace {
-
-// Captures the log lines written while it lives.
-class CapturedLog {
-  public:
-    CapturedLog()
-        : previous_(kit::SetLogSink([this](const std::string& line) { lines_.push_back(line); })) {}
-    ~CapturedLog() { kit::SetLogSink(previous_); }
-    // Sink calls are serialised by kit, and tests read only after the writers have finished.
-    const std::vector<std::string>& lines() const { return lines_; }
-
-  private:
-    std::vector<std::string> lines_;
-    kit::LogSink previous_;
-};
 
 TEST(CallbackDispatcher, DeliversByNameInRegistrationOrderAndRemovesByTargetOrId) {
     notify::CallbackDispatcher dispatcher;
