@@ -36,8 +36,8 @@ std::uint32_t TicksPerBar(const TL::Meter& meter, std::uint32_t ticksPerQuarter)
 std::uint8_t DefaultClocksPerClick(std::uint8_t numerator, std::uint8_t denominator) {
     std::uint32_t beatClocks = denominator == 0 ? 24 : 96u / denominator;
     bool compound = numerator > 3 && numerator % 3 == 0 && denominator >= 8;
-    return static_cast<std::uint8_t>(std::clamp<std::uint32_t>(
-        compound ? beatClocks * 3 : beatClocks, 1, 255));
+    return static_cast<std::uint8_t>(
+        std::clamp<std::uint32_t>(compound ? beatClocks * 3 : beatClocks, 1, 255));
 }
 
 TL::Meter MakeMeter(std::uint32_t tick, std::uint8_t numerator, std::uint8_t denominator) {
@@ -48,6 +48,10 @@ TL::Meter MakeMeter(std::uint32_t tick, std::uint8_t numerator, std::uint8_t den
     meter.clocks_per_click = DefaultClocksPerClick(numerator, denominator);
     meter.notated_32nds = 8;
     return meter;
+}
+
+std::uint32_t TicksPerClick(const TL::Meter& meter, std::uint32_t ticksPerQuarter) {
+    return std::max<std::uint32_t>(1, meter.clocks_per_click * (ticksPerQuarter / 24));
 }
 
 TL::TimelineSequence<TL::BarsBeats> DeriveBarsBeats(const TL::TimelineSequence<TL::Meter>& meters,
@@ -62,18 +66,17 @@ TL::TimelineSequence<TL::BarsBeats> DeriveBarsBeats(const TL::TimelineSequence<T
     std::int32_t bar = firstBar;
     for (std::size_t i = 0; i < segments.size(); ++i) {
         const TL::Meter& meter = segments[i];
+        // A meter change starts a new bar, cutting the bar before it short.
         const std::uint64_t segmentEnd = i + 1 < segments.size()
                                              ? std::uint64_t{segments[i + 1].tick_index}
                                              : std::uint64_t{lastTickIndex} + 1;
-        const std::uint32_t beatTicks = TicksPerBeat(meter, ticksPerQuarter);
-        const std::uint32_t beats = std::max<std::uint32_t>(1, meter.numerator);
+        const std::uint64_t barTicks = TicksPerBar(meter, ticksPerQuarter);
+        const std::uint64_t clickTicks = TicksPerClick(meter, ticksPerQuarter);
         for (std::uint64_t barStart = meter.tick_index; barStart < segmentEnd;
-             barStart += std::uint64_t{beatTicks} * beats, ++bar) {
-            for (std::uint32_t beat = 1; beat <= beats; ++beat) {
-                std::uint64_t tick = barStart + std::uint64_t{beatTicks} * (beat - 1);
-                if (tick >= segmentEnd) {
-                    break;
-                }
+             barStart += barTicks, ++bar) {
+            const std::uint64_t barEnd = std::min(barStart + barTicks, segmentEnd);
+            std::uint32_t beat = 1;
+            for (std::uint64_t tick = barStart; tick < barEnd; tick += clickTicks, ++beat) {
                 TL::BarsBeats record;
                 record.tick_index = static_cast<std::uint32_t>(tick);
                 record.bar = bar;
@@ -285,10 +288,14 @@ std::shared_ptr<velt_midi::SongData> SongBuilder::Build() const {
                 last = std::max(last, track->events.back().time);
             }
         }
-        for (const auto& event : log.GetClicks()) last = std::max(last, event.end());
-        for (const auto& event : log.GetTempoScales()) last = std::max(last, event.end());
-        for (const auto& event : log.GetTranspositions()) last = std::max(last, event.end());
-        for (const auto& marker : log.GetMarkers()) last = std::max(last, marker.tick_index);
+        for (const auto& event : log.GetClicks())
+            last = std::max(last, event.end());
+        for (const auto& event : log.GetTempoScales())
+            last = std::max(last, event.end());
+        for (const auto& event : log.GetTranspositions())
+            last = std::max(last, event.end());
+        for (const auto& marker : log.GetMarkers())
+            last = std::max(last, marker.tick_index);
         timeline.lastTickIndex = last;
     }
     timeline.GetBarsBeats() =

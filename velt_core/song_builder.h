@@ -8,8 +8,8 @@
 //                   .Build();
 //
 // Build() sorts everything by tick, derives the bars and beats from the meters (one record per
-// beat, beat 1 at each bar start), and fills in what was not given: a tempo of 120 quarter notes
-// per minute, a 4/4 meter and C major at tick 0.
+// click of the meter, beat 1 at each bar start), and fills in what was not given: a tempo of 120
+// quarter notes per minute, a 4/4 meter and C major at tick 0.
 #pragma once
 
 #include <cstdint>
@@ -33,10 +33,16 @@ std::uint8_t DefaultClocksPerClick(std::uint8_t numerator, std::uint8_t denomina
 /// A meter record with the default click and 8 notated 32nds per quarter-note click.
 TL::Meter MakeMeter(std::uint32_t tick, std::uint8_t numerator, std::uint8_t denominator);
 
-/// The bars and beats of a song from its meters, up to and including the last tick: bars start at
-/// each meter's tick and follow one another at the meter's bar length; within a bar one record per
-/// beat, numbered 1..numerator. A meter change always starts a new bar. Bars are numbered from
-/// `firstBar`, the display beat equals the beat number.
+/// Ticks in one click of the meter: clocks per click × ticks per clock (ticks per quarter / 24),
+/// at least 1.
+std::uint32_t TicksPerClick(const TL::Meter& meter, std::uint32_t ticksPerQuarter);
+
+/// The bars and beats of a song from its meters, up to and including the last tick. Bars start at
+/// each meter's tick and follow one another at the meter's bar length; a meter change always
+/// starts a new bar. A beat is a click of the meter (one conducted beat), so within a bar there is
+/// one record per click from the bar start, numbered 1, 2, ... (6/8 clicked in dotted quarters
+/// has two beats a bar, 3/4 three); without click events these are exactly the ticks
+/// CreateBeatTicks yields. Bars are numbered from `firstBar`; the display beat equals the beat.
 TL::TimelineSequence<TL::BarsBeats> DeriveBarsBeats(const TL::TimelineSequence<TL::Meter>& meters,
                                                     std::uint32_t lastTickIndex,
                                                     std::uint32_t ticksPerQuarter,
@@ -46,7 +52,7 @@ TL::TimelineSequence<TL::BarsBeats> DeriveBarsBeats(const TL::TimelineSequence<T
 std::uint32_t MicrosecondsPerQuarter(double quarterNotesPerMinute);
 
 class SongBuilder {
-public:
+  public:
     explicit SongBuilder(std::string name = "Song", std::uint32_t ticksPerQuarter = 480);
 
     SongBuilder& Number(std::string number);
@@ -89,7 +95,7 @@ public:
     /// The song. The last tick, when not given, is the latest of every event and change-log tick.
     std::shared_ptr<velt_midi::SongData> Build() const;
 
-private:
+  private:
     velt_midi::VoiceTrack& TrackRef_(std::uint16_t trackId);
 
     std::uint32_t ticksPerQuarter_;
