@@ -29,6 +29,8 @@ class ClockStartGate {
     /// Clock thread: sleeps until `until` (steady clock) unless the gate is shut first. Returns
     /// false when shut.
     bool SleepUntil(std::chrono::steady_clock::time_point until);
+    /// Blocks until no run is live, or for at most `timeout`. Returns whether no run is live.
+    bool WaitUntilIdle(std::chrono::milliseconds timeout);
 
   private:
     std::mutex mutex_;

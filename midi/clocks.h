@@ -148,6 +148,13 @@ class StandardMidiClock : public MidiClock {
     virtual void StartClock() = 0;
 
   private:
+    /// The change of one field (SetClocksPerClick, SetClockTime): deferred, at once, refused with
+    /// the warning naming `operation`, or scheduled.
+    template <typename Value>
+    void ChangeField_(const char* operation, Value value, unsigned int validAt,
+                      std::vector<std::pair<Value, unsigned int>>& deferred,
+                      void (ClockState::*set)(Value));
+
     std::map<unsigned int, ClockState> scheduledStates_;
     bool playbackArmed_ = false;
     ClockState clockState_;

@@ -76,8 +76,9 @@ class MidiStreamCollection {
     std::string currentStreamName_;
 };
 
-/// Builds TamberMidiStreams.
-class TamberMidiStreamCollection : public MidiStreamCollection {
+/// Builds TamberMidiStreams. Final: its constructor starts the loading thread, which calls the
+/// virtual CreateMidiStream, so no class may derive from it and still be under construction then.
+class TamberMidiStreamCollection final : public MidiStreamCollection {
   public:
     explicit TamberMidiStreamCollection(const velt_midi::ShowData& show);
     ~TamberMidiStreamCollection() override;
@@ -86,8 +87,9 @@ class TamberMidiStreamCollection : public MidiStreamCollection {
 
 /// Builds ParvelMidiStreams; keeps the show's muted tracks across songs, mutes numbered groups of
 /// tracks and owns the volume trims its streams share. Threads and locks as the base; the muted
-/// set is used by the control thread only.
-class ParvelMidiStreamCollection : public MidiStreamCollection {
+/// set is used by the control thread only. Final for the same reason as
+/// TamberMidiStreamCollection.
+class ParvelMidiStreamCollection final : public MidiStreamCollection {
   public:
     explicit ParvelMidiStreamCollection(const pv::ParvelShowData& show);
     ~ParvelMidiStreamCollection() override;
@@ -105,9 +107,7 @@ class ParvelMidiStreamCollection : public MidiStreamCollection {
     std::set<unsigned short> GetMutedTracks() const { return mutedTracks_; }
     void SetAllTracksTrim(const std::map<unsigned short, unsigned char>& trims);
     void SetTrackTrim(unsigned short trackId, unsigned char trim);
-
-  protected:
-    /// "muteSettings" in the show's directory; its contents belong to the host.
+    /// "muteSettings" in the show's directory; the host writes and reads its contents.
     std::string GetMuteSettingsFileName() const;
 
   private:

@@ -23,8 +23,11 @@ void ClockStartGate::RequestStart() {
 }
 
 void ClockStartGate::EndRun() {
-    std::scoped_lock lock(mutex_);
-    runLive_ = false;
+    {
+        std::scoped_lock lock(mutex_);
+        runLive_ = false;
+    }
+    condition_.notify_all();
 }
 
 void ClockStartGate::Shut() {
@@ -38,4 +41,9 @@ void ClockStartGate::Shut() {
 bool ClockStartGate::SleepUntil(std::chrono::steady_clock::time_point until) {
     std::unique_lock lock(mutex_);
     return !condition_.wait_until(lock, until, [this] { return !open_; });
+}
+
+bool ClockStartGate::WaitUntilIdle(std::chrono::milliseconds timeout) {
+    std::unique_lock lock(mutex_);
+    return condition_.wait_for(lock, timeout, [this] { return !runLive_ && !startRequested_; });
 }

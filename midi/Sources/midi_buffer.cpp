@@ -3,12 +3,11 @@
 #include <chrono>
 
 #include "interfaces/notify.h"
+#include "midi/Sources/channel_messages.h"
+
+using namespace channel_message;
 
 namespace {
-constexpr unsigned char kControlChange = 0xB0;
-constexpr unsigned char kProgramChange = 0xC0;
-constexpr unsigned char kAllNotesOff = 123;
-constexpr unsigned char kResetAllControllers = 121;
 constexpr unsigned char kChannelCount = 16;
 constexpr auto kReadyForOutputTimeout = std::chrono::seconds(1);
 
@@ -73,7 +72,7 @@ unsigned int MidiBuffer::GetTickIndex() {
 }
 
 void MidiBuffer::FilterProgramChange(unsigned char port, const velt_midi::VoiceEvent& event) {
-    if ((event.status & 0xF0) != kProgramChange) {
+    if (KindOf(event.status) != kProgramChange) {
         return;
     }
     std::scoped_lock lock(bufferMutex_);

@@ -6,24 +6,25 @@
 #include <utility>
 
 #include "interfaces/kit.h"
+#include "midi/Sources/channel_messages.h"
 #include "midi/velt_midi_error.h"
 
 using velt_midi::VoiceEvent;
 
+using namespace channel_message;
+
 namespace {
-constexpr unsigned char kControlChange = 0xB0;
-constexpr unsigned char kProgramChange = 0xC0;
-constexpr unsigned char kPitchBend = 0xE0;
-constexpr unsigned char kAllNotesOff = 123;
-constexpr unsigned char kResetAllControllers = 121;
 constexpr unsigned char kPitchBendCentreMsb = 64;
 
 unsigned char PortOf(unsigned short trackId) {
     return static_cast<unsigned char>(trackId >> 4);
 }
 
-bool IsKind(const VoiceEvent& event, unsigned char kind) {
-    return (event.status & 0xF0) == kind;
+// A song's tracks are shared values; a stream copies each so that it owns what it plays.
+void OwnTracks(velt_midi::SongData& song) {
+    for (auto& [trackId, track] : song.GetVoiceData()) {
+        song.GetVoiceData().insert(trackId, std::make_shared<velt_midi::VoiceTrack>(*track));
+    }
 }
 
 const PersistentMIDI& EmptyState() {
@@ -68,7 +69,6 @@ std::vector<unsigned int> LaterBarStarts(const TL::Timeline& timeline) {
 namespace {
 constexpr unsigned short kMaxScale = 127;
 constexpr unsigned char kMaxMidiValue = 127;
-constexpr unsigned char kChannelVolume = 7;
 constexpr unsigned char kNominalVolume = 100;
 }  // namespace
 
@@ -117,25 +117,16 @@ std::set<unsigned short> MidiVolumeScaler::GetRecentlyAffectedTrackIds() {
 // ---------------------------------------------------------------------------------------------
 // MidiStream: construction and checkpoints
 
-// The song's tracks are shared values; the stream copies each so that it owns what it plays.
 MidiStream::MidiStream(const velt_midi::SongData& songData) : song_(songData) {
-    for (auto& [trackId, track] : song_.GetVoiceData()) {
-        song_.GetVoiceData().insert(trackId, std::make_shared<velt_midi::VoiceTrack>(*track));
-    }
+    OwnTracks(song_);
 }
 
-MidiStream::MidiStream(const MidiStream& other)
-    : trackNames_(other.trackNames_),
-      defaultProgramChanges_(other.defaultProgramChanges_),
-      song_(other.song_) {
+MidiStream::MidiStream(const MidiStream& other) {
     CopyFrom_(other);
 }
 
 MidiStream& MidiStream::operator=(const MidiStream& other) {
     if (this != &other) {
-        trackNames_ = other.trackNames_;
-        defaultProgramChanges_ = other.defaultProgramChanges_;
-        song_ = other.song_;
         CopyFrom_(other);
     }
     return *this;
@@ -144,9 +135,10 @@ MidiStream& MidiStream::operator=(const MidiStream& other) {
 MidiStream::~MidiStream() = default;
 
 void MidiStream::CopyFrom_(const MidiStream& other) {
-    for (auto& [trackId, track] : song_.GetVoiceData()) {
-        song_.GetVoiceData().insert(trackId, std::make_shared<velt_midi::VoiceTrack>(*track));
-    }
+    trackNames_ = other.trackNames_;
+    defaultProgramChanges_ = other.defaultProgramChanges_;
+    song_ = other.song_;
+    OwnTracks(song_);
     eventIterators_ = other.eventIterators_;
     endIterators_ = other.endIterators_;
     currentTick_ = other.currentTick_;
@@ -372,7 +364,7 @@ void MidiStream::Enqueue_(unsigned int tick, signed char transposition, MidiBuff
         while (next < events.size() && events[next].time < tick) {
             const VoiceEvent& event = events[next];
             VoiceEvent result = state.AddEvent(event, transposition);
-            if (IsKind(event, kProgramChange)) {
+            if (KindOf(event.status) == kProgramChange) {
                 currentProgramChanges_[trackId] = event.data1;
                 if (userProgramChanges_.count(trackId) != 0) {
                     ++next;
@@ -398,8 +390,10 @@ void MidiStream::Enqueue_(unsigned int tick, signed char transposition, MidiBuff
     persistenceBeforeSeekIsPrevious_ = false;
 }
 
-// The restored state also becomes the track's chase state: while muted the track added nothing
-// to it, and the releases of a later seek or stop must know what the restore struck.
+// A restored state rebuilt from the checkpoint table also becomes the track's chase state: while
+// muted the track added nothing to it, and the releases of a later seek or stop must know what
+// the restore struck. Past the end of its table a track's rebuilt state is empty and strikes
+// nothing; its chase state is then kept, so that the controllers it knows are still released.
 void MidiStream::RestoreUnmutedTracks_(signed char transposition, MidiBuffer& buffer) {
     if (tracksToRestore_.empty()) {
         return;
@@ -412,8 +406,11 @@ void MidiStream::RestoreUnmutedTracks_(signed char transposition, MidiBuffer& bu
     }
     tracksToRestore_.clear();
     SendPersistenceData_(restored, transposition, buffer);
+    const TrackStates& table = CheckpointAt_(currentTick_)->second;
     for (auto& [trackId, state] : restored) {
-        persistence_[trackId] = std::move(state);
+        if (table.count(trackId) != 0) {
+            persistence_[trackId] = std::move(state);
+        }
     }
 }
 
@@ -574,7 +571,7 @@ ParvelMidiStream::ParvelMidiStream(const velt_midi::SongData& songData,
 }
 
 void ParvelMidiStream::ScaleVolumeCc(unsigned short trackId, VoiceEvent* event) {
-    if (IsKind(*event, kControlChange) && event->data1 == kChannelVolume) {
+    if (KindOf(event->status) == kControlChange && event->data1 == kChannelVolume) {
         event->data2 = volumeScaler_->GetScaledMidiValue(trackId, event->data2);
     }
 }

@@ -8,7 +8,7 @@
 
 namespace {
 constexpr const char* kSourcePath = "midi/Sources/midi_stream_collection";
-constexpr int kLoadThreadCatchLine = 33;
+constexpr int kLoadThreadCatchLine = 27;  // the line of the catch that logs
 // The text of a failed lookup by song name, whichever standard library is underneath.
 constexpr const char* kInvalidKey = "invalid map<K, T> key";
 }  // namespace

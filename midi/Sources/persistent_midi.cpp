@@ -4,13 +4,11 @@
 #include <string>
 
 #include "interfaces/kit.h"
+#include "midi/Sources/channel_messages.h"
+
+using namespace channel_message;
 
 namespace {
-constexpr unsigned char kNoteOff = 0x80;
-constexpr unsigned char kNoteOn = 0x90;
-constexpr unsigned char kControlChange = 0xB0;
-constexpr unsigned char kProgramChange = 0xC0;
-constexpr unsigned char kPitchBend = 0xE0;
 constexpr unsigned char kNoRange = 255;
 constexpr unsigned char kOctave = 12;
 
@@ -47,7 +45,7 @@ void PersistentMIDI::AddEvent(const velt_midi::VoiceEvent& e) {
 velt_midi::VoiceEvent PersistentMIDI::AddEvent(const velt_midi::VoiceEvent& e,
                                                signed char transposition) {
     const unsigned char key = e.data1;
-    switch (e.status & 0xF0) {
+    switch (KindOf(e.status)) {
         case kNoteOff:
             switches_.erase(key);
             notes_.erase(key);

@@ -8,42 +8,36 @@ void StandardMidiClock::SetTicksPerClock(unsigned int ticksPerClock) {
     clockState_.SetTicksPerClock(ticksPerClock);
 }
 
-void StandardMidiClock::SetClocksPerClick(int clocksPerClick, unsigned int validAt) {
+template <typename Value>
+void StandardMidiClock::ChangeField_(const char* operation, Value value, unsigned int validAt,
+                                     std::vector<std::pair<Value, unsigned int>>& deferred,
+                                     void (ClockState::*set)(Value)) {
     std::scoped_lock lock(clockMutex_);
     if (!playbackArmed_) {
-        deferredClocksPerClick_.emplace_back(clocksPerClick, validAt);
+        deferred.emplace_back(value, validAt);
         return;
     }
     if (validAt == 0) {
-        clockState_.SetClocksPerClick(clocksPerClick);
+        (clockState_.*set)(value);
         return;
     }
     const unsigned int tickIndex = clockState_.GetTickIndex();
     if (validAt < tickIndex) {
-        kit::CoutBuffer() << "WARNING: SetClocksPerClick ignored. "
+        kit::CoutBuffer() << "WARNING: " << operation << " ignored. "
                           << "validAt=" << validAt << ", tickIndex=" << tickIndex << kit::endl;
         return;
     }
-    scheduledStates_[validAt].SetClocksPerClick(clocksPerClick);
+    (scheduledStates_[validAt].*set)(value);
+}
+
+void StandardMidiClock::SetClocksPerClick(int clocksPerClick, unsigned int validAt) {
+    ChangeField_("SetClocksPerClick", clocksPerClick, validAt, deferredClocksPerClick_,
+                 &ClockState::SetClocksPerClick);
 }
 
 void StandardMidiClock::SetClockTime(double clockTime, unsigned int validAt) {
-    std::scoped_lock lock(clockMutex_);
-    if (!playbackArmed_) {
-        deferredClockTimes_.emplace_back(clockTime, validAt);
-        return;
-    }
-    if (validAt == 0) {
-        clockState_.SetClockTime(clockTime);
-        return;
-    }
-    const unsigned int tickIndex = clockState_.GetTickIndex();
-    if (validAt < tickIndex) {
-        kit::CoutBuffer() << "WARNING: SetClockTime ignored. "
-                          << "validAt=" << validAt << ", tickIndex=" << tickIndex << kit::endl;
-        return;
-    }
-    scheduledStates_[validAt].SetClockTime(clockTime);
+    ChangeField_("SetClockTime", clockTime, validAt, deferredClockTimes_,
+                 &ClockState::SetClockTime);
 }
 
 void StandardMidiClock::SetTickIndex(unsigned int tickIndex, int clockNumber,

@@ -32,6 +32,12 @@ class StandardMidiClockImpl : public StandardMidiClock {
     /// timer), ends the clock thread and restores the timer resolution.
     ~StandardMidiClockImpl() override;
 
+    /// Blocks until the clock has stopped (no run live or requested), or for at most `timeout`.
+    /// Returns whether it has stopped. For a host that must know the clock is quiet.
+    bool WaitUntilStopped(std::chrono::milliseconds timeout) {
+        return gate_.WaitUntilIdle(timeout);
+    }
+
   protected:
     /// Arms the one-shot timer for the next clock, `seconds` after the start of this one
     /// (corrected by the chrono). Throws VeltMidiError, after logging "[ERROR] ", when the timer

@@ -163,24 +163,25 @@ std::shared_ptr<WaitableTimer> FindTimer(HANDLE handle) {
 // FILETIME counts 100 ns units from 1601-01-01 UTC; the Unix epoch is this many units later.
 constexpr LONGLONG kFileTimeOfUnixEpoch = 116'444'736'000'000'000LL;
 
+// Due times further ahead than this are treated as this far ahead (and keep the arithmetic
+// below far from overflow); no timer in this process waits a century.
+constexpr LONGLONG kLongestDueTime = 100LL * 365 * 24 * 3600 * 10'000'000;  // 100 ns units
+
 // Turns a due time of SetWaitableTimer into a deadline on the monotonic clock.
 Clock::time_point DueTimeToDeadline(LONGLONG dueTime) {
     const auto now = Clock::now();
+    LONGLONG ahead = 0;  // 100 ns units
     if (dueTime < 0) {
-        return now + std::chrono::nanoseconds(-dueTime * 100);
+        ahead = dueTime < -kLongestDueTime ? kLongestDueTime : -dueTime;
+    } else {
+        timespec wall{};
+        clock_gettime(CLOCK_REALTIME, &wall);
+        const LONGLONG wallNow = kFileTimeOfUnixEpoch +
+                                 static_cast<LONGLONG>(wall.tv_sec) * 10'000'000 +
+                                 wall.tv_nsec / 100;
+        ahead = std::clamp(dueTime - wallNow, LONGLONG{0}, kLongestDueTime);
     }
-    // An absolute due time: 100 ns units since 1601 on the wall clock. Times before the Unix
-    // epoch (0 among them, which callers use for "at once") are long past and signal at once;
-    // the arithmetic stays in 100 ns units until it is known to fit in nanoseconds.
-    timespec wall{};
-    clock_gettime(CLOCK_REALTIME, &wall);
-    const LONGLONG wallNow100ns = static_cast<LONGLONG>(wall.tv_sec) * 10'000'000 +
-                                  wall.tv_nsec / 100 + kFileTimeOfUnixEpoch;
-    if (dueTime <= wallNow100ns) {
-        return now;
-    }
-    constexpr LONGLONG maximumWait100ns = 100LL * 365 * 24 * 3600 * 10'000'000;  // a century
-    return now + std::chrono::nanoseconds(std::min(dueTime - wallNow100ns, maximumWait100ns) * 100);
+    return now + std::chrono::nanoseconds(ahead * 100);
 }
 
 struct PriorityMapping {

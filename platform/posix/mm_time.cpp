@@ -116,9 +116,12 @@ class TimerService {
                 changed_.wait(lock);
                 continue;
             }
-            if (Clock::now() < next->second.deadline) {
-                // Woken early by a change (or spuriously): look again for the earliest event.
-                changed_.wait_until(lock, next->second.deadline);
+            // A copy: the event may be killed while the lock is released by the wait.
+            const Clock::time_point deadline = next->second.deadline;
+            if (Clock::now() < deadline) {
+                // Whether woken by the deadline, a change or spuriously, look again for the
+                // earliest event.
+                changed_.wait_until(lock, deadline);
                 continue;
             }
             Fire_(next->first, lock);

@@ -16,6 +16,28 @@ constexpr const char* kSourceName = "midi/Sources/win32/precision_midi_clock_imp
 // rest is the precise wait. It must exceed the sleep's worst wake-up latency under load.
 constexpr std::int64_t kPreciseWaitNanoseconds = 2'000'000;
 
+// The first clock of a run is due this long after the start, so that it is waited for like every
+// other clock and the grid starts on a clock that is as punctual as the rest.
+constexpr std::int64_t kStartLeadNanoseconds = 1'000'000;
+
+// The system timer resolution raised to 1 ms for the life of a run. The interruptible sleep of
+// each wait is only as fine as this resolution on Windows (15.6 ms by default); on POSIX it is
+// fine already and the request costs nothing.
+class OneMillisecondTimerResolution {
+  public:
+    OneMillisecondTimerResolution() : raised_(timeBeginPeriod(1) == TIMERR_NOERROR) {}
+    ~OneMillisecondTimerResolution() {
+        if (raised_) {
+            timeEndPeriod(1);
+        }
+    }
+    OneMillisecondTimerResolution(const OneMillisecondTimerResolution&) = delete;
+    OneMillisecondTimerResolution& operator=(const OneMillisecondTimerResolution&) = delete;
+
+  private:
+    const bool raised_;
+};
+
 }  // namespace
 
 PrecisionMidiClockImpl::PrecisionMidiClockImpl(std::chrono::nanoseconds spin)
@@ -45,9 +67,11 @@ void PrecisionMidiClockImpl::RunLoop() {
         kit::CoutBuffer() << "WARNING: PrecisionMidiClockImpl runs at normal priority, "
                           << "SetThreadPriority error " << GetLastError() << kit::endl;
     }
+    VeltPreciseWaitUntil(0, 0);  // whatever a thread's first wait sets up, done before any clock
     while (gate_.WaitForStart()) {
         // A failing run is logged and ends; the thread stays ready for the next start.
         try {
+            const OneMillisecondTimerResolution resolution;
             Run_();
         } catch (const std::exception& e) {
             VeltLogException(e.what(), kSourceName, __LINE__);
@@ -59,7 +83,7 @@ void PrecisionMidiClockImpl::RunLoop() {
 }
 
 void PrecisionMidiClockImpl::Run_() {
-    nextDeadline_ = VeltPreciseTimeNow();  // the first clock fires at once
+    nextDeadline_ = VeltPreciseTimeNow() + kStartLeadNanoseconds;
     for (;;) {
         deadline_ = nextDeadline_;
         if (!WaitForDeadline_(deadline_)) {

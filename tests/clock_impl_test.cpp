@@ -1,0 +1,159 @@
+// Liveness of the two timer back ends: they start, run, stop at a caesura and are destroyed
+// idle or running. No timing is asserted here (bench/clock_accuracy measures it).
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+
+#include "clock_log_capture.h"
+#include "midi/win32/precision_midi_clock_impl.h"
+#include "midi/win32/standard_midi_clock_impl.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr double kFastClockTime = 0.001;  // short periods keep the tests quick
+
+// Counts clock callbacks and lets the test wait for a number of them.
+class ClockCounter {
+  public:
+    std::function<void(double)> Callback() {
+        return [this](double) {
+            {
+                std::scoped_lock lock(mutex_);
+                ++calls_;
+            }
+            changed_.notify_all();
+        };
+    }
+    bool WaitForCalls(int count) {
+        std::unique_lock lock(mutex_);
+        return changed_.wait_for(lock, 10s, [&] { return calls_ >= count; });
+    }
+    int Calls() {
+        std::scoped_lock lock(mutex_);
+        return calls_;
+    }
+
+  private:
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    int calls_ = 0;
+};
+
+template <typename Clock>
+class ClockImplTest : public ::testing::Test {};
+
+using ClockImpls = ::testing::Types<StandardMidiClockImpl, PrecisionMidiClockImpl>;
+TYPED_TEST_SUITE(ClockImplTest, ClockImpls);
+
+TYPED_TEST(ClockImplTest, DestroyedWhileIdle) {
+    TypeParam clock;
+    EXPECT_TRUE(clock.WaitUntilStopped(0ms));
+}
+
+TYPED_TEST(ClockImplTest, AnUnarmedClockEndsItsRunAtTheFirstClock) {
+    ClockCounter counter;
+    TypeParam clock;
+    clock.SetMidiClockCallback(counter.Callback());
+    clock.ContinuousMode();
+    EXPECT_TRUE(clock.WaitUntilStopped(10s));
+    EXPECT_EQ(counter.Calls(), 0);
+}
+
+TYPED_TEST(ClockImplTest, RunsStopsAtTheCaesuraAndRestarts) {
+    ClockCounter counter;
+    TypeParam clock;
+    clock.SetMidiClockCallback(counter.Callback());
+    clock.ArmPlayback(20, 24, kFastClockTime, 0, 0);
+    clock.SetCaesura(200, kFastClockTime, 24);
+    clock.ContinuousMode();
+    ASSERT_TRUE(counter.WaitForCalls(10));
+    ASSERT_TRUE(clock.WaitUntilStopped(10s));
+    // Clocks at ticks 0, 20, ..., 180; the one that reaches 200 stops the clock.
+    EXPECT_EQ(counter.Calls(), 10);
+    EXPECT_EQ(clock.GetClockState().GetTickIndex(), 200u);
+    EXPECT_TRUE(clock.GetPlaybackIsArmed());
+
+    clock.SetCaesura(260, kFastClockTime, 24);
+    clock.ContinuousMode();
+    ASSERT_TRUE(counter.WaitForCalls(13));
+    ASSERT_TRUE(clock.WaitUntilStopped(10s));
+    EXPECT_EQ(counter.Calls(), 13);
+}
+
+TYPED_TEST(ClockImplTest, DisarmingStopsARunningClock) {
+    ClockCounter counter;
+    TypeParam clock;
+    clock.SetMidiClockCallback(counter.Callback());
+    clock.ArmPlayback(20, 24, kFastClockTime, 0, 0);
+    clock.ContinuousMode();
+    ASSERT_TRUE(counter.WaitForCalls(5));
+    clock.DisarmPlayback();
+    EXPECT_TRUE(clock.WaitUntilStopped(10s));
+}
+
+TYPED_TEST(ClockImplTest, DestroyedWhileRunning) {
+    ClockCounter counter;
+    auto clock = std::make_unique<TypeParam>();
+    // The callback reaches into the clock: a clock fired after destruction would touch freed
+    // memory, which the sanitizer builds report.
+    TypeParam* raw = clock.get();
+    auto count = counter.Callback();
+    clock->SetMidiClockCallback([raw, count](double bpm) {
+        raw->GetPlaybackIsArmed();
+        count(bpm);
+    });
+    clock->ArmPlayback(20, 24, kFastClockTime, 0, 0);
+    clock->ContinuousMode();
+    ASSERT_TRUE(counter.WaitForCalls(20));
+    clock.reset();
+    SUCCEED();
+}
+
+TEST(StandardMidiClockImpl, TracesTheTimerCallsWhenAsked) {
+    ClockLogCapture log;
+    kit::SetPlatformCallLogging(true);
+    {
+        ClockCounter counter;
+        StandardMidiClockImpl clock;
+        clock.SetMidiClockCallback(counter.Callback());
+        clock.ArmPlayback(20, 24, kFastClockTime, 0, 0);
+        clock.SetCaesura(40, kFastClockTime, 24);
+        clock.ContinuousMode();
+        ASSERT_TRUE(counter.WaitForCalls(2));
+        ASSERT_TRUE(clock.WaitUntilStopped(10s));
+    }
+    kit::SetPlatformCallLogging(false);
+    const std::vector<std::string> expected{
+        "midi/Sources/win32/standard_midi_clock_impl line 206: attempting timeSetEvent",
+        "midi/Sources/win32/standard_midi_clock_impl line 206: succeeded timeSetEvent"};
+    EXPECT_EQ(log.Lines(), expected);  // one timer: the second clock stops at the caesura
+}
+
+TEST(StandardMidiClockImpl, ATimerThatCannotBeSetIsLoggedAndEndsTheClockThread) {
+    ClockLogCapture log;
+    ClockCounter counter;
+    StandardMidiClockImpl clock;
+    clock.SetMidiClockCallback(counter.Callback());
+    // 2,000 seconds per clock is beyond the longest delay the multimedia timer takes.
+    clock.ArmPlayback(20, 24, 2000.0, 0, 0);
+    clock.ContinuousMode();
+    ASSERT_TRUE(log.WaitForLines(2));
+    const std::string failure =
+        "midi/Sources/win32/standard_midi_clock_impl line 206: timeSetEvent failed.";
+    const auto lines = log.Lines();
+    EXPECT_EQ(lines[0], "[ERROR] " + failure);
+    EXPECT_EQ(
+        lines[1].rfind(
+            "EXCEPTION: " + failure + " (midi/Sources/win32/standard_midi_clock_impl line 71)", 0),
+        0u)
+        << lines[1];
+    EXPECT_TRUE(clock.WaitUntilStopped(10s));
+    EXPECT_EQ(counter.Calls(), 1);
+}
+
+}  // namespace
