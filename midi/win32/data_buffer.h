@@ -73,6 +73,9 @@ public:
     /// Sets the header's lengths to 12 × event count and prepares it with the handle; a failure
     /// throws MidiImplementationError naming midi/Sources/win32/data_buffer line 225.
     void PrepareHeader(HMIDIOUT handle);
+    /// Sets the header's buffer length and bytes recorded to 12 × event count, just before the
+    /// packet is queued: the service plays dwBytesRecorded bytes.
+    void SetHeaderLengthsToEventCount();
     /// Unprepares the header; a failure throws MidiImplementationError (line 242).
     void UnprepareHeader(HMIDIOUT handle);
     bool GetHeaderIsPrepared() const { return headerIsPrepared_; }

@@ -120,12 +120,16 @@ std::string DataBuffer::GetBufferName() const {
 }
 
 void DataBuffer::PrepareHeader(HMIDIOUT handle) {
-    header_.dwBufferLength = static_cast<DWORD>(eventSize * eventCount_);
-    header_.dwBytesRecorded = header_.dwBufferLength;
+    SetHeaderLengthsToEventCount();
     ThrowIfFailed(midiOutPrepareHeader(handle, &header_, sizeof(MIDIHDR)), prepareHeaderLine,
                   "calling midiOutPrepareHeader");
     headerIsPrepared_ = true;
     preparedHandle_ = handle;
+}
+
+void DataBuffer::SetHeaderLengthsToEventCount() {
+    header_.dwBufferLength = static_cast<DWORD>(eventSize * eventCount_);
+    header_.dwBytesRecorded = header_.dwBufferLength;
 }
 
 void DataBuffer::UnprepareHeader(HMIDIOUT handle) {

@@ -1,0 +1,94 @@
+#include "midi/win32/win_synth.h"
+
+#include <stdexcept>
+
+#include "interfaces/kit.h"
+#include "midi/velt_midi_error.h"
+#include "midi/win32/midi_buffer_win32.h"
+#include "midi/win32/midi_device_info.h"
+
+namespace {
+// Source positions quoted in failure texts.
+constexpr const char* winSynthSource = "midi/Sources/win32/win_synth";
+constexpr int streamOutLine = 166;
+constexpr int streamRestartLine = 231;
+// How long a sent packet may stay with the service before it is quarantined.
+constexpr int streamOutDoneSeconds = 3;
+
+[[noreturn]] void ThrowImplementationError(int line, const char* action, MMRESULT result) {
+    throw MidiImplementationError(kit::format("%s line %d: %s caused error %d, %s.",
+                                              winSynthSource, line, action,
+                                              static_cast<int>(result),
+                                              GetMidiErrorAsString(result).c_str()));
+}
+}  // namespace
+
+WinSynth::WinSynth() {
+    UINT deviceId = 0;
+    MMRESULT result = midiStreamOpen(&stream_, &deviceId, 1,
+                                     reinterpret_cast<DWORD_PTR>(&WinSynth::CompletionCallback),
+                                     reinterpret_cast<DWORD_PTR>(this), CALLBACK_FUNCTION);
+    if (result != MMSYSERR_NOERROR) {
+        stream_ = nullptr;
+        throw MidiDeviceUnavailable("CreateSynthOutput() error " +
+                                    std::to_string(static_cast<int>(result)) + ", " +
+                                    GetMidiOutErrorText(result) + "\n" +
+                                    CreateMidiDeviceSummary());
+    }
+}
+
+WinSynth::~WinSynth() {
+    if (stream_ != nullptr) {
+        midiStreamClose(stream_);
+    }
+}
+
+void CALLBACK WinSynth::CompletionCallback(HMIDIOUT, UINT message, DWORD_PTR,
+                                           DWORD_PTR parameter1, DWORD_PTR) {
+    auto* header = reinterpret_cast<MIDIHDR*>(parameter1);
+    if (header == nullptr || message != MOM_DONE) {
+        return;
+    }
+    reinterpret_cast<DataBuffer*>(header->dwUser)->SignalMidiStreamOutDone();
+}
+
+void WinSynth::SendPort(MidiBufferWin32* buffer, unsigned char port) {
+    std::scoped_lock lock(mutex_);
+    std::shared_ptr<DataBuffer> dataBuffer = buffer->GetDataBuffer(port);
+    if (!dataBuffer->GetHeaderIsPrepared()) {
+        kit::CoutBuffer() << "Header is not prepared." << kit::endl;
+        throw std::logic_error("Header is not prepared.");
+    }
+    if (dataBuffer->GetPreparedOutputHandle() != GetOutputHandle()) {
+        kit::CoutBuffer() << "Prepared output handle does not match." << kit::endl;
+        throw std::logic_error("mismatched output handles.");
+    }
+    if (dataBuffer->GetEventCount() == 0) {
+        return;
+    }
+    dataBuffer->SetInUse();
+    // The header was prepared when the packet may have been empty; the service plays
+    // dwBytesRecorded bytes, so it is set to this period's events.
+    dataBuffer->SetHeaderLengthsToEventCount();
+    MMRESULT result = midiStreamOut(stream_, dataBuffer->GetMidiHeader(), sizeof(MIDIHDR));
+    if (result != MMSYSERR_NOERROR) {
+        dataBuffer->SignalMidiStreamOutDone();  // the service never took it
+        ThrowImplementationError(streamOutLine, "calling midiStreamOut", result);
+    }
+    if (!dataBuffer->WaitForMidiStreamOutDone(streamOutDoneSeconds)) {
+        kit::CoutBuffer() << "midiStreamOutDone_ timed out "
+                          << "without receiving a mom done message. "
+                          << "Buffer " << dataBuffer->GetBufferName() << " will be quarantined."
+                          << kit::endl;
+        buffer->QuarantineDataBuffer(port, GetOutputHandle());
+    }
+}
+
+void WinSynth::Restart() {
+    MMRESULT result = midiStreamRestart(stream_);
+    if (result != MMSYSERR_NOERROR) {
+        ThrowImplementationError(streamRestartLine, "calling midiStreamRestart", result);
+    }
+}
+
+void WinSynth::Stop() { midiStreamStop(stream_); }

@@ -1,0 +1,239 @@
+// First sound: the real clock, position, stream collection and platform output, assembled as a
+// host assembles them, play a song of the example show into a virtual output device. The test is
+// the host: its fill callback advances the position and lets the song's stream enqueue the
+// period's events, and it records what each fill put into the packets, so that what the device
+// received can be compared with it.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <limits>
+#include <map>
+#include <mutex>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "interfaces/kit.h"
+#include "midi/how_to_play.h"
+#include "midi/midi_stream_collection.h"
+#include "midi/user_controls.h"
+#include "midi/win32/midi_buffer_win32.h"
+#include "midi/win32/midi_output_win32.h"
+#include "midi/win32/standard_midi_clock_impl.h"
+#include "platform/virtual_midi.h"
+#include "playback_host.h"
+#include "velt_core/show_loader.h"
+#include "velt_core/song_builder.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using playback::Message;
+using playback::MessageOfWord;
+using playback::FilledPeriod;
+using Host = playback::Host<StandardMidiClockImpl>;
+
+// The first song of the example show, with its tempi ten times as fast so that it plays in a
+// few seconds.
+velt_midi::SongData FastLanterns() {
+    auto show = velt_core::LoadShow(VELT_EXAMPLES_DIR "/harbour_lights");
+    velt_midi::SongData song = *show->GetSongs().at(0);
+    for (auto& tempo : song.GetTimeline().GetTempos()) {
+        tempo.microseconds_per_quarter /= 10;
+    }
+    return song;
+}
+
+// What the device received, one list of messages per stream packet, in packet order.
+std::vector<std::vector<Message>> Packets(const velt_platform::MidiOutputRecorder& device) {
+    std::vector<std::vector<Message>> packets;
+    std::uint64_t current = std::numeric_limits<std::uint64_t>::max();
+    for (const auto& message : device.Messages()) {
+        if (!message.packet) continue;
+        if (*message.packet != current) {
+            current = *message.packet;
+            packets.emplace_back();
+        }
+        packets.back().push_back(message.bytes);
+    }
+    return packets;
+}
+
+// The packets a run of filled periods becomes: one per period that has events.
+std::vector<std::vector<Message>> ExpectedPackets(const std::vector<FilledPeriod>& periods,
+                                                  std::uint32_t upToTick) {
+    std::vector<std::vector<Message>> packets;
+    for (const auto& period : periods) {
+        if (period.tick <= upToTick && !period.messages.empty()) {
+            packets.push_back(period.messages);
+        }
+    }
+    return packets;
+}
+
+std::vector<Message> AllNotesOffMessages() {
+    std::vector<Message> messages;
+    for (std::uint8_t channel = 0; channel < 16; ++channel) {
+        messages.push_back({static_cast<std::uint8_t>(0xB0 | channel), 123, 0});
+        messages.push_back({static_cast<std::uint8_t>(0xB0 | channel), 121, 0});
+    }
+    return messages;
+}
+
+// The notes an instrument holds after the messages (channel << 8 | note).
+std::set<int> HeldNotes(const std::vector<Message>& messages) {
+    std::set<int> held;
+    for (const auto& m : messages) {
+        const int kind = m[0] & 0xF0;
+        const int key = ((m[0] & 0x0F) << 8) | m[1];
+        if (kind == 0x90 && m[2] > 0) held.insert(key);
+        if (kind == 0x80 || (kind == 0x90 && m[2] == 0)) held.erase(key);
+    }
+    return held;
+}
+
+std::vector<Message> SongMessagesBefore(const velt_midi::SongData& song, std::uint32_t tick) {
+    std::vector<std::pair<std::uint32_t, Message>> timed;
+    for (const auto& [id, track] : song.GetVoiceData()) {
+        for (const auto& e : track->events) {
+            if (e.time < tick) {
+                timed.push_back({e.time, MessageOfWord((DWORD{e.data2} << 16) |
+                                                       (DWORD{e.data1} << 8) | e.status)});
+            }
+        }
+    }
+    std::stable_sort(timed.begin(), timed.end(),
+                     [](const auto& a, const auto& b) { return a.first < b.first; });
+    std::vector<Message> messages;
+    for (auto& [time, message] : timed) messages.push_back(message);
+    return messages;
+}
+
+std::vector<Message> Flatten(const std::vector<std::vector<Message>>& packets) {
+    std::vector<Message> messages;
+    for (const auto& packet : packets) messages.insert(messages.end(), packet.begin(), packet.end());
+    return messages;
+}
+
+}  // namespace
+
+TEST(Playback, EverySongEventArrivesOnceInOrderAndTheSongEndsInSilence) {
+    velt_platform::VirtualMidiOutput device("Playback Test Out");
+    const velt_midi::SongData song = FastLanterns();
+    Host host(song);
+    host.Play(0);
+    ASSERT_TRUE(host.WaitForStops(1));
+
+    auto packets = Packets(device);
+    ASSERT_FALSE(packets.empty());
+    // The song ends with the prepared all-notes-off packet, not with the last buffer's events.
+    EXPECT_EQ(packets.back(), AllNotesOffMessages());
+    packets.pop_back();
+    // Every period the stream filled went out once, as one packet, in order.
+    EXPECT_EQ(packets, ExpectedPackets(host.Filled(), std::numeric_limits<std::uint32_t>::max()));
+    // And the stream filled every event of the song (there is no transposition in this song),
+    // plus the state it sends when a song starts: a centred pitch bend for each track that has
+    // none of its own.
+    auto sent = Flatten(packets);
+    auto expected = SongMessagesBefore(song, std::numeric_limits<std::uint32_t>::max());
+    for (const auto& [id, track] : song.GetVoiceData()) {
+        if (std::none_of(track->events.begin(), track->events.end(),
+                         [](const auto& e) { return (e.status & 0xF0) == 0xE0; })) {
+            expected.push_back({static_cast<std::uint8_t>(0xE0 | (id & 0x0F)), 0, 64});
+        }
+    }
+    std::sort(sent.begin(), sent.end());
+    std::sort(expected.begin(), expected.end());
+    EXPECT_EQ(sent, expected);
+
+    EXPECT_NE(host.StoppedThread(), std::this_thread::get_id());
+    EXPECT_EQ(host.StoppedThreadName(), "MidiOutput::AsyncStoppedThread");
+    EXPECT_FALSE(host.Output().PlaybackIsActive());
+    EXPECT_TRUE(host.GetClock().WaitUntilStopped(10s));
+    EXPECT_FALSE(host.GetClock().GetPlaybackIsArmed());
+}
+
+TEST(Playback, ACaesuraStopsAtItsTickAndASeekResumesWithTheChasedState) {
+    velt_platform::VirtualMidiOutput device("Playback Test Out");
+    const velt_midi::SongData song = FastLanterns();
+    Host host(song);
+    const std::uint32_t caesura = 7200;  // the song's "Caesura" marker
+    host.StopAt(caesura);
+    host.Play(0);
+    ASSERT_TRUE(host.WaitForStops(1));
+    ASSERT_TRUE(host.GetClock().WaitUntilStopped(10s));
+
+    // Everything up to and including the caesura's period was sent, nothing after it: the
+    // periods the queue thread had filled ahead stay unsent.
+    auto beforeStop = Packets(device);
+    const auto filledBeforeStop = host.Filled();
+    ASSERT_GT(filledBeforeStop.back().tick, caesura);
+    EXPECT_EQ(beforeStop, ExpectedPackets(filledBeforeStop, caesura));
+    // A caesura holds the chord: no panic went out.
+    EXPECT_FALSE(HeldNotes(Flatten(beforeStop)).empty());
+
+    // Resume from bar 6. The first period releases what the caesura held and no longer sounds,
+    // keeps what sounds on, and strikes what sounds at the new place.
+    const std::uint32_t resume = 9600;
+    host.StopAt(std::numeric_limits<std::uint32_t>::max());
+    device.ClearMessages();
+    host.Play(resume);
+    ASSERT_TRUE(host.WaitForStops(2));
+    auto afterResume = Packets(device);
+    ASSERT_GE(afterResume.size(), 2u);
+    EXPECT_EQ(afterResume.back(), AllNotesOffMessages());
+
+    std::vector<Message> firstPeriod = Flatten(beforeStop);
+    firstPeriod.insert(firstPeriod.end(), afterResume.front().begin(), afterResume.front().end());
+    EXPECT_EQ(HeldNotes(firstPeriod),
+              HeldNotes(SongMessagesBefore(song, resume + host.TicksPerClock())));
+
+    // To the end of the song nothing is left sounding, even before the final panic.
+    afterResume.pop_back();
+    std::vector<Message> whole = Flatten(beforeStop);
+    for (const auto& packet : afterResume) whole.insert(whole.end(), packet.begin(), packet.end());
+    EXPECT_TRUE(HeldNotes(whole).empty());
+}
+
+TEST(Playback, APacketTheServiceNeverReturnsIsQuarantinedAndPlaybackGoesOn) {
+    velt_platform::VirtualMidiOutput device("Playback Test Out");
+    auto song = velt_core::SongBuilder("Short", 480).Tempo(0, 600).Meter(0, 4, 4).Bars(2);
+    for (std::uint32_t tick = 0; tick < 3840; tick += 240) {
+        song.Note(0x00, tick, static_cast<std::uint8_t>(60 + tick / 240), 80, 200);
+    }
+    std::vector<std::string> lines;
+    std::mutex linesMutex;
+    auto previous = kit::SetLogSink([&](const std::string& line) {
+        std::scoped_lock lock(linesMutex);
+        lines.push_back(line);
+    });
+    device.LoseCompletionOfPacket(3);
+    {
+        Host host(*song.Build());
+        host.Play(0);
+        ASSERT_TRUE(host.WaitForStops(1));
+        auto packets = Packets(device);
+        ASSERT_FALSE(packets.empty());
+        packets.pop_back();
+        // The lost packet was played all the same, and every later one followed it.
+        EXPECT_EQ(packets, ExpectedPackets(host.Filled(), std::numeric_limits<std::uint32_t>::max()));
+        EXPECT_GT(packets.size(), 4u);
+    }  // closing the device warns about the packet still out
+    kit::SetLogSink(previous);
+
+    std::scoped_lock lock(linesMutex);
+    auto has = [&](const std::string& prefix, const std::string& suffix) {
+        return std::any_of(lines.begin(), lines.end(), [&](const std::string& line) {
+            return line.rfind(prefix, 0) == 0 && line.size() >= suffix.size() &&
+                   line.compare(line.size() - suffix.size(), suffix.size(), suffix) == 0;
+        });
+    };
+    EXPECT_TRUE(has("midiStreamOutDone_ timed out without receiving a mom done message. Buffer Main "
+                    "Buffer ",
+                    " data buffer 0 will be quarantined."));
+    EXPECT_TRUE(has("WARNING: Main Buffer ", " has 1 quarantined data buffers after midiStreamStop."));
+}
