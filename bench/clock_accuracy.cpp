@@ -4,7 +4,8 @@
 //   - mean period error: mean of (interval between clocks − clock time);
 //   - p50 / p99 / max of |clock time stamp − ideal time|, the ideal time of clock k being the
 //     first clock's stamp + k × clock time (measured against the start, not clock to clock);
-//   - drift: the last clock's deviation from its ideal time.
+//   - drift: the median deviation of the last 25 clocks (where the clock stands after N clocks,
+//     unaffected by the lateness of a single final clock).
 //
 //   clock_accuracy [--clocks N] [--spin-us S] [--only standard|precision]
 #include <algorithm>
@@ -27,6 +28,7 @@ namespace {
 constexpr unsigned int kTicksPerClock = 20;
 constexpr int kClocksPerClick = 24;
 constexpr double kClockTimeAt120 = 60.0 / 120.0 / kClocksPerClick;  // seconds
+constexpr std::size_t kDriftClocks = 25;                            // one click and a clock
 
 struct Figures {
     double meanPeriodErrorMs;
@@ -46,7 +48,14 @@ Figures Analyse(const std::vector<LONGLONG>& stamps, double clockTime) {
         const double ideal = static_cast<double>(stamps[0]) + static_cast<double>(k) * period;
         deviations.push_back(static_cast<double>(stamps[k]) - ideal);
     }
-    const double drift = deviations.back();
+    // Where the clock stands at the end: the median of the last clocks' deviations, so that the
+    // figure shows accumulated error rather than the lateness of one final clock.
+    const std::size_t tail = std::min<std::size_t>(kDriftClocks, deviations.size());
+    std::vector<double> last(deviations.end() - static_cast<std::ptrdiff_t>(tail),
+                             deviations.end());
+    std::nth_element(last.begin(), last.begin() + static_cast<std::ptrdiff_t>(tail / 2),
+                     last.end());
+    const double drift = last[tail / 2];
     const double meanPeriodError = static_cast<double>(stamps.back() - stamps.front()) /
                                        static_cast<double>(stamps.size() - 1) -
                                    period;

@@ -13,8 +13,8 @@
 /// Each clock's deadline is the previous clock's deadline plus the live clock time, so a late
 /// wake-up delays that one clock but not the ones after it: the phase error stays within one
 /// wake-up latency and the tempo is exact over any length of run. The grid is anchored at the
-/// start of each run (the first clock comes 1 ms after the start) and anchored again after a stall
-/// longer than a whole period (instead of firing the missed clocks in a burst).
+/// start of each run on the first clock (which comes 1 ms after the start) and anchored again after
+/// a stall longer than a whole period (instead of firing the missed clocks in a burst).
 ///
 /// The system timer resolution is raised to 1 ms for each run, as StandardMidiClockImpl does.
 ///

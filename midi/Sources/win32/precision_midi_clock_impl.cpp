@@ -84,10 +84,15 @@ void PrecisionMidiClockImpl::RunLoop() {
 
 void PrecisionMidiClockImpl::Run_() {
     nextDeadline_ = VeltPreciseTimeNow() + kStartLeadNanoseconds;
-    for (;;) {
+    for (bool first = true;; first = false) {
         deadline_ = nextDeadline_;
         if (!WaitForDeadline_(deadline_)) {
             return;
+        }
+        if (first) {
+            // The grid starts where the first clock really fell, so that a late first wake-up
+            // does not shift every clock after it.
+            deadline_ = VeltPreciseTimeNow();
         }
         if (!AdvanceClock()) {
             return;
