@@ -15,7 +15,7 @@
 #include "midi/win32/precision_midi_clock_impl.h"
 #include "midi/win32/standard_midi_clock_impl.h"
 #include "platform/virtual_midi.h"
-#include "playback_host.h"
+#include "apps/song_player.h"
 #include "velt_core/song_builder.h"
 
 namespace {
@@ -49,7 +49,7 @@ template <typename Clock>
 void Measure(const char* name, const velt_midi::SongData& song) {
     velt_platform::VirtualMidiOutput device("Timing Bench Out");
     {
-        playback::Host<Clock> host(song);
+        playback::SongPlayer<Clock> host(song);
         host.Play(0);
         if (!host.WaitForStops(1)) {
             std::printf("%s: the song did not end\n", name);

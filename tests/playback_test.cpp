@@ -25,7 +25,7 @@
 #include "midi/win32/midi_output_win32.h"
 #include "midi/win32/standard_midi_clock_impl.h"
 #include "platform/virtual_midi.h"
-#include "playback_host.h"
+#include "apps/song_player.h"
 #include "velt_core/show_loader.h"
 #include "velt_core/song_builder.h"
 
@@ -35,7 +35,7 @@ using namespace std::chrono_literals;
 using playback::Message;
 using playback::MessageOfWord;
 using playback::FilledPeriod;
-using Host = playback::Host<StandardMidiClockImpl>;
+using Host = playback::SongPlayer<StandardMidiClockImpl>;
 
 // The first song of the example show, with its tempi ten times as fast so that it plays in a
 // few seconds.

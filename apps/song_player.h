@@ -1,12 +1,14 @@
-// A host for playback tests and benchmarks: the real clock, position, stream collection and
-// platform output, assembled as a host application assembles them, for one song on one output
-// port. Its fill callback advances the position and lets the song's stream enqueue the period's
-// events; it records what each fill put into the packets.
+// Playing one song as a host application does: the real clock, position, stream collection and
+// platform output, assembled and driven the way the engine expects its host to. The fill
+// callback advances the position and lets the song's stream enqueue the period's events; it also
+// records what each fill put into port 0's packets, so that tests can compare it with what a
+// device received. Used by the player program, the playback tests and the timing benchmark.
 #pragma once
 
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <functional>
 #include <limits>
 #include <memory>
 #include <mutex>
@@ -43,28 +45,35 @@ struct FilledPeriod {
     std::vector<Message> messages;  // port 0, in packet order
 };
 
-// The host: one song, one output port, driven by a clock of type Clock (a StandardMidiClock
-// with WaitUntilStopped).
+// One song on `portCount` output ports (track id >> 4 must be below it), driven by a clock of
+// type Clock (a StandardMidiClock with WaitUntilStopped). The downbeat callback, if any, gets the
+// tick of every click after the display delay, on the display thread.
 template <typename Clock>
-class Host {
+class SongPlayer {
   public:
-    explicit Host(const velt_midi::SongData& song) {
+    explicit SongPlayer(const velt_midi::SongData& song, unsigned char portCount = 1,
+                        std::function<void(unsigned int)> downbeat = {}) {
         show_.AddSong(std::make_shared<velt_midi::SongData>(song));
         streams_ = std::make_unique<TamberMidiStreamCollection>(show_);
         stream_ = &streams_->GetStream(song.GetSongName());
         ticksPerClock_ = song.GetTicksPerQuarter() / 24;
         lastTick_ = song.GetTimeline().lastTickIndex;
         position_.SetData(song.GetSongLog(), song.GetTimeline(), song.GetTicksPerQuarter());
+        if (!downbeat) {
+            downbeat = [](unsigned int) {};
+        }
         output_ = std::make_unique<MidiOutputWin32>(
-            1, [this](MidiBuffer& buffer) { Fill_(buffer); }, [](unsigned int) {},
+            portCount, [this](MidiBuffer& buffer) { Fill_(buffer); }, std::move(downbeat),
             [this] { Stopped_(); }, [] {},
             [this](unsigned int tick) { return tick == caesuraTick_.load(); }, clock_,
             &clientMutex_);
-        output_->Initialize(1);
+        output_->Initialize(portCount);
         output_->CreateSynthOutput();
     }
 
-    ~Host() {
+    SongPlayer(const SongPlayer&) = delete;
+    SongPlayer& operator=(const SongPlayer&) = delete;
+    ~SongPlayer() {
         output_->PrepareForExit();
         clock_.WaitUntilStopped(std::chrono::seconds(10));
         output_.reset();
@@ -113,6 +122,7 @@ class Host {
     Clock& GetClock() { return clock_; }
     MidiOutputWin32& Output() { return *output_; }
     std::uint32_t TicksPerClock() const { return ticksPerClock_; }
+    UserControls& Controls() { return controls_; }
 
   private:
     // The queue thread's fill (or priming's), with the buffer's mutex held: one clock period.
