@@ -47,7 +47,8 @@ TEST(DataBuffer, EventsAreTwelveLittleEndianBytesWithDeltaAndStreamIdZero) {
     EXPECT_EQ(std::memcmp(raw, expected, sizeof(expected)), 0);
     EXPECT_EQ(buffer.GetEventCount(), 2);
     EXPECT_EQ(buffer.GetBufferName(), "Main Buffer 0 data buffer 0");
-    EXPECT_EQ(buffer.GetMidiHeader()->dwFlags, MHDR_ISSTRM);
+    // The header is packed to one byte: its fields are read into values, never bound by reference.
+    EXPECT_EQ(DWORD{buffer.GetMidiHeader()->dwFlags}, MHDR_ISSTRM);
     EXPECT_EQ(reinterpret_cast<DataBuffer*>(buffer.GetMidiHeader()->dwUser), &buffer);
 
     buffer.ResetEventCount();
@@ -99,8 +100,8 @@ TEST(DataBuffer, HeadersArePreparedWithTheEventsLengthAndMovedBuffersKeepTheirHe
     DataBuffer buffer(120, 0, "b");
     for (int i = 0; i < 3; ++i) buffer.AddVoiceEvent(velt_midi::VoiceEvent(0, 0x90, 0, 60, 1));
     buffer.PrepareHeader(stream.Handle());
-    EXPECT_EQ(buffer.GetMidiHeader()->dwBufferLength, 36u);
-    EXPECT_EQ(buffer.GetMidiHeader()->dwBytesRecorded, 36u);
+    EXPECT_EQ(DWORD{buffer.GetMidiHeader()->dwBufferLength}, 36u);
+    EXPECT_EQ(DWORD{buffer.GetMidiHeader()->dwBytesRecorded}, 36u);
     EXPECT_TRUE(buffer.GetHeaderIsPrepared());
     EXPECT_EQ(buffer.GetPreparedOutputHandle(), stream.Handle());
 

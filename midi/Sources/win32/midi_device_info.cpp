@@ -1,5 +1,6 @@
 #include "midi/win32/midi_device_info.h"
 
+#include <cstring>
 #include <map>
 #include <sstream>
 
@@ -68,11 +69,20 @@ std::string GetProductName(const WCHAR* name) {
             narrow += static_cast<char>(0x80 | (c & 0x3F));
         }
     };
-    for (std::size_t i = 0; name[i] != 0; ++i) {
-        char32_t unit = static_cast<char16_t>(name[i]);
-        if (unit >= 0xD800 && unit < 0xDC00 && name[i + 1] >= 0xDC00 && name[i + 1] < 0xE000) {
-            char32_t low = static_cast<char16_t>(name[++i]);
-            append(0x10000 + ((unit - 0xD800) << 10) + (low - 0xDC00));
+    // The name usually lies in a capabilities record packed to one byte, so it may be
+    // misaligned: each code unit is copied out rather than read through a WCHAR pointer.
+    const auto* bytes = reinterpret_cast<const unsigned char*>(name);
+    auto unitAt = [bytes](std::size_t i) {
+        WCHAR unit;
+        std::memcpy(&unit, bytes + i * sizeof(WCHAR), sizeof(WCHAR));
+        return static_cast<char32_t>(static_cast<char16_t>(unit));
+    };
+    for (std::size_t i = 0; unitAt(i) != 0; ++i) {
+        char32_t unit = unitAt(i);
+        char32_t next = unitAt(i + 1);
+        if (unit >= 0xD800 && unit < 0xDC00 && next >= 0xDC00 && next < 0xE000) {
+            ++i;
+            append(0x10000 + ((unit - 0xD800) << 10) + (next - 0xDC00));
         } else if (unit >= 0xD800 && unit < 0xE000) {
             append(0xFFFD);
         } else {
