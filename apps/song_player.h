@@ -12,9 +12,9 @@
 #include <limits>
 #include <memory>
 #include <mutex>
+#include <stdexcept>
 #include <string>
 #include <thread>
-#include <stdexcept>
 #include <vector>
 
 #include "interfaces/kit.h"
@@ -152,7 +152,8 @@ class SongPlayer {
         FilledPeriod period{tick, {}};
         auto& packet = *dynamic_cast<MidiBufferWin32&>(buffer).GetDataBuffer(0);
         for (std::uint16_t i = 0; i < packet.GetEventCount(); ++i) {
-            period.messages.push_back(MessageOfWord(packet.GetMidiMessageAtMessageIndex(i).dwEvent));
+            period.messages.push_back(
+                MessageOfWord(packet.GetMidiMessageAtMessageIndex(i).dwEvent));
         }
         filled_.push_back(std::move(period));
         buffer.SetHasData(true);

@@ -49,7 +49,8 @@ bool Parse(int argc, char** argv, Options& options) {
     for (int i = 1; i < argc; ++i) {
         std::string arg = argv[i];
         auto value = [&]() -> std::string {
-            if (i + 1 >= argc) throw std::invalid_argument(arg + " needs a value");
+            if (i + 1 >= argc)
+                throw std::invalid_argument(arg + " needs a value");
             return argv[++i];
         };
         if (arg == "--song") {
@@ -88,7 +89,8 @@ class BarPrinter {
   public:
     explicit BarPrinter(const velt_midi::SongData& song) {
         for (const auto& record : song.GetTimeline().GetBarsBeats()) {
-            if (record.beat == 1) bars_[record.tick_index] = record.bar;
+            if (record.beat == 1)
+                bars_[record.tick_index] = record.bar;
         }
         for (const auto& marker : song.GetSongLog().GetMarkers()) {
             markers_[marker.tick_index] = marker.text;
@@ -96,7 +98,8 @@ class BarPrinter {
     }
     void Downbeat(unsigned int tick) {
         auto bar = bars_.find(tick);
-        if (bar == bars_.end()) return;
+        if (bar == bars_.end())
+            return;
         std::scoped_lock lock(mutex_);
         std::printf("  bar %d", bar->second);
         auto marker = markers_.lower_bound(tick);
@@ -159,7 +162,8 @@ int main(int argc, char** argv) {
         int number = 0;
         for (const auto& song : show->GetSongs()) {
             ++number;
-            if (options.song != 0 && options.song != number) continue;
+            if (options.song != 0 && options.song != number)
+                continue;
             if (!options.midiFile.empty()) {
                 // The default output writes its file at every close, that is after every song:
                 // with several songs each gets its own file.

@@ -74,8 +74,9 @@ Result Run(std::function<void(MidiBuffer&)> fill, unsigned char portCount,
            std::uint64_t maximumPeriods) {
     NullClock clock;
     std::recursive_mutex clientMutex;
-    BenchOutput output(std::move(fill), [](unsigned int) {}, [] {}, [] {},
-                       [](unsigned int) { return false; }, clock, &clientMutex);
+    BenchOutput output(
+        std::move(fill), [](unsigned int) {}, [] {}, [] {}, [](unsigned int) { return false; },
+        clock, &clientMutex);
     output.Initialize(portCount);
     {
         std::unique_lock lock(output.GetMutex());
@@ -110,14 +111,15 @@ double Percentile(std::vector<double> values, double fraction) {
 }
 
 void Print(const char* name, const Result& result) {
-    std::printf("%-34s %9llu periods %10.0f periods/s %8.2f us/period  send step p50 %6.2f us"
-                "  p99 %7.2f us  max %8.1f us  %10.0f events/s\n",
-                name, static_cast<unsigned long long>(result.periods),
-                static_cast<double>(result.periods) / result.seconds,
-                1e6 * result.seconds / static_cast<double>(result.periods),
-                Percentile(result.stepMicroseconds, 0.5), Percentile(result.stepMicroseconds, 0.99),
-                Percentile(result.stepMicroseconds, 1.0),
-                static_cast<double>(result.events) / result.seconds);
+    std::printf(
+        "%-34s %9llu periods %10.0f periods/s %8.2f us/period  send step p50 %6.2f us"
+        "  p99 %7.2f us  max %8.1f us  %10.0f events/s\n",
+        name, static_cast<unsigned long long>(result.periods),
+        static_cast<double>(result.periods) / result.seconds,
+        1e6 * result.seconds / static_cast<double>(result.periods),
+        Percentile(result.stepMicroseconds, 0.5), Percentile(result.stepMicroseconds, 0.99),
+        Percentile(result.stepMicroseconds, 1.0),
+        static_cast<double>(result.events) / result.seconds);
 }
 
 // A dense song: 32 tracks on two ports, sixteenth notes in every track, a controller sweep

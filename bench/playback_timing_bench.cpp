@@ -12,10 +12,10 @@
 #include <map>
 #include <vector>
 
+#include "apps/song_player.h"
 #include "midi/win32/precision_midi_clock_impl.h"
 #include "midi/win32/standard_midi_clock_impl.h"
 #include "platform/virtual_midi.h"
-#include "apps/song_player.h"
 #include "velt_core/song_builder.h"
 
 namespace {
@@ -59,16 +59,19 @@ void Measure(const char* name, const velt_midi::SongData& song) {
     // The song's note-ons in tick order are the recorded note-ons in arrival order.
     std::vector<std::uint32_t> ticks;
     for (const auto& event : song.GetVoiceData().at(0x00).events) {
-        if ((event.status & 0xF0) == 0x90 && event.data2 > 0) ticks.push_back(event.time);
+        if ((event.status & 0xF0) == 0x90 && event.data2 > 0)
+            ticks.push_back(event.time);
     }
     std::vector<std::int64_t> arrivals;
     for (const auto& message : device.Messages()) {
-        if (message.bytes.size() == 3 && (message.bytes[0] & 0xF0) == 0x90 && message.bytes[2] > 0) {
+        if (message.bytes.size() == 3 && (message.bytes[0] & 0xF0) == 0x90 &&
+            message.bytes[2] > 0) {
             arrivals.push_back(message.timestampNs);
         }
     }
     if (arrivals.size() != ticks.size() || arrivals.empty()) {
-        std::printf("%s: %zu note-ons arrived, %zu expected\n", name, arrivals.size(), ticks.size());
+        std::printf("%s: %zu note-ons arrived, %zu expected\n", name, arrivals.size(),
+                    ticks.size());
         return;
     }
     std::vector<double> deviations;  // milliseconds, signed
@@ -81,15 +84,17 @@ void Measure(const char* name, const velt_midi::SongData& song) {
                    [](double d) { return std::fabs(d); });
     std::sort(absolute.begin(), absolute.end());
     double mean = 0;
-    for (double d : deviations) mean += d;
+    for (double d : deviations)
+        mean += d;
     mean /= static_cast<double>(deviations.size());
     auto at = [&](double fraction) {
-        return absolute[static_cast<std::size_t>(fraction * static_cast<double>(absolute.size() - 1))];
+        return absolute[static_cast<std::size_t>(fraction *
+                                                 static_cast<double>(absolute.size() - 1))];
     };
-    std::printf("%-26s %5zu notes  mean %+7.3f ms  |dev| p50 %6.3f  p99 %6.3f  max %6.3f ms"
-                "  end drift %+7.3f ms\n",
-                name, deviations.size(), mean, at(0.5), at(0.99), absolute.back(),
-                deviations.back());
+    std::printf(
+        "%-26s %5zu notes  mean %+7.3f ms  |dev| p50 %6.3f  p99 %6.3f  max %6.3f ms"
+        "  end drift %+7.3f ms\n",
+        name, deviations.size(), mean, at(0.5), at(0.99), absolute.back(), deviations.back());
 }
 
 }  // namespace

@@ -16,7 +16,7 @@ class CoutBuffer;
 namespace cmn {
 /// Base of every polymorphic event of the song model.
 class VeltEvent {
-public:
+  public:
     virtual ~VeltEvent() = default;
     virtual unsigned char code() const = 0;
 };
@@ -26,7 +26,7 @@ namespace CL {
 
 /// A change-log event that covers the half-open tick range [start, end).
 class PairedEvent : public cmn::VeltEvent {
-public:
+  public:
     PairedEvent() = default;
     PairedEvent(std::uint32_t start, std::uint32_t end) : start_(start), end_(end) {}
 
@@ -44,14 +44,14 @@ public:
     virtual void WriteString(std::ostream& out) const;
     virtual void WriteString(kit::CoutBuffer& out) const;
 
-private:
+  private:
     std::uint32_t start_ = 0;
     std::uint32_t end_ = 0;
 };
 
 /// A click-length change: over its range a click lasts `int_value()` notated 32nd notes.
 class Click : public PairedEvent {
-public:
+  public:
     static constexpr unsigned char evt_code = 0x70;
 
     Click() = default;
@@ -68,13 +68,13 @@ public:
     /// under a meter of 8 is 36 clocks, a dotted quarter). A zero meter value yields 0.
     virtual std::uint32_t ClocksPerClick(unsigned char meterNotated32nds) const;
 
-private:
+  private:
     int notated32nds_ = 8;
 };
 
 /// A tempo factor over its range (1.0 is the written tempo).
 class TempoScale : public PairedEvent {
-public:
+  public:
     static constexpr unsigned char evt_code = 0x71;
 
     TempoScale() = default;
@@ -86,13 +86,13 @@ public:
     float float_value() const override { return factor_; }
     std::string value() const override;
 
-private:
+  private:
     float factor_ = 1.0f;
 };
 
 /// A transposition in semitones over its range.
 class Transpose : public PairedEvent {
-public:
+  public:
     static constexpr unsigned char evt_code = 0x72;
 
     Transpose() = default;
@@ -104,14 +104,14 @@ public:
     float float_value() const override { return static_cast<float>(semitones_); }
     std::string value() const override;
 
-private:
+  private:
     int semitones_ = 0;
 };
 
 /// A change-log sequence: events held by value, sorted by start tick.
 template <typename T>
 class ChangeLogSequence : public cmn::SequenceTemplate<T> {
-public:
+  public:
     using cmn::SequenceTemplate<T>::SequenceTemplate;
     ChangeLogSequence() = default;
     ChangeLogSequence(const ChangeLogSequence&) = default;
@@ -131,13 +131,13 @@ struct Marker {
 
 /// The song's markers, sorted by tick index.
 class MarkerSequence : public cmn::SequenceTemplate<Marker> {
-public:
+  public:
     using cmn::SequenceTemplate<Marker>::SequenceTemplate;
 };
 
 /// A song's change log and identity.
 class SongLog {
-public:
+  public:
     const ChangeLogSequence<Click>& GetClicks() const { return clicks_; }
     const ChangeLogSequence<TempoScale>& GetTempoScales() const { return tempoScales_; }
     const ChangeLogSequence<Transpose>& GetTranspositions() const { return transpositions_; }
@@ -152,7 +152,7 @@ public:
     void SetSongName(std::string name) { songName_ = std::move(name); }
     void SetSongNumber(std::string number) { songNumber_ = std::move(number); }
 
-private:
+  private:
     ChangeLogSequence<Click> clicks_;
     ChangeLogSequence<TempoScale> tempoScales_;
     ChangeLogSequence<Transpose> transpositions_;

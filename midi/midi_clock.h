@@ -10,7 +10,7 @@
 /// on the implementation's timer thread. Locks: `clockMutex_` (recursive) guards the
 /// implementation's state; it is taken before any lock of the clock's state.
 class MidiClock {
-public:
+  public:
     MidiClock() = default;
     MidiClock(const MidiClock&) = delete;
     MidiClock& operator=(const MidiClock&) = delete;
@@ -26,7 +26,8 @@ public:
     virtual void SetTickIndex(unsigned int tickIndex, int clockNumber, unsigned int ticksPerClock,
                               int clocksPerClick, double clockTime, unsigned int validAt) = 0;
     /// Schedules a stop of the clock at the given tick.
-    virtual void SetCaesura(unsigned int caesuraTickIndex, double clockTime, int clocksPerClick) = 0;
+    virtual void SetCaesura(unsigned int caesuraTickIndex, double clockTime,
+                            int clocksPerClick) = 0;
     /// Enters the armed state with a full clock state.
     virtual void ArmPlayback(unsigned int ticksPerClock, int clocksPerClick, double clockTime,
                              unsigned int tickIndex, int clockNumber) = 0;
@@ -36,7 +37,8 @@ public:
     virtual void ContinuousMode() = 0;
     /// Advances the clock by one conducted beat.
     virtual void ConductBeat() = 0;
-    virtual void SetConductorClickTimerCallback(std::function<void(void*)> callback, void* data) = 0;
+    virtual void SetConductorClickTimerCallback(std::function<void(void*)> callback,
+                                                void* data) = 0;
     virtual void SetDownbeatTimerCallback(std::function<void(void*)> callback, void* data) = 0;
     virtual bool GetPlaybackIsArmed() = 0;
 
@@ -49,9 +51,9 @@ public:
     /// std::bad_function_call.
     void DoMidiClockCallback(double bpm) { midiClockCallback_(bpm); }
 
-protected:
+  protected:
     std::recursive_mutex clockMutex_;
 
-private:
+  private:
     std::function<void(double)> midiClockCallback_;
 };

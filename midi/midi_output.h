@@ -28,7 +28,7 @@ class MidiOutput;
 /// the park mutex, each only around its own condition; `parked` is atomic because it is written
 /// under one and read under the other.
 class MidiThreadManager {
-public:
+  public:
     MidiThreadManager() = default;
     MidiThreadManager(const MidiThreadManager&) = delete;
     MidiThreadManager& operator=(const MidiThreadManager&) = delete;
@@ -47,7 +47,7 @@ public:
     std::mutex& GetReleaseMutex() { return releaseMutex_; }
     std::mutex& GetParkMutex() { return parkMutex_; }
 
-private:
+  private:
     std::atomic<bool> parked_{true};
     std::mutex releaseMutex_;
     std::condition_variable releaseCondition_;
@@ -63,7 +63,7 @@ private:
 /// sends it back through the exit and armed checks, which is how Join and DisarmPlayback shake it
 /// loose by signalling alone.
 class MidiQueueThread {
-public:
+  public:
     /// Starts the thread at once; it parks until playback is armed.
     MidiQueueThread(MidiOutput& output, MidiThreadManager& manager);
     MidiQueueThread(const MidiQueueThread&) = delete;
@@ -79,7 +79,7 @@ public:
     /// nothing. From the thread itself it raises std::system_error.
     void Join();
 
-private:
+  private:
     void ThreadEntry_();
 
     MidiOutput& output_;
@@ -105,7 +105,7 @@ private:
 /// SetHasData(true) on the buffer -> sent by the send step, which calls SetHasData(false) and so
 /// wakes the filler -> filled again. The filler runs at most four periods ahead.
 class MidiOutput {
-public:
+  public:
     /// Fills one buffer with the next period's events and marks it filled (SetHasData(true)).
     /// Runs on the queue thread, or on the client's thread inside PrimeBuffers, always with the
     /// buffer's mutex held: a callback that takes locks of its own takes them after it.
@@ -211,13 +211,13 @@ public:
     MidiClock& GetClock() { return clock_; }
     std::recursive_mutex* GetClientMutex() { return clientMutex_; }
 
-protected:
+  protected:
     /// Creates one buffer; CreateMidiBuffer unless a subclass (a test) supplies another kind.
     virtual std::shared_ptr<MidiBuffer> CreateBuffer(unsigned char portCount,
                                                      unsigned short capacity,
                                                      const std::string& name);
 
-private:
+  private:
     void InjectSingleEvent_(std::uint8_t status, std::uint16_t trackKey, std::uint8_t data1,
                             std::uint8_t data2);
     void SetAllTracksCc_(const std::map<unsigned short, unsigned char>& values,

@@ -10,7 +10,7 @@ class MidiBuffer;
 
 /// A MIDI device of one direction, identified by the operating system's device number.
 class MidiPort {
-public:
+  public:
     explicit MidiPort(unsigned char portIndex) : portIndex_(portIndex) {}
     MidiPort(const MidiPort&) = default;
     MidiPort& operator=(const MidiPort&) = default;
@@ -23,19 +23,19 @@ public:
 
     unsigned char GetPortIndex() const { return portIndex_; }
 
-private:
+  private:
     unsigned char portIndex_;
 };
 
 class MidiInputPort : public MidiPort {
-public:
+  public:
     using MidiPort::MidiPort;
     /// Starts delivering input; does nothing here.
     virtual void Start() {}
 };
 
 class MidiOutputPort : public MidiPort {
-public:
+  public:
     using MidiPort::MidiPort;
     /// Sends one buffer's events for this port.
     virtual void SendMidiBuffer(MidiBuffer& buffer) = 0;
@@ -44,7 +44,7 @@ public:
 /// Base of the Windows port classes. Windows ports have no persistent unique id: every port
 /// answers 0. The recursive mutex guards the subclasses' device handles.
 class MidiPortWin32 : public MidiPort {
-public:
+  public:
     /// The flag is accepted and ignored.
     MidiPortWin32(unsigned char portIndex, bool) : MidiPort(portIndex) {}
     ~MidiPortWin32() override = default;
@@ -54,13 +54,13 @@ public:
     std::string GetDisplayName() override { return std::string(); }
     int GetUniqueId() override { return 0; }
 
-protected:
+  protected:
     std::recursive_mutex portMutex_;
 };
 
 /// The set of output ports a MidiOutput sends through.
 class MidiOutputPorts {
-public:
+  public:
     virtual ~MidiOutputPorts() = default;
     /// Sends every port's part of the buffer.
     virtual void SendMidiBuffer(MidiBuffer& buffer) = 0;
@@ -71,7 +71,7 @@ public:
 
 /// An input device the command mapper can start.
 class MidiInputInterface {
-public:
+  public:
     virtual ~MidiInputInterface() = default;
     virtual void Start() = 0;
     virtual unsigned char GetPortIndex() = 0;
@@ -80,7 +80,7 @@ public:
 /// A port as the host offers it to the user: its position in the list of all ports of its
 /// direction (also its device index) and its name.
 class MidiEndPoint {
-public:
+  public:
     MidiEndPoint() = default;
     MidiEndPoint(int sourceIndex, const std::string& sourceName)
         : sourceIndex_(sourceIndex), sourceName_(sourceName) {}
@@ -88,7 +88,7 @@ public:
     int GetSourceIndex() const { return sourceIndex_; }
     const std::string& GetSourceName() const { return sourceName_; }
 
-private:
+  private:
     int sourceIndex_ = 0;
     std::string sourceName_;
 };

@@ -7,7 +7,7 @@
 /// command handlers), read by the playback threads. Locks: its own mutex for the whole of every
 /// operation; it calls out to nothing while holding it.
 class UserControls {
-public:
+  public:
     UserControls() = default;
 
     /// Multiplies the tempo scale by 1.01 and returns the new scale. Steps are multiplicative on
@@ -25,7 +25,7 @@ public:
     /// Returns the changed flag and clears it.
     bool GetTranspositionChanged();
 
-private:
+  private:
     std::mutex mutex_;
     double tempoScale_ = 1.0;
     int transposition_ = 0;

@@ -12,7 +12,7 @@
 
 #define VELT_MIDI_DECLARE_ERROR(Name, Base)                          \
     class Name : public Base {                                       \
-    public:                                                          \
+      public:                                                        \
         explicit Name(const std::string& message) : Base(message) {} \
         Name(const Name&) = default;                                 \
     }

@@ -9,6 +9,7 @@
 // Windows.
 #pragma once
 
+// clang-format off: the system headers must come in this order (windows.h first).
 #ifdef _WIN32
 #ifndef NOMINMAX
 #define NOMINMAX
@@ -16,14 +17,15 @@
 #ifndef WIN32_LEAN_AND_MEAN
 #define WIN32_LEAN_AND_MEAN
 #endif
-#include <windows.h>
 #include <mmsystem.h>
+#include <windows.h>
 #else
-#include "posix/win_types.h"
+#include "posix/kernel.h"
 #include "posix/mm_midi.h"
 #include "posix/mm_time.h"
-#include "posix/kernel.h"
+#include "posix/win_types.h"
 #endif
+// clang-format on
 
 // A wide string literal of the platform's WCHAR type: L"..." on Windows (wchar_t is 16 bits
 // there), u"..." elsewhere (WCHAR is char16_t).

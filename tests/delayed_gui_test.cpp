@@ -45,7 +45,8 @@ TEST(DelayedGui, ScheduledTicksArriveInOrderOnTheWorkerThread) {
     gui.SignalDelayedCallback(12);
     ASSERT_TRUE(deliveries.WaitFor(3));
     EXPECT_EQ(deliveries.Ticks(), (std::vector<std::uint32_t>{10, 11, 12}));
-    for (auto id : deliveries.threads) EXPECT_NE(id, std::this_thread::get_id());
+    for (auto id : deliveries.threads)
+        EXPECT_NE(id, std::this_thread::get_id());
     EXPECT_FALSE(gui.HasScheduledCallbacks());
 }
 

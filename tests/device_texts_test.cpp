@@ -23,7 +23,8 @@ TEST(DeviceTexts, ErrorNumbersHaveTheLibrarysOwnTexts) {
         {9, "MMSYSERR_BADERRNUM error value out of range"},
         {10, "MMSYSERR_INVALFLAG invalid flag passed"},
         {11, "MMSYSERR_INVALPARAM invalid parameter passed"},
-        {12, "MMSYSERR_HANDLEBUSY handle being used simultaneously on another thread (eg callback)"},
+        {12,
+         "MMSYSERR_HANDLEBUSY handle being used simultaneously on another thread (eg callback)"},
         {13, "MMSYSERR_INVALIDALIAS specified alias not found"},
         {14, "MMSYSERR_BADDB bad registry database"},
         {15, "MMSYSERR_KEYNOTFOUND registry key not found"},
@@ -96,8 +97,7 @@ TEST(DeviceTexts, DeviceSummaryAndPortNamesComeFromTheDevices) {
               0u);
     const UINT missing = midiOutGetNumDevs() + 5;
     EXPECT_EQ(GetMidiOutDeviceInformation(missing),
-              "Unable to retrieve device capabilities for midi device " +
-                  std::to_string(missing) +
+              "Unable to retrieve device capabilities for midi device " + std::to_string(missing) +
                   "\nError reported: MMSYSERR_BADDEVICEID device ID out of range\n");
 
     MidiOutputPortWin32 port(0);

@@ -15,9 +15,9 @@
 
 #include "interfaces/kit.h"
 #include "interfaces/notify.h"
+#include "manual_send_step.h"
 #include "midi/midi_output.h"
 #include "midi/velt_midi_error.h"
-#include "manual_send_step.h"
 #include "recording_midi_buffer.h"
 
 namespace {
@@ -29,7 +29,7 @@ struct SentBuffer {
 };
 
 class RecordingPorts : public MidiOutputPorts {
-public:
+  public:
     void SendMidiBuffer(MidiBuffer& buffer) override {
         auto& recording = dynamic_cast<RecordingMidiBuffer&>(buffer);
         SentBuffer sent{buffer.GetName(), buffer.GetTickIndex(), {}};
@@ -58,7 +58,7 @@ public:
         sent_.clear();
     }
 
-private:
+  private:
     std::mutex mutex_;
     std::vector<SentBuffer> sent_;
     std::vector<std::string> registered_;
@@ -66,7 +66,7 @@ private:
 
 // Only disarming matters to the output; the rest of the clock is not driven here.
 class FakeClock : public MidiClock {
-public:
+  public:
     void SetTicksPerClock(unsigned int) override {}
     void SetClocksPerClick(int, unsigned int) override {}
     void SetClockTime(double, unsigned int) override {}
@@ -83,7 +83,7 @@ public:
 };
 
 class TestOutput : public MidiOutput {
-public:
+  public:
     using MidiOutput::MidiOutput;
     ~TestOutput() override { ExitThreads(); }
     void CreateSynthOutput() override {}
@@ -92,7 +92,7 @@ public:
     MidiOutputPorts& GetPorts() override { return ports; }
     RecordingPorts ports;
 
-protected:
+  protected:
     std::shared_ptr<MidiBuffer> CreateBuffer(unsigned char portCount, unsigned short capacity,
                                              const std::string& name) override {
         return std::make_shared<RecordingMidiBuffer>(portCount, capacity, name);
@@ -124,8 +124,8 @@ struct Host {
             buffer.SetIsLastBuffer(true);
             return;
         }
-        buffer.AddEventToBuffer(0, velt_midi::VoiceEvent(period, 0x90, 0,
-                                                         static_cast<std::uint8_t>(period % 128), 1));
+        buffer.AddEventToBuffer(
+            0, velt_midi::VoiceEvent(period, 0x90, 0, static_cast<std::uint8_t>(period % 128), 1));
         buffer.SetHasData(true);
     }
     void Stopped() {
@@ -148,9 +148,8 @@ struct Host {
 
 std::unique_ptr<TestOutput> MakeOutput(Host& host, FakeClock& clock, unsigned char ports = 1) {
     auto output = std::make_unique<TestOutput>(
-        [&host](MidiBuffer& b) { host.Fill(b); }, [](unsigned int) {},
-        [&host] { host.Stopped(); }, [] {}, [](unsigned int) { return false; }, clock,
-        &host.clientMutex);
+        [&host](MidiBuffer& b) { host.Fill(b); }, [](unsigned int) {}, [&host] { host.Stopped(); },
+        [] {}, [](unsigned int) { return false; }, clock, &host.clientMutex);
     output->Initialize(ports);
     return output;
 }
@@ -165,14 +164,16 @@ using Sent = ManualSendResult;
 std::vector<unsigned int> MainTicks(const std::vector<SentBuffer>& sent) {
     std::vector<unsigned int> ticks;
     for (const auto& buffer : sent) {
-        if (buffer.name.rfind("Main Buffer", 0) == 0) ticks.push_back(buffer.tick);
+        if (buffer.name.rfind("Main Buffer", 0) == 0)
+            ticks.push_back(buffer.tick);
     }
     return ticks;
 }
 
 std::vector<unsigned int> Range(unsigned int from, unsigned int to) {
     std::vector<unsigned int> values;
-    for (unsigned int v = from; v < to; ++v) values.push_back(v);
+    for (unsigned int v = from; v < to; ++v)
+        values.push_back(v);
     return values;
 }
 
@@ -270,7 +271,8 @@ TEST(MidiOutput, DisarmStopsSendingAndFillingAndRePrimingContinuesFromTheSeek) {
                                            [&](void*) { ++disarmedNotifications; });
     Prime(*output);
     ASSERT_TRUE(output->ArmPlayback());
-    for (int i = 0; i < 10; ++i) ASSERT_EQ(SendOnePeriod(*output), Sent::buffer);
+    for (int i = 0; i < 10; ++i)
+        ASSERT_EQ(SendOnePeriod(*output), Sent::buffer);
 
     output->DisarmPlayback();
     EXPECT_EQ(clock.disarms.load(), 1);
@@ -288,7 +290,8 @@ TEST(MidiOutput, DisarmStopsSendingAndFillingAndRePrimingContinuesFromTheSeek) {
     output->ports.Clear();
     Prime(*output);
     ASSERT_TRUE(output->ArmPlayback());
-    for (int i = 0; i < 10; ++i) ASSERT_EQ(SendOnePeriod(*output), Sent::buffer);
+    for (int i = 0; i < 10; ++i)
+        ASSERT_EQ(SendOnePeriod(*output), Sent::buffer);
     EXPECT_EQ(MainTicks(output->ports.Sent()), Range(500, 510));
     notify::callbackDispatcher.RemoveCallbacksForTarget(&disarmedNotifications);
 }
@@ -322,7 +325,8 @@ TEST(MidiOutput, StopSignalsGivenWhileTheStoppedCallbackRunsAreAllDelivered) {
     Host host;
     FakeClock clock;
     auto output = MakeOutput(host, clock);
-    for (int i = 0; i < 5; ++i) output->SignalAsyncStoppedCallback();
+    for (int i = 0; i < 5; ++i)
+        output->SignalAsyncStoppedCallback();
     EXPECT_TRUE(host.WaitForStops(5));
 }
 
@@ -374,7 +378,8 @@ TEST(MidiOutput, IndicesWrapAndTimeCodeFailuresAreLoggedNotThrown) {
     Host host;
     FakeClock clock;
     auto output = MakeOutput(host, clock);
-    for (int i = 0; i < 3; ++i) output->IncrementFillBufferIndex();
+    for (int i = 0; i < 3; ++i)
+        output->IncrementFillBufferIndex();
     EXPECT_EQ(output->GetFillBufferIndex(), 3);
     output->IncrementFillBufferIndex();
     EXPECT_EQ(output->GetFillBufferIndex(), 0);
@@ -402,10 +407,13 @@ TEST(MidiOutput, ManyShortRunsShutDownCleanlyWhateverStateTheThreadsAreIn) {
         ASSERT_TRUE(output->ArmPlayback());
         int periods = run % 7;
         for (int i = 0; i < periods; ++i) {
-            if (SendOnePeriod(*output) != Sent::buffer) break;
+            if (SendOnePeriod(*output) != Sent::buffer)
+                break;
         }
-        if (run % 2 == 0) output->DisarmPlayback();
-        if (run % 5 == 0) output->PrepareForExit();
+        if (run % 2 == 0)
+            output->DisarmPlayback();
+        if (run % 5 == 0)
+            output->PrepareForExit();
         output->ExitThreads();  // queue thread parked, waiting for data or filling
         output->ExitThreads();  // a second call does nothing
         auto ticks = MainTicks(output->ports.Sent());

@@ -17,6 +17,7 @@
 #include <thread>
 #include <vector>
 
+#include "apps/song_player.h"
 #include "interfaces/kit.h"
 #include "midi/how_to_play.h"
 #include "midi/midi_stream_collection.h"
@@ -25,16 +26,15 @@
 #include "midi/win32/midi_output_win32.h"
 #include "midi/win32/standard_midi_clock_impl.h"
 #include "platform/virtual_midi.h"
-#include "apps/song_player.h"
 #include "velt_core/show_loader.h"
 #include "velt_core/song_builder.h"
 
 namespace {
 
 using namespace std::chrono_literals;
+using playback::FilledPeriod;
 using playback::Message;
 using playback::MessageOfWord;
-using playback::FilledPeriod;
 using Host = playback::SongPlayer<StandardMidiClockImpl>;
 
 // The first song of the example show, with its tempi ten times as fast so that it plays in a
@@ -53,7 +53,8 @@ std::vector<std::vector<Message>> Packets(const velt_platform::MidiOutputRecorde
     std::vector<std::vector<Message>> packets;
     std::uint64_t current = std::numeric_limits<std::uint64_t>::max();
     for (const auto& message : device.Messages()) {
-        if (!message.packet) continue;
+        if (!message.packet)
+            continue;
         if (*message.packet != current) {
             current = *message.packet;
             packets.emplace_back();
@@ -90,8 +91,10 @@ std::set<int> HeldNotes(const std::vector<Message>& messages) {
     for (const auto& m : messages) {
         const int kind = m[0] & 0xF0;
         const int key = ((m[0] & 0x0F) << 8) | m[1];
-        if (kind == 0x90 && m[2] > 0) held.insert(key);
-        if (kind == 0x80 || (kind == 0x90 && m[2] == 0)) held.erase(key);
+        if (kind == 0x90 && m[2] > 0)
+            held.insert(key);
+        if (kind == 0x80 || (kind == 0x90 && m[2] == 0))
+            held.erase(key);
     }
     return held;
 }
@@ -109,13 +112,15 @@ std::vector<Message> SongMessagesBefore(const velt_midi::SongData& song, std::ui
     std::stable_sort(timed.begin(), timed.end(),
                      [](const auto& a, const auto& b) { return a.first < b.first; });
     std::vector<Message> messages;
-    for (auto& [time, message] : timed) messages.push_back(message);
+    for (auto& [time, message] : timed)
+        messages.push_back(message);
     return messages;
 }
 
 std::vector<Message> Flatten(const std::vector<std::vector<Message>>& packets) {
     std::vector<Message> messages;
-    for (const auto& packet : packets) messages.insert(messages.end(), packet.begin(), packet.end());
+    for (const auto& packet : packets)
+        messages.insert(messages.end(), packet.begin(), packet.end());
     return messages;
 }
 
@@ -195,7 +200,8 @@ TEST(Playback, ACaesuraStopsAtItsTickAndASeekResumesWithTheChasedState) {
     // To the end of the song nothing is left sounding, even before the final panic.
     afterResume.pop_back();
     std::vector<Message> whole = Flatten(beforeStop);
-    for (const auto& packet : afterResume) whole.insert(whole.end(), packet.begin(), packet.end());
+    for (const auto& packet : afterResume)
+        whole.insert(whole.end(), packet.begin(), packet.end());
     EXPECT_TRUE(HeldNotes(whole).empty());
 }
 
@@ -220,7 +226,8 @@ TEST(Playback, APacketTheServiceNeverReturnsIsQuarantinedAndPlaybackGoesOn) {
         ASSERT_FALSE(packets.empty());
         packets.pop_back();
         // The lost packet was played all the same, and every later one followed it.
-        EXPECT_EQ(packets, ExpectedPackets(host.Filled(), std::numeric_limits<std::uint32_t>::max()));
+        EXPECT_EQ(packets,
+                  ExpectedPackets(host.Filled(), std::numeric_limits<std::uint32_t>::max()));
         EXPECT_GT(packets.size(), 4u);
     }  // closing the device warns about the packet still out
     kit::SetLogSink(previous);
@@ -232,8 +239,10 @@ TEST(Playback, APacketTheServiceNeverReturnsIsQuarantinedAndPlaybackGoesOn) {
                    line.compare(line.size() - suffix.size(), suffix.size(), suffix) == 0;
         });
     };
-    EXPECT_TRUE(has("midiStreamOutDone_ timed out without receiving a mom done message. Buffer Main "
-                    "Buffer ",
-                    " data buffer 0 will be quarantined."));
-    EXPECT_TRUE(has("WARNING: Main Buffer ", " has 1 quarantined data buffers after midiStreamStop."));
+    EXPECT_TRUE(
+        has("midiStreamOutDone_ timed out without receiving a mom done message. Buffer Main "
+            "Buffer ",
+            " data buffer 0 will be quarantined."));
+    EXPECT_TRUE(
+        has("WARNING: Main Buffer ", " has 1 quarantined data buffers after midiStreamStop."));
 }

@@ -60,8 +60,8 @@ TEST(DataBuffer, OneEventPastMaxEventsIsAcceptedBeforeTheBufferReportsFull) {
     EXPECT_EQ(buffer.GetMaxEvents(), 5461);
     for (int i = 0; i < 5462; ++i) {
         ASSERT_FALSE(buffer.GetBufferIsFull()) << i;
-        buffer.AddVoiceEvent(velt_midi::VoiceEvent(0, 0x90, 0, static_cast<std::uint8_t>(i % 128),
-                                                   1));
+        buffer.AddVoiceEvent(
+            velt_midi::VoiceEvent(0, 0x90, 0, static_cast<std::uint8_t>(i % 128), 1));
     }
     EXPECT_TRUE(buffer.GetBufferIsFull());
     // The 5462nd event sits in the storage's extra slot, intact.
@@ -98,7 +98,8 @@ TEST(DataBuffer, InUseHandshakeThrowsOnASecondSendAndWakesTheSender) {
 TEST(DataBuffer, HeadersArePreparedWithTheEventsLengthAndMovedBuffersKeepTheirHeader) {
     OpenStream stream;
     DataBuffer buffer(120, 0, "b");
-    for (int i = 0; i < 3; ++i) buffer.AddVoiceEvent(velt_midi::VoiceEvent(0, 0x90, 0, 60, 1));
+    for (int i = 0; i < 3; ++i)
+        buffer.AddVoiceEvent(velt_midi::VoiceEvent(0, 0x90, 0, 60, 1));
     buffer.PrepareHeader(stream.Handle());
     EXPECT_EQ(DWORD{buffer.GetMidiHeader()->dwBufferLength}, 36u);
     EXPECT_EQ(DWORD{buffer.GetMidiHeader()->dwBytesRecorded}, 36u);
@@ -117,11 +118,12 @@ TEST(DataBuffer, HeadersArePreparedWithTheEventsLengthAndMovedBuffersKeepTheirHe
         moved.UnprepareHeader(nullptr);
         FAIL() << "unpreparing with no handle must throw";
     } catch (const MidiImplementationError& error) {
-        EXPECT_EQ(std::string(error.what()).rfind(
-                      "midi/Sources/win32/data_buffer line 242: calling midiOutUnprepareHeader "
-                      "caused error 5, MMSYSERR_INVALHANDLE",
-                      0),
-                  0u)
+        EXPECT_EQ(
+            std::string(error.what())
+                .rfind("midi/Sources/win32/data_buffer line 242: calling midiOutUnprepareHeader "
+                       "caused error 5, MMSYSERR_INVALHANDLE",
+                       0),
+            0u)
             << error.what();
     }
 }

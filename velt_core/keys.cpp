@@ -13,7 +13,9 @@ const char* const majorNames[15] = {"Cb", "Gb", "Db", "Ab", "Eb", "Bb", "F", "C"
 const char* const minorNames[15] = {"Ab", "Eb", "Bb", "F",  "C",  "G",  "D", "A",
                                     "E",  "B",  "F#", "C#", "G#", "D#", "A#"};
 
-int Modulo12(int value) { return ((value % 12) + 12) % 12; }
+int Modulo12(int value) {
+    return ((value % 12) + 12) % 12;
+}
 
 // Pitch class of the tonic: a major key with s sharps is s fifths above C; its relative minor
 // lies a minor third below.

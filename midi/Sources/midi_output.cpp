@@ -281,11 +281,17 @@ void MidiOutput::DoFillMidiBufferCallback(MidiBuffer& buffer, bool first) {
     fillCallback_(buffer);
 }
 
-void MidiOutput::DoDownbeatCallback(unsigned int tickIndex) { downbeatCallback_(tickIndex); }
+void MidiOutput::DoDownbeatCallback(unsigned int tickIndex) {
+    downbeatCallback_(tickIndex);
+}
 
-void MidiOutput::DoStoppedCallback() { stoppedCallback_(); }
+void MidiOutput::DoStoppedCallback() {
+    stoppedCallback_();
+}
 
-void MidiOutput::DoClockIsActiveCallback() { clockIsActiveCallback_(); }
+void MidiOutput::DoClockIsActiveCallback() {
+    clockIsActiveCallback_();
+}
 
 bool MidiOutput::DoCheckCaesuraCallback(unsigned int tickIndex) {
     return caesuraCheckCallback_(tickIndex);
@@ -353,12 +359,16 @@ void MidiOutput::SendSpecialBuffer_(const std::shared_ptr<MidiBuffer>& buffer,
     }
 }
 
-void MidiOutput::AllNotesOff() { SendSpecialBuffer_(allNotesOffBuffer_, "MidiOutput::AllNotesOff"); }
+void MidiOutput::AllNotesOff() {
+    SendSpecialBuffer_(allNotesOffBuffer_, "MidiOutput::AllNotesOff");
+}
 
-void MidiOutput::AllCCsOff() { SendSpecialBuffer_(allCCsOffBuffer_, "MidiOutput::AllCCsOff"); }
+void MidiOutput::AllCCsOff() {
+    SendSpecialBuffer_(allCCsOffBuffer_, "MidiOutput::AllCCsOff");
+}
 
-void MidiOutput::InjectSingleEvent_(std::uint8_t status, std::uint16_t trackKey,
-                                    std::uint8_t data1, std::uint8_t data2) {
+void MidiOutput::InjectSingleEvent_(std::uint8_t status, std::uint16_t trackKey, std::uint8_t data1,
+                                    std::uint8_t data2) {
     std::scoped_lock lock(outputMutex_, oneShotBuffer_->GetMutex());
     try {
         oneShotBuffer_->Reset();

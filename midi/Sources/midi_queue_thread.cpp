@@ -62,7 +62,9 @@ void MidiQueueThread::Run() {
     }
 }
 
-void MidiQueueThread::Exit() { exitRequested_.exchange(true); }
+void MidiQueueThread::Exit() {
+    exitRequested_.exchange(true);
+}
 
 void MidiQueueThread::Join() {
     if (joined_.load()) {

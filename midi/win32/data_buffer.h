@@ -29,7 +29,7 @@
 /// Threads: the sender (the clock thread's send step) and the stream service's callback thread.
 /// Locks: the in-use mutex, around `inUse` only; the done condition pairs with it.
 class DataBuffer {
-public:
+  public:
     static constexpr std::size_t eventSize = 12;
     /// The event word of a callback event: MEVT_F_CALLBACK | MEVT_NOP.
     static constexpr DWORD callbackEventWord =
@@ -92,7 +92,7 @@ public:
     /// Returns whether it is free. Blocks.
     bool WaitForMidiStreamOutDone(int seconds);
 
-private:
+  private:
     void ResetHeader_();
 
     std::uint16_t capacityBytes_;

@@ -19,7 +19,7 @@
 /// One tick is delivered per timer wait, so ticks scheduled together reach the display one delay
 /// apart rather than all at once: pacing, not batching.
 class DelayedGui {
-public:
+  public:
     using Callback = std::function<void(std::uint32_t tickIndex)>;
 
     /// Creates the auto-reset timer "DelayedCallbackTimer" and starts the worker thread.
@@ -48,7 +48,7 @@ public:
 
     void RunLoop();
 
-private:
+  private:
     std::mutex stateMutex_;
     bool shouldRun_ = true;
     double secondsDelay_;

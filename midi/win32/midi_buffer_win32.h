@@ -17,7 +17,7 @@
 /// Threads and locks: as MidiBuffer; every operation below holds the buffer mutex, except
 /// GetDataBuffer. A port index at or beyond the port count throws std::out_of_range.
 class MidiBufferWin32 : public MidiBuffer {
-public:
+  public:
     MidiBufferWin32(unsigned char portCount, unsigned short dataBufferCapacity,
                     const std::string& name);
 
@@ -48,7 +48,7 @@ public:
     std::size_t GetQuarantinedDataBufferCount();
     void RetainDataBufferLock(unsigned char port);
 
-private:
+  private:
     std::shared_ptr<DataBuffer> MakeDataBuffer_(unsigned char port);
 
     std::vector<std::shared_ptr<DataBuffer>> dataBuffers_;

@@ -15,10 +15,9 @@ constexpr int unprepareHeaderLine = 242;
 
 void ThrowIfFailed(MMRESULT result, int line, const char* action) {
     if (result != MMSYSERR_NOERROR) {
-        throw MidiImplementationError(kit::format("%s line %d: %s caused error %d, %s.",
-                                                  dataBufferSource, line, action,
-                                                  static_cast<int>(result),
-                                                  GetMidiErrorAsString(result).c_str()));
+        throw MidiImplementationError(
+            kit::format("%s line %d: %s caused error %d, %s.", dataBufferSource, line, action,
+                        static_cast<int>(result), GetMidiErrorAsString(result).c_str()));
     }
 }
 
@@ -36,8 +35,7 @@ DWORD ReadDword(const std::uint8_t* at) {
 }
 }  // namespace
 
-DataBuffer::DataBuffer(std::uint16_t capacityBytes, std::uint8_t portIndex,
-                       const std::string& name)
+DataBuffer::DataBuffer(std::uint16_t capacityBytes, std::uint8_t portIndex, const std::string& name)
     : capacityBytes_(capacityBytes),
       maxEvents_(static_cast<std::uint16_t>(capacityBytes / eventSize)),
       storage_((static_cast<std::size_t>(capacityBytes / eventSize) + 1) * eventSize),
@@ -57,7 +55,9 @@ void DataBuffer::ResetHeader_() {
     header_.dwFlags = MHDR_ISSTRM;
 }
 
-DataBuffer::DataBuffer(DataBuffer&& other) noexcept { *this = std::move(other); }
+DataBuffer::DataBuffer(DataBuffer&& other) noexcept {
+    *this = std::move(other);
+}
 
 DataBuffer& DataBuffer::operator=(DataBuffer&& other) noexcept {
     if (this == &other) {
@@ -91,10 +91,10 @@ void DataBuffer::AddVoiceEvent(const velt_midi::VoiceEvent& event) {
                           << "\n  data1 = " << static_cast<int>(event.data1)
                           << "\n  data2 = " << static_cast<int>(event.data2) << kit::endl;
     }
-    std::uint8_t status = useChannel15_ ? static_cast<std::uint8_t>(event.status | 0x0F)
-                                        : event.status;
-    DWORD word = (static_cast<DWORD>(event.data2) << 16) | (static_cast<DWORD>(event.data1) << 8) |
-                 status;
+    std::uint8_t status =
+        useChannel15_ ? static_cast<std::uint8_t>(event.status | 0x0F) : event.status;
+    DWORD word =
+        (static_cast<DWORD>(event.data2) << 16) | (static_cast<DWORD>(event.data1) << 8) | status;
     AddCallbackEvent(word);
 }
 

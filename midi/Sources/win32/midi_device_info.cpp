@@ -23,7 +23,8 @@ std::string GetMidiErrorAsString(MMRESULT code) {
         {9, "MMSYSERR_BADERRNUM error value out of range"},
         {10, "MMSYSERR_INVALFLAG invalid flag passed"},
         {11, "MMSYSERR_INVALPARAM invalid parameter passed"},
-        {12, "MMSYSERR_HANDLEBUSY handle being used simultaneously on another thread (eg callback)"},
+        {12,
+         "MMSYSERR_HANDLEBUSY handle being used simultaneously on another thread (eg callback)"},
         {13, "MMSYSERR_INVALIDALIAS specified alias not found"},
         {14, "MMSYSERR_BADDB bad registry database"},
         {15, "MMSYSERR_KEYNOTFOUND registry key not found"},
@@ -109,13 +110,20 @@ std::string GetMidiOutErrorText(MMRESULT code) {
 
 std::string GetTechnologyAsString(const MIDIOUTCAPSW& capabilities) {
     switch (capabilities.wTechnology) {
-        case 1: return "MOD_MIDIPORT: MIDI hardware port.";
-        case 2: return "MOD_SYNTH: Synthesizer.";
-        case 3: return "MOD_SQSYNTH: Square wave synthesizer.";
-        case 4: return "MOD_FMSYNTH: FM synthesizer.";
-        case 5: return "MOD_MAPPER: Microsoft MIDI mapper.";
-        case 6: return "MOD_WAVETABLE: Hardware wavetable synthesizer.";
-        case 7: return "MOD_SWSYNTH: Software synthesizer.";
+        case 1:
+            return "MOD_MIDIPORT: MIDI hardware port.";
+        case 2:
+            return "MOD_SYNTH: Synthesizer.";
+        case 3:
+            return "MOD_SQSYNTH: Square wave synthesizer.";
+        case 4:
+            return "MOD_FMSYNTH: FM synthesizer.";
+        case 5:
+            return "MOD_MAPPER: Microsoft MIDI mapper.";
+        case 6:
+            return "MOD_WAVETABLE: Hardware wavetable synthesizer.";
+        case 7:
+            return "MOD_SWSYNTH: Software synthesizer.";
         default:
             return kit::format("Unknown wTechnology value: %d",
                                static_cast<int>(capabilities.wTechnology));

@@ -18,8 +18,8 @@ MidiOutputWin32::MidiOutputWin32(unsigned char portCount, FillCallback fill,
                                  ClockIsActiveCallback clockIsActive,
                                  CaesuraCheckCallback caesuraCheck, MidiClock& clock,
                                  std::recursive_mutex* clientMutex)
-    : MidiOutput(std::move(fill), std::move(downbeat), std::move(stopped),
-                 std::move(clockIsActive), std::move(caesuraCheck), clock, clientMutex),
+    : MidiOutput(std::move(fill), std::move(downbeat), std::move(stopped), std::move(clockIsActive),
+                 std::move(caesuraCheck), clock, clientMutex),
       ports_(portCount),
       delayedGui_([this](std::uint32_t tick) { DoDownbeatCallback(tick); }, initialGuiDelay) {
     clock.SetMidiClockCallback([this](double bpm) { ProcessMidiClock(bpm); });

@@ -7,8 +7,8 @@
 #include "midi/win32/win_synth.h"
 
 MidiOutputPortWin32::MidiOutputPortWin32(unsigned char portIndex) : MidiOutputPort(portIndex) {
-    isValid_ = midiOutGetDevCapsW(portIndex, &capabilities_, sizeof(MIDIOUTCAPSW)) ==
-               MMSYSERR_NOERROR;
+    isValid_ =
+        midiOutGetDevCapsW(portIndex, &capabilities_, sizeof(MIDIOUTCAPSW)) == MMSYSERR_NOERROR;
 }
 
 std::string MidiOutputPortWin32::GetDisplayName() {
@@ -100,4 +100,6 @@ std::unique_ptr<MidiOutputPortsWin32> CreateMidiPorts(unsigned char portCount) {
     return std::make_unique<MidiOutputPortsWin32>(portCount);
 }
 
-std::vector<std::shared_ptr<MidiPort>> GetMidiOutputPorts() { return {}; }
+std::vector<std::shared_ptr<MidiPort>> GetMidiOutputPorts() {
+    return {};
+}

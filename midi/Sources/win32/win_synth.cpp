@@ -16,9 +16,8 @@ constexpr int streamRestartLine = 231;
 constexpr int streamOutDoneSeconds = 3;
 
 [[noreturn]] void ThrowImplementationError(int line, const char* action, MMRESULT result) {
-    throw MidiImplementationError(kit::format("%s line %d: %s caused error %d, %s.",
-                                              winSynthSource, line, action,
-                                              static_cast<int>(result),
+    throw MidiImplementationError(kit::format("%s line %d: %s caused error %d, %s.", winSynthSource,
+                                              line, action, static_cast<int>(result),
                                               GetMidiErrorAsString(result).c_str()));
 }
 }  // namespace
@@ -32,8 +31,7 @@ WinSynth::WinSynth() {
         stream_ = nullptr;
         throw MidiDeviceUnavailable("CreateSynthOutput() error " +
                                     std::to_string(static_cast<int>(result)) + ", " +
-                                    GetMidiOutErrorText(result) + "\n" +
-                                    CreateMidiDeviceSummary());
+                                    GetMidiOutErrorText(result) + "\n" + CreateMidiDeviceSummary());
     }
 }
 
@@ -43,8 +41,8 @@ WinSynth::~WinSynth() {
     }
 }
 
-void CALLBACK WinSynth::CompletionCallback(HMIDIOUT, UINT message, DWORD_PTR,
-                                           DWORD_PTR parameter1, DWORD_PTR) {
+void CALLBACK WinSynth::CompletionCallback(HMIDIOUT, UINT message, DWORD_PTR, DWORD_PTR parameter1,
+                                           DWORD_PTR) {
     auto* header = reinterpret_cast<MIDIHDR*>(parameter1);
     if (header == nullptr || message != MOM_DONE) {
         return;
@@ -91,4 +89,6 @@ void WinSynth::Restart() {
     }
 }
 
-void WinSynth::Stop() { midiStreamStop(stream_); }
+void WinSynth::Stop() {
+    midiStreamStop(stream_);
+}
