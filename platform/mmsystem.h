@@ -9,7 +9,8 @@
 // Windows.
 #pragma once
 
-// clang-format off: the system headers must come in this order (windows.h first).
+// The system headers must come in this order (windows.h first).
+// clang-format off
 #ifdef _WIN32
 #ifndef NOMINMAX
 #define NOMINMAX
@@ -17,13 +18,13 @@
 #ifndef WIN32_LEAN_AND_MEAN
 #define WIN32_LEAN_AND_MEAN
 #endif
-#include <mmsystem.h>
 #include <windows.h>
+#include <mmsystem.h>
 #else
-#include "posix/kernel.h"
+#include "posix/win_types.h"
 #include "posix/mm_midi.h"
 #include "posix/mm_time.h"
-#include "posix/win_types.h"
+#include "posix/kernel.h"
 #endif
 // clang-format on
 
