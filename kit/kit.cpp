@@ -174,8 +174,16 @@ void NameOperatingSystemThread(const std::string& name) {
 #elif defined(__APPLE__)
     pthread_setname_np(name.c_str());
 #elif defined(_WIN32)
-    std::wstring wide(name.begin(), name.end());  // thread names are ASCII in this system
-    SetThreadDescription(GetCurrentThread(), wide.c_str());
+    // SetThreadDescription exists from Windows 10 1607 on; it is looked up at run time so that
+    // the library still loads on older systems (where threads simply stay unnamed).
+    using SetThreadDescriptionFunction = HRESULT(WINAPI*)(HANDLE, PCWSTR);
+    static const auto setThreadDescription = reinterpret_cast<SetThreadDescriptionFunction>(
+        reinterpret_cast<void*>(GetProcAddress(GetModuleHandleW(L"kernel32.dll"),
+                                               "SetThreadDescription")));
+    if (setThreadDescription != nullptr) {
+        std::wstring wide(name.begin(), name.end());  // thread names are ASCII in this system
+        setThreadDescription(GetCurrentThread(), wide.c_str());
+    }
 #else
     (void)name;
 #endif
