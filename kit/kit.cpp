@@ -8,7 +8,9 @@
 #if defined(__linux__) || defined(__APPLE__)
 #include <pthread.h>
 #elif defined(_WIN32)
+#ifndef NOMINMAX
 #define NOMINMAX
+#endif
 #include <windows.h>
 #endif
 #if __has_include(<execinfo.h>)
