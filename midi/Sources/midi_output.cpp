@@ -419,8 +419,8 @@ void MidiOutput::SetAllTracksCc_(const std::map<unsigned short, unsigned char>& 
                                   controller, value));
     }
     oneShotBuffer_->DoneAddingEventsToBuffer();
-    // The output mutex joins the buffer's through a pair acquisition, never nested.
-    bufferLock.unlock();
+    // The buffer's mutex stays held (it is recursive) so no other one-shot send can reset the
+    // buffer before it leaves; the pair acquisition keeps the output-with-buffer order safe.
     std::scoped_lock lock(outputMutex_, oneShotBuffer_->GetMutex());
     GetPorts().SendMidiBuffer(*oneShotBuffer_);
 }
