@@ -26,7 +26,9 @@ class MidiOutputWin32 : public MidiOutput {
                     StoppedCallback stopped, ClockIsActiveCallback clockIsActive,
                     CaesuraCheckCallback caesuraCheck, MidiClock& clock,
                     std::recursive_mutex* clientMutex);
-    /// Ends the threads, disconnects and closes the device.
+    /// Ends the threads, disconnects and closes the device. The clock calls into this object,
+    /// so destroy it only once the clock has stopped: PrepareForExit, then wait for the clock
+    /// (for instance StandardMidiClockImpl::WaitUntilStopped).
     ~MidiOutputWin32() override;
 
     /// Opens the stream device and connects the ports to it, replacing (and only then
