@@ -23,12 +23,11 @@ HMIDIIN OpenInput(const VirtualMidiInput& device, CallbackLog& log) {
 
 }  // namespace
 
-TEST(PlatformMidiInDevices, VirtualInputsAreListedInCreationOrderWith76ByteCaps) {
+TEST(PlatformMidiIn, DevicesAreListedInCreationOrderAndMessagesArriveInOrderOnTheServiceThread) {
     VirtualMidiInput first("VELT Out");
-    VirtualMidiInput second("Piano");
+    VirtualMidiInput device("Piano");
     ASSERT_EQ(first.DeviceId(), 0u);
-    ASSERT_EQ(second.DeviceId(), 1u);
-    ASSERT_GE(midiInGetNumDevs(), 2u);
+    ASSERT_EQ(device.DeviceId(), 1u);
     MIDIINCAPSW caps{};
     ASSERT_EQ(midiInGetDevCapsW(1, &caps, 76), MMSYSERR_NOERROR);
     EXPECT_EQ(std::u16string(caps.szPname), u"Piano");
@@ -38,12 +37,9 @@ TEST(PlatformMidiInDevices, VirtualInputsAreListedInCreationOrderWith76ByteCaps)
     EXPECT_EQ(midiInOpen(&input, midiInGetNumDevs(), 0, 0, CALLBACK_NULL), MMSYSERR_BADDEVICEID);
     EXPECT_EQ(midiInOpen(&input, 0, 0, 0, CALLBACK_EVENT), MMSYSERR_NOTSUPPORTED);
     EXPECT_EQ(midiInOpen(&input, 0, 0, 0, 0x1), MMSYSERR_INVALFLAG);
-}
 
-TEST(PlatformMidiIn, MessagesArePackedAndDeliveredInOrderOnTheServiceThread) {
-    VirtualMidiInput device("Piano");
     CallbackLog log;
-    HMIDIIN input = OpenInput(device, log);
+    input = OpenInput(device, log);
     ASSERT_EQ(log.Of(MIM_OPEN).size(), 1u);
     EXPECT_EQ(log.Of(MIM_OPEN)[0].thread, std::this_thread::get_id());
 

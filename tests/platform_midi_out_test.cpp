@@ -15,22 +15,74 @@
 
 using namespace platform_midi_test;
 using velt_platform::VirtualMidiOutput;
+using Bytes = std::vector<std::uint8_t>;
 
 namespace {
 
 constexpr DWORD kNopWithCallback = MEVT_F_CALLBACK | (static_cast<DWORD>(MEVT_NOP) << 24);
 
-HMIDISTRM OpenStream(UINT device, CallbackLog& log) {
-    HMIDISTRM stream = nullptr;
-    EXPECT_EQ(midiStreamOpen(&stream, &device, 1, CallbackLog::Function(), log.Instance(),
-                             CALLBACK_FUNCTION),
-              MMSYSERR_NOERROR);
-    return stream;
-}
-
 HMIDIOUT AsOut(HMIDISTRM stream) {
     return reinterpret_cast<HMIDIOUT>(stream);
 }
+
+LPMIDIHDR HeaderOf(const CallbackRecord& record) {
+    return reinterpret_cast<LPMIDIHDR>(record.param1);
+}
+
+Bytes ReadAndRemove(const std::filesystem::path& path) {
+    Bytes bytes;
+    {
+        std::ifstream in(path, std::ios::binary);
+        bytes.assign(std::istreambuf_iterator<char>(in), {});
+    }
+    std::filesystem::remove(path);
+    return bytes;
+}
+
+// A stream opened on a fresh virtual output, paused as after open; closed at the end of the test
+// unless the test closed it itself.
+class PlatformMidiStream : public ::testing::Test {
+  protected:
+    PlatformMidiStream() {
+        UINT device = *port.DeviceId();
+        EXPECT_EQ(midiStreamOpen(&stream, &device, 1, CallbackLog::Function(), log.Instance(),
+                                 CALLBACK_FUNCTION),
+                  MMSYSERR_NOERROR);
+    }
+    void TearDown() override {
+        if (!closed_) {
+            EXPECT_EQ(Close(), MMSYSERR_NOERROR);
+        }
+    }
+    MMRESULT Close() {
+        closed_ = true;
+        return midiStreamClose(stream);
+    }
+    MMRESULT Prepare(StreamPacket& packet) {
+        return midiOutPrepareHeader(AsOut(stream), packet.Header(), sizeof(MIDIHDR));
+    }
+    MMRESULT Unprepare(StreamPacket& packet) {
+        return midiOutUnprepareHeader(AsOut(stream), packet.Header(), sizeof(MIDIHDR));
+    }
+    MMRESULT Queue(StreamPacket& packet) {
+        return midiStreamOut(stream, packet.Header(), sizeof(MIDIHDR));
+    }
+    MMRESULT PrepareAndQueue(StreamPacket& packet) {
+        const MMRESULT prepared = Prepare(packet);
+        return prepared != MMSYSERR_NOERROR ? prepared : Queue(packet);
+    }
+    template <typename Value>
+    MMRESULT Property(Value& value, DWORD flags) {
+        return midiStreamProperty(stream, reinterpret_cast<LPBYTE>(&value), flags);
+    }
+
+    VirtualMidiOutput port{"VELT Out"};
+    CallbackLog log;
+    HMIDISTRM stream = nullptr;
+
+  private:
+    bool closed_ = false;
+};
 
 }  // namespace
 
@@ -51,43 +103,36 @@ TEST(PlatformMidiLayout, StructsHaveTheWindowsSizesAndOffsets) {
     EXPECT_EQ(kNopWithCallback, 0x42000000u);
 }
 
-TEST(PlatformMidiDevices, VirtualOutputsComeFirstInCreationOrderAndHideTheDefault) {
+TEST(PlatformMidiDevices, DefaultOutputIsListedOnlyAloneAndVirtualOutputsHideIt) {
+    bool listed = false;
+    for (UINT id = 0; id < midiOutGetNumDevs(); ++id) {
+        listed = listed || OutputName(id) == "Built-in Default Output";
+    }
+    MIDIOUTCAPSW caps{};
+    if (listed) {
+        EXPECT_EQ(midiOutGetNumDevs(), 1u);
+        ASSERT_EQ(midiOutGetDevCapsW(0, &caps, sizeof caps), MMSYSERR_NOERROR);
+        EXPECT_EQ(caps.wTechnology, MOD_SWSYNTH);
+    }
     VirtualMidiOutput first("VELT Out");
     VirtualMidiOutput second("IAC Driver VELT Bus 1");
-    ASSERT_EQ(first.DeviceId(), 0u);
+    ASSERT_EQ(first.DeviceId(), 0u);  // virtual outputs come first, in creation order
     ASSERT_EQ(second.DeviceId(), 1u);
     EXPECT_EQ(OutputName(0), "VELT Out");
     EXPECT_EQ(OutputName(1), "IAC Driver VELT Bus 1");
     for (UINT id = 0; id < midiOutGetNumDevs(); ++id) {
         EXPECT_NE(OutputName(id), "Built-in Default Output");
     }
-    MIDIOUTCAPSW caps{};
     EXPECT_EQ(midiOutGetDevCapsW(midiOutGetNumDevs(), &caps, sizeof caps), MMSYSERR_BADDEVICEID);
     EXPECT_EQ(midiOutGetDevCapsW(0, nullptr, sizeof caps), MMSYSERR_INVALPARAM);
-}
-
-TEST(PlatformMidiDevices, DefaultOutputIsListedOnlyAlone) {
-    const UINT count = midiOutGetNumDevs();
-    ASSERT_GE(count, 1u);
-    bool listed = false;
-    for (UINT id = 0; id < count; ++id) {
-        listed = listed || OutputName(id) == "Built-in Default Output";
-    }
-    if (listed) {
-        EXPECT_EQ(count, 1u);
-        MIDIOUTCAPSW caps{};
-        ASSERT_EQ(midiOutGetDevCapsW(0, &caps, sizeof caps), MMSYSERR_NOERROR);
-        EXPECT_EQ(caps.wTechnology, MOD_SWSYNTH);
-    }
 }
 
 TEST(PlatformMidiDevices, CapabilitiesCarryA16BitNameCutTo31UnitsAndHonourTheSize) {
     VirtualMidiOutput port("Stage Left \xC3\xA9 Port With A Rather Long Name");  // é in UTF-8
     MIDIOUTCAPSW caps{};
     ASSERT_EQ(midiOutGetDevCapsW(*port.DeviceId(), &caps, sizeof caps), MMSYSERR_NOERROR);
-    const std::u16string expected =
-        std::u16string(u"Stage Left \u00E9 Port With A Rather Long Name").substr(0, 31);
-    EXPECT_EQ(std::u16string(caps.szPname), expected);
+    EXPECT_EQ(std::u16string(caps.szPname),
+              std::u16string(u"Stage Left \u00E9 Port With A Rather Long Name").substr(0, 31));
     EXPECT_EQ(caps.szPname[11], u'\u00E9');
     EXPECT_EQ(caps.szPname[31], u'\0');
     EXPECT_EQ(caps.wTechnology, MOD_MIDIPORT);
@@ -118,29 +163,29 @@ TEST(PlatformMidiDevices, ErrorTextsFollowTheResultNumbers) {
 
 TEST(PlatformMidiOpen, FailureExclusivityAndBadIds) {
     VirtualMidiOutput port("VELT Out");
-    const UINT id = *port.DeviceId();
+    UINT device = *port.DeviceId();
     CallbackLog log;
     HMIDISTRM stream = reinterpret_cast<HMIDISTRM>(1);
-    UINT device = id;
+    const auto open = [&] {
+        return midiStreamOpen(&stream, &device, 1, CallbackLog::Function(), log.Instance(),
+                              CALLBACK_FUNCTION);
+    };
 
     port.FailOpen(MMSYSERR_NODRIVER);
-    EXPECT_EQ(midiStreamOpen(&stream, &device, 1, CallbackLog::Function(), log.Instance(),
-                             CALLBACK_FUNCTION),
-              MMSYSERR_NODRIVER);
+    EXPECT_EQ(open(), MMSYSERR_NODRIVER);
     EXPECT_EQ(stream, nullptr);
     EXPECT_TRUE(log.Records().empty());
     port.FailOpen(MMSYSERR_NOERROR);
 
-    stream = OpenStream(id, log);
-    ASSERT_NE(stream, nullptr);
+    ASSERT_EQ(open(), MMSYSERR_NOERROR);
     ASSERT_EQ(log.Of(MOM_OPEN).size(), 1u);  // made inside the call, on this thread
     EXPECT_EQ(log.Of(MOM_OPEN)[0].thread, std::this_thread::get_id());
     EXPECT_TRUE(port.IsOpen());
 
     HMIDIOUT second = nullptr;
-    EXPECT_EQ(midiOutOpen(&second, id, 0, 0, CALLBACK_NULL), MMSYSERR_ALLOCATED);
+    EXPECT_EQ(midiOutOpen(&second, device, 0, 0, CALLBACK_NULL), MMSYSERR_ALLOCATED);
     EXPECT_EQ(midiOutOpen(&second, midiOutGetNumDevs(), 0, 0, CALLBACK_NULL), MMSYSERR_BADDEVICEID);
-    EXPECT_EQ(midiOutOpen(&second, id, 0, 0, CALLBACK_WINDOW), MMSYSERR_NOTSUPPORTED);
+    EXPECT_EQ(midiOutOpen(&second, device, 0, 0, CALLBACK_WINDOW), MMSYSERR_NOTSUPPORTED);
     EXPECT_EQ(midiStreamOpen(reinterpret_cast<LPHMIDISTRM>(&second), &device, 2, 0, 0, 0),
               MMSYSERR_INVALPARAM);
 
@@ -151,284 +196,200 @@ TEST(PlatformMidiOpen, FailureExclusivityAndBadIds) {
     EXPECT_EQ(midiOutShortMsg(AsOut(stream), 0x90), MMSYSERR_INVALHANDLE);
 }
 
-TEST(PlatformMidiStream, HeadersMustBePreparedAndCannotBeQueuedTwice) {
-    VirtualMidiOutput port("VELT Out");
-    CallbackLog log;
-    HMIDISTRM stream = OpenStream(*port.DeviceId(), log);
-    StreamPacket packet;
-    packet.AddShort(0x90, 60, 100);
-
-    EXPECT_EQ(midiStreamOut(stream, packet.Header(), sizeof(MIDIHDR)), MIDIERR_UNPREPARED);
-    ASSERT_EQ(midiOutPrepareHeader(AsOut(stream), packet.Header(), sizeof(MIDIHDR)),
-              MMSYSERR_NOERROR);
+TEST_F(PlatformMidiStream, HeadersMustBePreparedAndQueuedOnceAndCloseHandsThemBackFirst) {
+    std::array<StreamPacket, 4> queued;
+    StreamPacket& packet = queued[0];
+    for (auto& each : queued) {
+        each.AddShort(0x90, 1, 1);
+    }
+    EXPECT_EQ(Queue(packet), MIDIERR_UNPREPARED);
+    ASSERT_EQ(Prepare(packet), MMSYSERR_NOERROR);
     EXPECT_EQ(packet.Header()->dwFlags, MHDR_PREPARED);
     // Preparing twice has no effect; the size must cover the header.
-    EXPECT_EQ(midiOutPrepareHeader(AsOut(stream), packet.Header(), sizeof(MIDIHDR)),
-              MMSYSERR_NOERROR);
+    EXPECT_EQ(Prepare(packet), MMSYSERR_NOERROR);
     EXPECT_EQ(midiStreamOut(stream, packet.Header(), sizeof(MIDIHDR) - 8), MMSYSERR_INVALPARAM);
 
-    // Paused since open, so the buffer stays queued.
-    ASSERT_EQ(midiStreamOut(stream, packet.Header(), sizeof(MIDIHDR)), MMSYSERR_NOERROR);
+    // Paused since open, so the buffers stay queued.
+    for (auto& each : queued) {
+        ASSERT_EQ(PrepareAndQueue(each), MMSYSERR_NOERROR);
+    }
     EXPECT_EQ(packet.Header()->dwFlags, MHDR_PREPARED | MHDR_INQUEUE | MHDR_ISSTRM);
-    EXPECT_EQ(midiStreamOut(stream, packet.Header(), sizeof(MIDIHDR)), MIDIERR_STILLPLAYING);
-    EXPECT_EQ(midiOutUnprepareHeader(AsOut(stream), packet.Header(), sizeof(MIDIHDR)),
-              MIDIERR_STILLPLAYING);
-    EXPECT_EQ(port.Messages().size(), 0u);
+    EXPECT_EQ(Queue(packet), MIDIERR_STILLPLAYING);
+    EXPECT_EQ(Unprepare(packet), MIDIERR_STILLPLAYING);
 
-    ASSERT_EQ(midiStreamClose(stream), MMSYSERR_NOERROR);
+    ASSERT_EQ(Close(), MMSYSERR_NOERROR);
     EXPECT_EQ(packet.Header()->dwFlags, MHDR_PREPARED | MHDR_DONE | MHDR_ISSTRM);
-}
-
-TEST(PlatformMidiStream, ManyPacketsPlayInOrderAndComeBackOnOneServiceThread) {
-    constexpr int kPackets = 300;
-    constexpr int kEventsPerPacket = 5;
-    VirtualMidiOutput port("VELT Out");
-    CallbackLog log;
-    HMIDISTRM stream = OpenStream(*port.DeviceId(), log);
-    std::vector<std::unique_ptr<StreamPacket>> packets;
-    for (int p = 0; p < kPackets; ++p) {
-        packets.push_back(std::make_unique<StreamPacket>());
-        for (int e = 0; e < kEventsPerPacket; ++e) {
-            packets.back()->AddShort(0xB0 | (p % 16), static_cast<BYTE>(e),
-                                     static_cast<BYTE>(p % 128));
-        }
-        packets.back()->Header()->dwUser = static_cast<DWORD_PTR>(p);
-        ASSERT_EQ(midiOutPrepareHeader(AsOut(stream), packets.back()->Header(), sizeof(MIDIHDR)),
-                  MMSYSERR_NOERROR);
-    }
-    const std::int64_t beforeRestart = SteadyNowNs();
-    ASSERT_EQ(midiStreamRestart(stream), MMSYSERR_NOERROR);
-    for (auto& packet : packets) {
-        ASSERT_EQ(midiStreamOut(stream, packet->Header(), sizeof(MIDIHDR)), MMSYSERR_NOERROR);
-    }
-    ASSERT_TRUE(log.WaitFor(MOM_DONE, kPackets));
-
-    const auto done = log.Of(MOM_DONE);
-    ASSERT_EQ(done.size(), static_cast<std::size_t>(kPackets));
-    for (int p = 0; p < kPackets; ++p) {
-        const auto* header = reinterpret_cast<LPMIDIHDR>(done[p].param1);
-        EXPECT_EQ(header->dwUser, static_cast<DWORD_PTR>(p));
-        EXPECT_EQ(header->dwFlags & (MHDR_DONE | MHDR_INQUEUE), MHDR_DONE);
-        EXPECT_NE(done[p].thread, std::this_thread::get_id());
-        EXPECT_EQ(done[p].thread, done[0].thread);
-        EXPECT_EQ(done[p].handle, stream);
-    }
-
-    const auto messages = port.Messages();
-    ASSERT_EQ(messages.size(), static_cast<std::size_t>(kPackets * kEventsPerPacket));
-    for (std::size_t i = 0; i < messages.size(); ++i) {
-        const int p = static_cast<int>(i) / kEventsPerPacket;
-        const int e = static_cast<int>(i) % kEventsPerPacket;
-        ASSERT_EQ(messages[i].packet, static_cast<std::uint64_t>(p));
-        ASSERT_EQ(messages[i].bytes,
-                  (std::vector<std::uint8_t>{static_cast<std::uint8_t>(0xB0 | (p % 16)),
-                                             static_cast<std::uint8_t>(e),
-                                             static_cast<std::uint8_t>(p % 128)}));
-        EXPECT_GE(messages[i].timestampNs, beforeRestart);
-        if (i > 0) {
-            EXPECT_GE(messages[i].timestampNs, messages[i - 1].timestampNs);
-        }
-    }
-    EXPECT_EQ(port.PacketCount(), static_cast<std::uint64_t>(kPackets));
-    for (auto& packet : packets) {
-        EXPECT_EQ(midiOutUnprepareHeader(AsOut(stream), packet->Header(), sizeof(MIDIHDR)),
-                  MMSYSERR_NOERROR);
-    }
-    EXPECT_EQ(midiStreamClose(stream), MMSYSERR_NOERROR);
-}
-
-TEST(PlatformMidiStream, StopReturnsQueuedBuffersInOrderAndReleasesSoundingNotes) {
-    VirtualMidiOutput port("VELT Out");
-    CallbackLog log;
-    HMIDISTRM stream = OpenStream(*port.DeviceId(), log);
-    StreamPacket noteOn;
-    noteOn.AddShort(0x91, 64, 90);
-    noteOn.AddShort(0x91, 67, 90);
-    noteOn.AddShort(0x81, 67, 0);
-    ASSERT_EQ(midiOutPrepareHeader(AsOut(stream), noteOn.Header(), sizeof(MIDIHDR)),
-              MMSYSERR_NOERROR);
-    ASSERT_EQ(midiStreamRestart(stream), MMSYSERR_NOERROR);
-    ASSERT_EQ(midiStreamOut(stream, noteOn.Header(), sizeof(MIDIHDR)), MMSYSERR_NOERROR);
-    ASSERT_TRUE(log.WaitFor(MOM_DONE, 1));
-
-    ASSERT_EQ(midiStreamPause(stream), MMSYSERR_NOERROR);
-    std::array<StreamPacket, 3> queued;
-    for (std::size_t i = 0; i < queued.size(); ++i) {
-        queued[i].AddShort(0x90, 1, 1);
-        queued[i].Header()->dwUser = i;
-        ASSERT_EQ(midiOutPrepareHeader(AsOut(stream), queued[i].Header(), sizeof(MIDIHDR)),
-                  MMSYSERR_NOERROR);
-        ASSERT_EQ(midiStreamOut(stream, queued[i].Header(), sizeof(MIDIHDR)), MMSYSERR_NOERROR);
-    }
-
-    ASSERT_EQ(midiStreamStop(stream), MMSYSERR_NOERROR);
-    // Every buffer is back before the call returns, in queue order, and can be unprepared.
-    const auto done = log.Of(MOM_DONE);
-    ASSERT_EQ(done.size(), 4u);
-    for (std::size_t i = 0; i < queued.size(); ++i) {
-        EXPECT_EQ(reinterpret_cast<LPMIDIHDR>(done[i + 1].param1), queued[i].Header());
-        EXPECT_NE(done[i + 1].thread, std::this_thread::get_id());
-        EXPECT_EQ(midiOutUnprepareHeader(AsOut(stream), queued[i].Header(), sizeof(MIDIHDR)),
-                  MMSYSERR_NOERROR);
-    }
-    // Played: two note-ons and one note-off; the stop turns off the one still sounding.
-    const auto messages = port.Messages();
-    ASSERT_EQ(messages.size(), 4u);
-    EXPECT_EQ(messages[3].bytes, (std::vector<std::uint8_t>{0x81, 64, 0x40}));
-    EXPECT_FALSE(messages[3].packet.has_value());
-
-    // Stopped until restarted: a new buffer plays only after midiStreamRestart.
-    ASSERT_EQ(midiOutPrepareHeader(AsOut(stream), queued[0].Header(), sizeof(MIDIHDR)),
-              MMSYSERR_NOERROR);
-    ASSERT_EQ(midiStreamOut(stream, queued[0].Header(), sizeof(MIDIHDR)), MMSYSERR_NOERROR);
-    const std::int64_t beforeRestart = SteadyNowNs();
-    ASSERT_EQ(midiStreamRestart(stream), MMSYSERR_NOERROR);
-    ASSERT_TRUE(port.WaitForMessages(5, kHangLimit));
-    EXPECT_GE(port.Messages()[4].timestampNs, beforeRestart);
-    EXPECT_EQ(midiStreamClose(stream), MMSYSERR_NOERROR);
-}
-
-TEST(PlatformMidiStream, CloseWithQueuedBuffersHandsThemBackBeforeClose) {
-    VirtualMidiOutput port("VELT Out");
-    CallbackLog log;
-    HMIDISTRM stream = OpenStream(*port.DeviceId(), log);
-    std::array<StreamPacket, 4> queued;
-    for (auto& packet : queued) {
-        packet.AddShort(0x90, 1, 1);
-        ASSERT_EQ(midiOutPrepareHeader(AsOut(stream), packet.Header(), sizeof(MIDIHDR)),
-                  MMSYSERR_NOERROR);
-        ASSERT_EQ(midiStreamOut(stream, packet.Header(), sizeof(MIDIHDR)), MMSYSERR_NOERROR);
-    }
-    ASSERT_EQ(midiStreamClose(stream), MMSYSERR_NOERROR);
     const auto records = log.Records();
     ASSERT_EQ(records.size(), 6u);  // open, four done, close
     EXPECT_EQ(records.front().message, static_cast<UINT>(MOM_OPEN));
     for (std::size_t i = 0; i < queued.size(); ++i) {
         EXPECT_EQ(records[i + 1].message, static_cast<UINT>(MOM_DONE));
-        EXPECT_EQ(reinterpret_cast<LPMIDIHDR>(records[i + 1].param1), queued[i].Header());
+        EXPECT_EQ(HeaderOf(records[i + 1]), queued[i].Header());
     }
     EXPECT_EQ(records.back().message, static_cast<UINT>(MOM_CLOSE));
     EXPECT_EQ(records.back().thread, std::this_thread::get_id());
     EXPECT_TRUE(port.Messages().empty());
 }
 
-TEST(PlatformMidiStream, LostCompletionsAreNeverHandedBack) {
-    VirtualMidiOutput port("VELT Out");
-    port.LoseCompletionOfPacket(1);
-    CallbackLog log;
-    HMIDISTRM stream = OpenStream(*port.DeviceId(), log);
-    std::array<StreamPacket, 5> packets;
+TEST_F(PlatformMidiStream, ManyPacketsPlayInOrderAndComeBackOnOneServiceThread) {
+    constexpr int kPackets = 300;
+    constexpr int kEventsPerPacket = 5;
+    const auto event = [](int p, int e) {
+        return Bytes{static_cast<std::uint8_t>(0xB0 | (p % 16)), static_cast<std::uint8_t>(e),
+                     static_cast<std::uint8_t>(p % 128)};
+    };
+    std::vector<std::unique_ptr<StreamPacket>> packets;
+    for (int p = 0; p < kPackets; ++p) {
+        packets.push_back(std::make_unique<StreamPacket>());
+        for (int e = 0; e < kEventsPerPacket; ++e) {
+            const Bytes bytes = event(p, e);
+            packets.back()->AddShort(bytes[0], bytes[1], bytes[2]);
+        }
+        packets.back()->Header()->dwUser = static_cast<DWORD_PTR>(p);
+        ASSERT_EQ(Prepare(*packets.back()), MMSYSERR_NOERROR);
+    }
+    const std::int64_t beforeRestart = SteadyNowNs();
     ASSERT_EQ(midiStreamRestart(stream), MMSYSERR_NOERROR);
-    port.LoseNextCompletions(0);
+    for (auto& packet : packets) {
+        ASSERT_EQ(Queue(*packet), MMSYSERR_NOERROR);
+    }
+    ASSERT_TRUE(log.WaitFor(MOM_DONE, kPackets));
+
+    const auto done = log.Of(MOM_DONE);
+    ASSERT_EQ(done.size(), static_cast<std::size_t>(kPackets));
+    for (int p = 0; p < kPackets; ++p) {
+        EXPECT_EQ(HeaderOf(done[p])->dwUser, static_cast<DWORD_PTR>(p));
+        EXPECT_EQ(HeaderOf(done[p])->dwFlags & (MHDR_DONE | MHDR_INQUEUE), MHDR_DONE);
+        EXPECT_NE(done[p].thread, std::this_thread::get_id());
+        EXPECT_EQ(done[p].thread, done[0].thread);
+        EXPECT_EQ(done[p].handle, stream);
+    }
+    const auto messages = port.Messages();
+    ASSERT_EQ(messages.size(), static_cast<std::size_t>(kPackets * kEventsPerPacket));
+    for (std::size_t i = 0; i < messages.size(); ++i) {
+        const int p = static_cast<int>(i) / kEventsPerPacket;
+        ASSERT_EQ(messages[i].packet, static_cast<std::uint64_t>(p));
+        ASSERT_EQ(messages[i].bytes, event(p, static_cast<int>(i) % kEventsPerPacket));
+        EXPECT_GE(messages[i].timestampNs, i > 0 ? messages[i - 1].timestampNs : beforeRestart);
+    }
+    EXPECT_EQ(port.PacketCount(), static_cast<std::uint64_t>(kPackets));
+    for (auto& packet : packets) {
+        EXPECT_EQ(Unprepare(*packet), MMSYSERR_NOERROR);
+    }
+}
+
+TEST_F(PlatformMidiStream, StopReturnsQueuedBuffersInOrderAndReleasesSoundingNotes) {
+    StreamPacket noteOn;
+    noteOn.AddShort(0x91, 64, 90);
+    noteOn.AddShort(0x91, 67, 90);
+    noteOn.AddShort(0x81, 67, 0);
+    ASSERT_EQ(Prepare(noteOn), MMSYSERR_NOERROR);
+    ASSERT_EQ(midiStreamRestart(stream), MMSYSERR_NOERROR);
+    ASSERT_EQ(Queue(noteOn), MMSYSERR_NOERROR);
+    ASSERT_TRUE(log.WaitFor(MOM_DONE, 1));
+
+    ASSERT_EQ(midiStreamPause(stream), MMSYSERR_NOERROR);
+    std::array<StreamPacket, 3> queued;
+    for (auto& packet : queued) {
+        packet.AddShort(0x90, 1, 1);
+        ASSERT_EQ(PrepareAndQueue(packet), MMSYSERR_NOERROR);
+    }
+    ASSERT_EQ(midiStreamStop(stream), MMSYSERR_NOERROR);
+    // Every buffer is back before the call returns, in queue order, and can be unprepared.
+    const auto done = log.Of(MOM_DONE);
+    ASSERT_EQ(done.size(), 4u);
+    for (std::size_t i = 0; i < queued.size(); ++i) {
+        EXPECT_EQ(HeaderOf(done[i + 1]), queued[i].Header());
+        EXPECT_NE(done[i + 1].thread, std::this_thread::get_id());
+        EXPECT_EQ(Unprepare(queued[i]), MMSYSERR_NOERROR);
+    }
+    // Played: two note-ons and one note-off; the stop turns off the one still sounding.
+    const auto messages = port.Messages();
+    ASSERT_EQ(messages.size(), 4u);
+    EXPECT_EQ(messages[3].bytes, (Bytes{0x81, 64, 0x40}));
+    EXPECT_FALSE(messages[3].packet.has_value());
+
+    // Stopped until restarted: a new buffer plays only after midiStreamRestart.
+    ASSERT_EQ(PrepareAndQueue(queued[0]), MMSYSERR_NOERROR);
+    const std::int64_t beforeRestart = SteadyNowNs();
+    ASSERT_EQ(midiStreamRestart(stream), MMSYSERR_NOERROR);
+    ASSERT_TRUE(port.WaitForMessages(5, kHangLimit));
+    EXPECT_GE(port.Messages()[4].timestampNs, beforeRestart);
+}
+
+TEST_F(PlatformMidiStream, LostCompletionsAreNeverHandedBackAndSlowOnesOnlyAtStop) {
+    port.LoseCompletionOfPacket(1);
+    std::array<StreamPacket, 6> packets;
+    ASSERT_EQ(midiStreamRestart(stream), MMSYSERR_NOERROR);
     for (std::size_t i = 0; i < packets.size(); ++i) {
         if (i == 3) {
             port.LoseNextCompletions(1);  // the fourth one too
+        } else if (i == 5) {
+            port.SetCompletionDelay(std::chrono::hours(1));
         }
         packets[i].AddShort(0x90, static_cast<BYTE>(i), 1);
-        ASSERT_EQ(midiOutPrepareHeader(AsOut(stream), packets[i].Header(), sizeof(MIDIHDR)),
-                  MMSYSERR_NOERROR);
-        ASSERT_EQ(midiStreamOut(stream, packets[i].Header(), sizeof(MIDIHDR)), MMSYSERR_NOERROR);
+        ASSERT_EQ(PrepareAndQueue(packets[i]), MMSYSERR_NOERROR);
     }
     ASSERT_TRUE(log.WaitFor(MOM_DONE, 3));
+    ASSERT_TRUE(port.WaitForMessages(6, kHangLimit));
     const auto done = log.Of(MOM_DONE);
     ASSERT_EQ(done.size(), 3u);
-    EXPECT_EQ(reinterpret_cast<LPMIDIHDR>(done[0].param1), packets[0].Header());
-    EXPECT_EQ(reinterpret_cast<LPMIDIHDR>(done[1].param1), packets[2].Header());
-    EXPECT_EQ(reinterpret_cast<LPMIDIHDR>(done[2].param1), packets[4].Header());
-    // The lost ones were played but keep their queued state for good.
-    EXPECT_EQ(port.Messages().size(), 5u);
+    EXPECT_EQ(HeaderOf(done[0]), packets[0].Header());
+    EXPECT_EQ(HeaderOf(done[1]), packets[2].Header());
+    EXPECT_EQ(HeaderOf(done[2]), packets[4].Header());
+    // The lost ones were played but keep their queued state for good; the slow one is held.
     EXPECT_EQ(packets[1].Header()->dwFlags & (MHDR_DONE | MHDR_INQUEUE), MHDR_INQUEUE);
-    EXPECT_EQ(midiOutUnprepareHeader(AsOut(stream), packets[1].Header(), sizeof(MIDIHDR)),
-              MIDIERR_STILLPLAYING);
+    EXPECT_EQ(Unprepare(packets[1]), MIDIERR_STILLPLAYING);
+    EXPECT_NE(packets[5].Header()->dwFlags & MHDR_INQUEUE, 0u);
     ASSERT_EQ(midiStreamStop(stream), MMSYSERR_NOERROR);
-    EXPECT_EQ(log.Of(MOM_DONE).size(), 3u);
-    EXPECT_EQ(midiStreamClose(stream), MMSYSERR_NOERROR);
+    const auto afterStop = log.Of(MOM_DONE);
+    ASSERT_EQ(afterStop.size(), 4u);
+    EXPECT_EQ(HeaderOf(afterStop[3]), packets[5].Header());
 }
 
-TEST(PlatformMidiStream, SlowCompletionHoldsTheBufferUntilStopped) {
-    VirtualMidiOutput port("VELT Out");
-    port.SetCompletionDelay(std::chrono::hours(1));
-    CallbackLog log;
-    HMIDISTRM stream = OpenStream(*port.DeviceId(), log);
-    StreamPacket packet;
-    packet.AddShort(0x90, 60, 1);
-    ASSERT_EQ(midiOutPrepareHeader(AsOut(stream), packet.Header(), sizeof(MIDIHDR)),
-              MMSYSERR_NOERROR);
-    ASSERT_EQ(midiStreamRestart(stream), MMSYSERR_NOERROR);
-    ASSERT_EQ(midiStreamOut(stream, packet.Header(), sizeof(MIDIHDR)), MMSYSERR_NOERROR);
-    ASSERT_TRUE(port.WaitForMessages(1, kHangLimit));
-    EXPECT_TRUE(log.Of(MOM_DONE).empty());
-    EXPECT_NE(packet.Header()->dwFlags & MHDR_INQUEUE, 0u);
-    ASSERT_EQ(midiStreamStop(stream), MMSYSERR_NOERROR);
-    EXPECT_EQ(log.Of(MOM_DONE).size(), 1u);
-    EXPECT_EQ(midiStreamClose(stream), MMSYSERR_NOERROR);
-}
-
-TEST(PlatformMidiStream, PositionCallbackComesAfterItsEventAndBeforeDone) {
-    VirtualMidiOutput port("VELT Out");
-    CallbackLog log;
-    HMIDISTRM stream = OpenStream(*port.DeviceId(), log);
+TEST_F(PlatformMidiStream, PositionCallbackComesAfterItsEventAndBeforeDone) {
     StreamPacket packet;
     packet.AddShort(0x90, 60, 100);
     packet.AddShort(0x90, 62, 100);
     packet.Add(0, kNopWithCallback);
-    ASSERT_EQ(midiOutPrepareHeader(AsOut(stream), packet.Header(), sizeof(MIDIHDR)),
-              MMSYSERR_NOERROR);
+    ASSERT_EQ(Prepare(packet), MMSYSERR_NOERROR);
     ASSERT_EQ(midiStreamRestart(stream), MMSYSERR_NOERROR);
-    ASSERT_EQ(midiStreamOut(stream, packet.Header(), sizeof(MIDIHDR)), MMSYSERR_NOERROR);
+    ASSERT_EQ(Queue(packet), MMSYSERR_NOERROR);
     ASSERT_TRUE(log.WaitFor(MOM_DONE, 1));
     const auto records = log.Records();
     ASSERT_EQ(records.size(), 3u);
     EXPECT_EQ(records[1].message, static_cast<UINT>(MOM_POSITIONCB));
-    EXPECT_EQ(reinterpret_cast<LPMIDIHDR>(records[1].param1), packet.Header());
+    EXPECT_EQ(HeaderOf(records[1]), packet.Header());
     EXPECT_EQ(packet.Header()->dwOffset, 24u);
     EXPECT_EQ(records[2].message, static_cast<UINT>(MOM_DONE));
     EXPECT_EQ(port.Messages().size(), 2u);  // the NOP sends nothing
-    EXPECT_EQ(midiStreamClose(stream), MMSYSERR_NOERROR);
 }
 
-TEST(PlatformMidiStream, DeltaTimesAndTempoAreHonouredNeverEarly) {
-    VirtualMidiOutput port("VELT Out");
-    CallbackLog log;
-    HMIDISTRM stream = OpenStream(*port.DeviceId(), log);
-
+TEST_F(PlatformMidiStream, DeltaTimesAndTempoAreHonouredNeverEarly) {
     MIDIPROPTIMEDIV division{sizeof division, 0};
-    ASSERT_EQ(midiStreamProperty(stream, reinterpret_cast<LPBYTE>(&division),
-                                 MIDIPROP_GET | MIDIPROP_TIMEDIV),
-              MMSYSERR_NOERROR);
-    EXPECT_EQ(division.dwTimeDiv, 96u);
     MIDIPROPTEMPO tempo{sizeof tempo, 0};
-    ASSERT_EQ(
-        midiStreamProperty(stream, reinterpret_cast<LPBYTE>(&tempo), MIDIPROP_GET | MIDIPROP_TEMPO),
-        MMSYSERR_NOERROR);
+    ASSERT_EQ(Property(division, MIDIPROP_GET | MIDIPROP_TIMEDIV), MMSYSERR_NOERROR);
+    EXPECT_EQ(division.dwTimeDiv, 96u);
+    ASSERT_EQ(Property(tempo, MIDIPROP_GET | MIDIPROP_TEMPO), MMSYSERR_NOERROR);
     EXPECT_EQ(tempo.dwTempo, 500000u);
     division.dwTimeDiv = 100;
-    ASSERT_EQ(midiStreamProperty(stream, reinterpret_cast<LPBYTE>(&division),
-                                 MIDIPROP_SET | MIDIPROP_TIMEDIV),
-              MMSYSERR_NOERROR);
+    ASSERT_EQ(Property(division, MIDIPROP_SET | MIDIPROP_TIMEDIV), MMSYSERR_NOERROR);
     tempo.dwTempo = 100000;  // 1 ms per tick
-    ASSERT_EQ(
-        midiStreamProperty(stream, reinterpret_cast<LPBYTE>(&tempo), MIDIPROP_SET | MIDIPROP_TEMPO),
-        MMSYSERR_NOERROR);
-    EXPECT_EQ(midiStreamProperty(stream, reinterpret_cast<LPBYTE>(&tempo), MIDIPROP_TEMPO),
-              MMSYSERR_INVALPARAM);
-    EXPECT_EQ(midiStreamProperty(stream, reinterpret_cast<LPBYTE>(&tempo), MIDIPROP_GET | 4),
-              MMSYSERR_INVALFLAG);
+    ASSERT_EQ(Property(tempo, MIDIPROP_SET | MIDIPROP_TEMPO), MMSYSERR_NOERROR);
+    EXPECT_EQ(Property(tempo, MIDIPROP_TEMPO), MMSYSERR_INVALPARAM);
+    EXPECT_EQ(Property(tempo, MIDIPROP_GET | 4), MMSYSERR_INVALFLAG);
 
     StreamPacket packet;
     packet.AddShort(0x90, 60, 100);
     packet.AddShort(0x80, 60, 0, 20);                                // 20 ms later
     packet.Add(0, (static_cast<DWORD>(MEVT_TEMPO) << 24) | 200000);  // now 2 ms per tick
     packet.AddShort(0x90, 62, 100, 10);                              // 20 ms later
-    ASSERT_EQ(midiOutPrepareHeader(AsOut(stream), packet.Header(), sizeof(MIDIHDR)),
-              MMSYSERR_NOERROR);
+    ASSERT_EQ(Prepare(packet), MMSYSERR_NOERROR);
     const std::int64_t beforeRestart = SteadyNowNs();
     ASSERT_EQ(midiStreamRestart(stream), MMSYSERR_NOERROR);
     // The division can only change while stopped.
-    EXPECT_EQ(midiStreamProperty(stream, reinterpret_cast<LPBYTE>(&division),
-                                 MIDIPROP_SET | MIDIPROP_TIMEDIV),
-              MMSYSERR_INVALPARAM);
-    ASSERT_EQ(midiStreamOut(stream, packet.Header(), sizeof(MIDIHDR)), MMSYSERR_NOERROR);
+    EXPECT_EQ(Property(division, MIDIPROP_SET | MIDIPROP_TIMEDIV), MMSYSERR_INVALPARAM);
+    ASSERT_EQ(Queue(packet), MMSYSERR_NOERROR);
     ASSERT_TRUE(log.WaitFor(MOM_DONE, 1));
     const auto messages = port.Messages();
     ASSERT_EQ(messages.size(), 3u);
@@ -436,10 +397,9 @@ TEST(PlatformMidiStream, DeltaTimesAndTempoAreHonouredNeverEarly) {
     // never early.
     EXPECT_GE(messages[1].timestampNs - beforeRestart, 20'000'000);
     EXPECT_GE(messages[2].timestampNs - beforeRestart, 40'000'000);
-    EXPECT_EQ(midiStreamClose(stream), MMSYSERR_NOERROR);
 }
 
-TEST(PlatformMidiStream, CallbackMayQueueTheNextBufferButNotCloseItsHandle) {
+TEST(PlatformMidiStreamCallback, MayQueueTheNextBufferButNotCloseItsHandle) {
     struct Chain {
         HMIDISTRM stream = nullptr;
         StreamPacket packets[2];
@@ -486,14 +446,19 @@ TEST(PlatformMidiPlain, ShortMessagesUseRunningStatusAndLongOnesComeBackDone) {
                           CALLBACK_FUNCTION),
               MMSYSERR_NOERROR);
     EXPECT_EQ(midiOutShortMsg(out, 0x00003C), MMSYSERR_INVALPARAM);  // no status to run on
-    ASSERT_EQ(midiOutShortMsg(out, 0x643C90), MMSYSERR_NOERROR);
-    ASSERT_EQ(midiOutShortMsg(out, 0x00403E), MMSYSERR_NOERROR);  // running status 0x90
-    ASSERT_EQ(midiOutShortMsg(out, 0x0000F8), MMSYSERR_NOERROR);  // real-time keeps it
-    ASSERT_EQ(midiOutShortMsg(out, 0x000540), MMSYSERR_NOERROR);
-    ASSERT_EQ(midiOutShortMsg(out, 0x0007C2), MMSYSERR_NOERROR);  // program change: 2 bytes
+    const std::vector<std::pair<DWORD, Bytes>> shorts{
+        {0x643C90, {0x90, 0x3C, 0x64}},
+        {0x00403E, {0x90, 0x3E, 0x40}},  // running status 0x90
+        {0x0000F8, {0xF8}},              // real-time keeps it
+        {0x000540, {0x90, 0x40, 0x05}},
+        {0x0007C2, {0xC2, 0x07}},  // program change: 2 bytes
+    };
+    for (const auto& [word, bytes] : shorts) {
+        ASSERT_EQ(midiOutShortMsg(out, word), MMSYSERR_NOERROR);
+    }
     EXPECT_EQ(midiOutShortMsg(out, 0x0000F0), MMSYSERR_INVALPARAM);
 
-    std::vector<BYTE> sysex{0xF0, 0x7F, 0x7F, 0x02, 0x01, 0x01, 0xF7};
+    Bytes sysex{0xF0, 0x7F, 0x7F, 0x02, 0x01, 0x01, 0xF7};
     MIDIHDR header{};
     header.lpData = reinterpret_cast<LPSTR>(sysex.data());
     header.dwBufferLength = static_cast<DWORD>(sysex.size());
@@ -505,11 +470,9 @@ TEST(PlatformMidiPlain, ShortMessagesUseRunningStatusAndLongOnesComeBackDone) {
 
     const auto messages = port.Messages();
     ASSERT_EQ(messages.size(), 6u);
-    EXPECT_EQ(messages[0].bytes, (std::vector<std::uint8_t>{0x90, 0x3C, 0x64}));
-    EXPECT_EQ(messages[1].bytes, (std::vector<std::uint8_t>{0x90, 0x3E, 0x40}));
-    EXPECT_EQ(messages[2].bytes, (std::vector<std::uint8_t>{0xF8}));
-    EXPECT_EQ(messages[3].bytes, (std::vector<std::uint8_t>{0x90, 0x40, 0x05}));
-    EXPECT_EQ(messages[4].bytes, (std::vector<std::uint8_t>{0xC2, 0x07}));
+    for (std::size_t i = 0; i < shorts.size(); ++i) {
+        EXPECT_EQ(messages[i].bytes, shorts[i].second) << "message " << i;
+    }
     EXPECT_EQ(messages[5].bytes, sysex);
     EXPECT_FALSE(messages[0].packet.has_value());
 
@@ -517,8 +480,8 @@ TEST(PlatformMidiPlain, ShortMessagesUseRunningStatusAndLongOnesComeBackDone) {
     ASSERT_EQ(midiOutReset(out), MMSYSERR_NOERROR);
     const auto afterReset = port.Messages();
     ASSERT_EQ(afterReset.size(), 6u + 3u + 16u);
-    EXPECT_EQ(afterReset[6].bytes, (std::vector<std::uint8_t>{0x80, 0x3C, 0x40}));
-    EXPECT_EQ(afterReset[24].bytes, (std::vector<std::uint8_t>{0xBF, 123, 0}));
+    EXPECT_EQ(afterReset[6].bytes, (Bytes{0x80, 0x3C, 0x40}));
+    EXPECT_EQ(afterReset[24].bytes, (Bytes{0xBF, 123, 0}));
     EXPECT_EQ(midiOutUnprepareHeader(out, &header, sizeof header), MMSYSERR_NOERROR);
     EXPECT_EQ(midiOutClose(out), MMSYSERR_NOERROR);
 }
@@ -581,17 +544,14 @@ TEST(PlatformMidiFile, WritesFormatZeroWithMillisecondTicks) {
     };
     const auto path = std::filesystem::temp_directory_path() / "velt_platform_midi_file_test.mid";
     velt_platform::WriteStandardMidiFile(path, messages, start);
-    std::ifstream in(path, std::ios::binary);
-    const std::vector<std::uint8_t> bytes{std::istreambuf_iterator<char>(in), {}};
-    std::filesystem::remove(path);
-    const std::vector<std::uint8_t> expected{
+    const Bytes expected{
         'M',  'T',  'h',  'd',  0,    0,    0,    6,    0,    0,
         0,    1,    0x03, 0xE8,  // format 0, 1 track, 1000 per quarter
         'M',  'T',  'r',  'k',  0,    0,    0,    26,   0x00, 0xFF,
         0x51, 0x03, 0x0F, 0x42, 0x40,                        // 1000000 us per quarter
         0x01, 0x90, 60,   100,  0x81, 0x48, 0x80, 60,   64,  // delta 200 as a two-byte quantity
         0x00, 0xF0, 0x03, 0x7E, 0x7F, 0xF7, 0x00, 0xFF, 0x2F, 0x00};
-    EXPECT_EQ(bytes, expected);
+    EXPECT_EQ(ReadAndRemove(path), expected);
 }
 
 TEST(PlatformMidiFile, DefaultOutputWritesWhatItReceivedOnClose) {
@@ -605,12 +565,9 @@ TEST(PlatformMidiFile, DefaultOutputWritesWhatItReceivedOnClose) {
     ASSERT_EQ(midiOutShortMsg(out, 0x7F4391), MMSYSERR_NOERROR);
     ASSERT_EQ(midiOutClose(out), MMSYSERR_NOERROR);
     velt_platform::SetDefaultOutputMidiFile({});
-    EXPECT_EQ(velt_platform::DefaultMidiOutput().Messages().back().bytes,
-              (std::vector<std::uint8_t>{0x91, 0x43, 0x7F}));
-    std::ifstream in(path, std::ios::binary);
-    const std::vector<std::uint8_t> bytes{std::istreambuf_iterator<char>(in), {}};
-    std::filesystem::remove(path);
+    const Bytes note{0x91, 0x43, 0x7F};
+    EXPECT_EQ(velt_platform::DefaultMidiOutput().Messages().back().bytes, note);
+    const Bytes bytes = ReadAndRemove(path);
     ASSERT_EQ(bytes.size(), 14u + 8u + 7u + 4u + 4u);
-    EXPECT_EQ((std::vector<std::uint8_t>(bytes.end() - 7, bytes.end() - 4)),
-              (std::vector<std::uint8_t>{0x91, 0x43, 0x7F}));
+    EXPECT_EQ(Bytes(bytes.end() - 7, bytes.end() - 4), note);
 }

@@ -2,9 +2,11 @@
 // stream buffers built the way the engine builds them.
 #pragma once
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <cstring>
+#include <iterator>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -49,11 +51,9 @@ class CallbackLog {
 
     std::vector<CallbackRecord> Of(UINT message) const {
         std::vector<CallbackRecord> found;
-        for (const auto& record : Records()) {
-            if (record.message == message) {
-                found.push_back(record);
-            }
-        }
+        std::ranges::copy_if(
+            Records(), std::back_inserter(found),
+            [&](const CallbackRecord& record) { return record.message == message; });
         return found;
     }
 
@@ -61,11 +61,8 @@ class CallbackLog {
     bool WaitFor(UINT message, std::size_t count) const {
         std::unique_lock lock(mutex_);
         return changed_.wait_for(lock, kHangLimit, [&] {
-            std::size_t seen = 0;
-            for (const auto& record : records_) {
-                seen += record.message == message ? 1 : 0;
-            }
-            return seen >= count;
+            return std::ranges::count(records_, message, &CallbackRecord::message) >=
+                   static_cast<std::ptrdiff_t>(count);
         });
     }
 

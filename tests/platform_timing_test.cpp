@@ -18,20 +18,26 @@
 
 namespace {
 
-// Counts callbacks of one timer event and lets the test wait for a number of them.
+// Counts callbacks of one timer event and lets the test wait for a number of them. Optionally
+// kills the event from inside its own callback, or arms the next one-shot from it as the clock
+// does.
 struct CallbackCounter {
     std::mutex mutex;
     std::condition_variable changed;
     int calls = 0;
     UINT killAtCall = 0;  // kill the event from inside its own callback at this call (0: never)
     MMRESULT killResult = ~0u;
+    int chainLength = 0;  // one-shots armed from callbacks until this many calls were made
     std::vector<UINT> ids;
+    std::vector<UINT> armed;
 
     static void CALLBACK Callback(UINT id, UINT, DWORD_PTR user, DWORD_PTR, DWORD_PTR) {
         auto* self = reinterpret_cast<CallbackCounter*>(user);
         std::unique_lock lock(self->mutex);
-        ++self->calls;
         self->ids.push_back(id);
+        if (++self->calls < self->chainLength) {
+            self->armed.push_back(self->Start(1, TIME_ONESHOT));
+        }
         if (self->killAtCall != 0 && static_cast<UINT>(self->calls) == self->killAtCall) {
             lock.unlock();
             const MMRESULT result = timeKillEvent(id);
@@ -41,6 +47,9 @@ struct CallbackCounter {
         self->changed.notify_all();
     }
 
+    UINT Start(UINT delayMs, UINT flags) {
+        return timeSetEvent(delayMs, 0, &Callback, reinterpret_cast<DWORD_PTR>(this), flags);
+    }
     bool WaitForCalls(int count) {
         std::unique_lock lock(mutex);
         return changed.wait_for(lock, std::chrono::seconds(10), [&] { return calls >= count; });
@@ -55,16 +64,13 @@ struct CallbackCounter {
 // every callback due before it has returned.
 void DrainTimerThread() {
     CallbackCounter barrier;
-    ASSERT_NE(timeSetEvent(5, 0, &CallbackCounter::Callback, reinterpret_cast<DWORD_PTR>(&barrier),
-                           TIME_ONESHOT),
-              0u);
+    ASSERT_NE(barrier.Start(5, TIME_ONESHOT), 0u);
     ASSERT_TRUE(barrier.WaitForCalls(1));
 }
 
 TEST(MultimediaTimer, OneShotFiresOnceAndThenNoLongerExists) {
     CallbackCounter counter;
-    const UINT id = timeSetEvent(1, 0, &CallbackCounter::Callback,
-                                 reinterpret_cast<DWORD_PTR>(&counter), TIME_ONESHOT);
+    const UINT id = counter.Start(1, TIME_ONESHOT);
     ASSERT_NE(id, 0u);
     ASSERT_TRUE(counter.WaitForCalls(1));
     DrainTimerThread();
@@ -75,9 +81,7 @@ TEST(MultimediaTimer, OneShotFiresOnceAndThenNoLongerExists) {
 
 TEST(MultimediaTimer, PeriodicFiresUntilKilledAndNeverAfterTheKillReturns) {
     CallbackCounter counter;
-    const UINT id =
-        timeSetEvent(1, 0, &CallbackCounter::Callback, reinterpret_cast<DWORD_PTR>(&counter),
-                     TIME_PERIODIC | TIME_KILL_SYNCHRONOUS);
+    const UINT id = counter.Start(1, TIME_PERIODIC | TIME_KILL_SYNCHRONOUS);
     ASSERT_NE(id, 0u);
     ASSERT_TRUE(counter.WaitForCalls(5));
     EXPECT_EQ(timeKillEvent(id), static_cast<MMRESULT>(TIMERR_NOERROR));
@@ -85,61 +89,39 @@ TEST(MultimediaTimer, PeriodicFiresUntilKilledAndNeverAfterTheKillReturns) {
     DrainTimerThread();
     EXPECT_EQ(counter.Calls(), callsAtKill);
     EXPECT_EQ(timeKillEvent(id), static_cast<MMRESULT>(MMSYSERR_INVALPARAM));
-}
 
-TEST(MultimediaTimer, APeriodicEventMayKillItselfFromItsCallback) {
-    CallbackCounter counter;
-    counter.killAtCall = 3;
-    ASSERT_NE(timeSetEvent(1, 0, &CallbackCounter::Callback, reinterpret_cast<DWORD_PTR>(&counter),
-                           TIME_PERIODIC),
-              0u);
-    ASSERT_TRUE(counter.WaitForCalls(3));
+    // A periodic event may also kill itself from its own callback.
+    CallbackCounter self;
+    self.killAtCall = 3;
+    ASSERT_NE(self.Start(1, TIME_PERIODIC), 0u);
+    ASSERT_TRUE(self.WaitForCalls(3));
     DrainTimerThread();
-    EXPECT_EQ(counter.Calls(), 3);
-    EXPECT_EQ(counter.killResult, static_cast<MMRESULT>(TIMERR_NOERROR));
+    EXPECT_EQ(self.Calls(), 3);
+    EXPECT_EQ(self.killResult, static_cast<MMRESULT>(TIMERR_NOERROR));
 }
-
-// A chain of one-shot timers, each armed from the previous one's callback, as the clock does.
-struct Chain {
-    std::mutex mutex;
-    std::condition_variable done;
-    int remaining = 5;
-    std::vector<UINT> ids;
-
-    static void CALLBACK Callback(UINT id, UINT, DWORD_PTR user, DWORD_PTR, DWORD_PTR) {
-        auto* self = reinterpret_cast<Chain*>(user);
-        std::scoped_lock lock(self->mutex);
-        self->ids.push_back(id);
-        if (--self->remaining > 0) {
-            self->ids.push_back(timeSetEvent(1, 0, &Chain::Callback, user, TIME_ONESHOT));
-        }
-        self->done.notify_all();
-    }
-};
 
 TEST(MultimediaTimer, CallbacksMayArmTheNextTimer) {
-    Chain chain;
-    ASSERT_NE(
-        timeSetEvent(1, 0, &Chain::Callback, reinterpret_cast<DWORD_PTR>(&chain), TIME_ONESHOT),
-        0u);
-    std::unique_lock lock(chain.mutex);
-    ASSERT_TRUE(
-        chain.done.wait_for(lock, std::chrono::seconds(10), [&] { return chain.remaining == 0; }));
+    CallbackCounter chain;
+    chain.chainLength = 5;
+    ASSERT_NE(chain.Start(1, TIME_ONESHOT), 0u);
+    ASSERT_TRUE(chain.WaitForCalls(5));
+    DrainTimerThread();
+    std::scoped_lock lock(chain.mutex);
     // Each fired id is the one armed just before it.
-    ASSERT_EQ(chain.ids.size(), 9u);
-    for (std::size_t i = 1; i + 1 < chain.ids.size(); i += 2) {
-        EXPECT_NE(chain.ids[i], 0u);
-        EXPECT_EQ(chain.ids[i], chain.ids[i + 1]);
+    ASSERT_EQ(chain.ids.size(), 5u);
+    ASSERT_EQ(chain.armed.size(), 4u);
+    for (std::size_t i = 0; i < chain.armed.size(); ++i) {
+        EXPECT_NE(chain.armed[i], 0u);
+        EXPECT_EQ(chain.armed[i], chain.ids[i + 1]);
     }
 }
 
 TEST(MultimediaTimer, RefusesWhatWindowsRefuses) {
     CallbackCounter counter;
-    const auto user = reinterpret_cast<DWORD_PTR>(&counter);
-    EXPECT_EQ(timeSetEvent(0, 0, &CallbackCounter::Callback, user, TIME_ONESHOT), 0u);
-    EXPECT_EQ(timeSetEvent(1'000'001, 0, &CallbackCounter::Callback, user, TIME_ONESHOT), 0u);
-    EXPECT_EQ(timeSetEvent(1, 0, nullptr, user, TIME_ONESHOT), 0u);
-    EXPECT_EQ(timeSetEvent(1, 0, &CallbackCounter::Callback, user, TIME_CALLBACK_EVENT_SET), 0u);
+    EXPECT_EQ(counter.Start(0, TIME_ONESHOT), 0u);
+    EXPECT_EQ(counter.Start(1'000'001, TIME_ONESHOT), 0u);
+    EXPECT_EQ(timeSetEvent(1, 0, nullptr, reinterpret_cast<DWORD_PTR>(&counter), TIME_ONESHOT), 0u);
+    EXPECT_EQ(counter.Start(1, TIME_CALLBACK_EVENT_SET), 0u);
     EXPECT_EQ(timeKillEvent(0), static_cast<MMRESULT>(MMSYSERR_INVALPARAM));
 
     TIMECAPS caps{};
@@ -159,7 +141,7 @@ TEST(MultimediaTimer, PeriodRequestsMustPairUp) {
     EXPECT_EQ(timeEndPeriod(7), static_cast<MMRESULT>(TIMERR_NOCANDO));
 }
 
-TEST(PerformanceCounter, CountsHundredNanosecondsOfThePreciseWaitClock) {
+TEST(PreciseClock, CounterCountsHundredNanosecondsAndWaitsNeverReturnEarly) {
     LARGE_INTEGER frequency{};
     ASSERT_TRUE(QueryPerformanceFrequency(&frequency));
     ASSERT_EQ(frequency.QuadPart, 10'000'000);  // POSIX always; most Windows systems
@@ -171,9 +153,8 @@ TEST(PerformanceCounter, CountsHundredNanosecondsOfThePreciseWaitClock) {
     EXPECT_LE(before / 100, count.QuadPart);
     EXPECT_LE(count.QuadPart, after / 100);
     EXPECT_FALSE(QueryPerformanceCounter(nullptr));
-}
 
-TEST(PreciseWait, ReturnsOnlyOnceTheDeadlineHasPassed) {
+    // The precise wait returns only once the deadline has passed, spinning or not.
     EXPECT_TRUE(VeltPreciseWaitUntil(0, 0));  // long past
     for (const LONGLONG spin : {0LL, 200'000LL}) {
         const LONGLONG deadline = VeltPreciseTimeNow() + 1'000'000;
@@ -207,21 +188,18 @@ class Timer {
     DWORD error_;
 };
 
-TEST(WaitableTimer, AnUnsetTimerTimesOut) {
+TEST(WaitableTimer, AutoResetReleasesOneWaitPerExpiryAndAPeriodOneAfterAnother) {
     Timer timer(FALSE);
     ASSERT_NE(timer.get(), nullptr);
-    EXPECT_EQ(WaitForSingleObject(timer.get(), 0), WAIT_TIMEOUT);
-    EXPECT_EQ(WaitForSingleObject(timer.get(), 5), WAIT_TIMEOUT);
-}
-
-TEST(WaitableTimer, AutoResetReleasesOneWaitPerExpiry) {
-    Timer timer(FALSE);
-    ASSERT_TRUE(timer.SetRelative(0));  // due at once
+    EXPECT_EQ(WaitForSingleObject(timer.get(), 5), WAIT_TIMEOUT);  // not set yet
+    ASSERT_TRUE(timer.SetRelative(0));                             // due at once
     EXPECT_EQ(WaitForSingleObject(timer.get(), 0), WAIT_OBJECT_0);
     EXPECT_EQ(WaitForSingleObject(timer.get(), 0), WAIT_TIMEOUT);
-
-    ASSERT_TRUE(timer.SetRelative(10'000));  // 1 ms
-    EXPECT_EQ(WaitForSingleObject(timer.get(), INFINITE), WAIT_OBJECT_0);
+    ASSERT_TRUE(timer.SetRelative(10'000, 1));  // 1 ms, then every millisecond
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(WaitForSingleObject(timer.get(), INFINITE), WAIT_OBJECT_0);
+    }
+    ASSERT_TRUE(CancelWaitableTimer(timer.get()));
 }
 
 TEST(WaitableTimer, ManualResetStaysSignalledUntilSetAgain) {
@@ -231,15 +209,6 @@ TEST(WaitableTimer, ManualResetStaysSignalledUntilSetAgain) {
     EXPECT_EQ(WaitForSingleObject(timer.get(), 0), WAIT_OBJECT_0);
     ASSERT_TRUE(timer.SetRelative(36'000'000'000LL));  // an hour: not signalled any more
     EXPECT_EQ(WaitForSingleObject(timer.get(), 0), WAIT_TIMEOUT);
-}
-
-TEST(WaitableTimer, PeriodicTimerSignalsAgainAndAgain) {
-    Timer timer(FALSE);
-    ASSERT_TRUE(timer.SetRelative(10'000, 1));
-    for (int i = 0; i < 3; ++i) {
-        EXPECT_EQ(WaitForSingleObject(timer.get(), INFINITE), WAIT_OBJECT_0);
-    }
-    ASSERT_TRUE(CancelWaitableTimer(timer.get()));
 }
 
 TEST(WaitableTimer, AbsoluteDueTimesAreWallClockFileTimes) {
@@ -292,25 +261,24 @@ TEST(WaitableTimer, BadHandlesAndUnsupportedUsesFailWithTheError) {
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
 }
 
-TEST(ThreadPriority, BadArgumentsFailWithTheError) {
+TEST(ThreadPriority, BadArgumentsFailWithTheThreadsOwnLastError) {
     SetLastError(0);
     EXPECT_FALSE(SetThreadPriority(reinterpret_cast<HANDLE>(0x1234), THREAD_PRIORITY_HIGHEST));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_HANDLE));
     EXPECT_FALSE(SetThreadPriority(GetCurrentThread(), 7));
     EXPECT_EQ(GetLastError(), static_cast<DWORD>(ERROR_INVALID_PARAMETER));
 
-    // Lowering is never refused; done on a thread of its own to leave the test's alone.
-    std::thread([] {
+    // Lowering is never refused; done on a thread of its own to leave the test's alone. The last
+    // error belongs to each thread: the new one starts from zero and leaves ours untouched.
+    SetLastError(42);
+    DWORD other = 1;
+    std::thread([&] {
+        other = GetLastError();
         EXPECT_EQ(GetThreadPriority(GetCurrentThread()), THREAD_PRIORITY_NORMAL);
         EXPECT_TRUE(SetThreadPriority(GetCurrentThread(), THREAD_PRIORITY_LOWEST));
         EXPECT_EQ(GetThreadPriority(GetCurrentThread()), THREAD_PRIORITY_LOWEST);
+        SetLastError(7);
     }).join();
-}
-
-TEST(ThreadPriority, TheLastErrorBelongsToTheThread) {
-    SetLastError(42);
-    DWORD other = 1;
-    std::thread([&] { other = GetLastError(); }).join();
     EXPECT_EQ(other, 0u);
     EXPECT_EQ(GetLastError(), 42u);
 }
