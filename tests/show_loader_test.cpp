@@ -179,11 +179,13 @@ class ShowManifest : public ::testing::Test {
         return velt_core::LoadShow(dir_.string());
     }
 
-    void ExpectError(const std::string& songJson, const std::string& expected) {
+    /// Expects loading `json` to throw an `Error` whose text contains `expected`.
+    template <typename Error = std::runtime_error>
+    void ExpectError(const std::string& json, const std::string& expected) {
         try {
-            Load(R"({"name": "S", "songs": [)" + songJson + "]}");
-            ADD_FAILURE() << "no error for " << songJson;
-        } catch (const velt_core::ShowError& e) {
+            Load(json);
+            ADD_FAILURE() << "no error for " << json;
+        } catch (const Error& e) {
             EXPECT_NE(std::string(e.what()).find(expected), std::string::npos) << e.what();
         }
     }
@@ -248,55 +250,51 @@ TEST_F(ShowManifest, AddsTheChangeLogPagesRangesAndGroupsAtBarBeatPositions) {
 }
 
 TEST_F(ShowManifest, FaultsNameTheSongAndTheKey) {
-    ExpectError(R"({"file": "a.mid", "tempo": 1})",
-                R"(song 1 "From File": key "tempo": unknown key)");
-    ExpectError(R"({"name": "N", "file": "a.mid", "start": "10:1"})",
-                R"(song 1 "N": key "start": the song has no bar 10 beat 1)");
-    ExpectError(R"({"file": "a.mid", "start": "1:4"})", "no bar 1 beat 4");
-    ExpectError(R"({"file": "a.mid", "start": "1-1"})", R"(key "start": "1-1" is not a tick)");
-    ExpectError(R"({"file": "a.mid", "start": 99999})",
-                R"(key "start": 99999 is outside 0..11520)");
-    ExpectError(
+    auto ExpectSongError = [&](const std::string& songJson, const std::string& expected) {
+        ExpectError<velt_core::ShowError>(R"({"name": "S", "songs": [)" + songJson + "]}",
+                                          expected);
+    };
+    ExpectSongError(R"({"file": "a.mid", "tempo": 1})",
+                    R"(song 1 "From File": key "tempo": unknown key)");
+    ExpectSongError(R"({"name": "N", "file": "a.mid", "start": "10:1"})",
+                    R"(song 1 "N": key "start": the song has no bar 10 beat 1)");
+    ExpectSongError(R"({"file": "a.mid", "start": "1:4"})", "no bar 1 beat 4");
+    ExpectSongError(R"({"file": "a.mid", "start": "1-1"})", R"(key "start": "1-1" is not a tick)");
+    ExpectSongError(R"({"file": "a.mid", "start": 99999})",
+                    R"(key "start": 99999 is outside 0..11520)");
+    ExpectSongError(
         R"({"file": "a.mid", "clicks": [{"start": "2:1", "end": "2:1", "notated_32nds": 8}]})",
         R"(key "clicks[0].end": must lie after start)");
-    ExpectError(R"({"file": "a.mid", "clicks": [{"start": 0, "end": 10}]})",
-                R"(key "clicks[0].notated_32nds": missing)");
-    ExpectError(
+    ExpectSongError(R"({"file": "a.mid", "clicks": [{"start": 0, "end": 10}]})",
+                    R"(key "clicks[0].notated_32nds": missing)");
+    ExpectSongError(
         R"({"file": "a.mid", "transpositions": [{"start": 0, "end": 10, "semitones": 30}]})",
         R"(key "transpositions[0].semitones": 30 is outside -24..24)");
-    ExpectError(R"({"file": "a.mid", "tempo_scales": [{"start": 0, "end": 10, "factor": 0}]})",
-                R"(key "tempo_scales[0].factor": expected a factor above 0)");
-    ExpectError(R"({"file": "a.mid", "transpositions": [
+    ExpectSongError(R"({"file": "a.mid", "tempo_scales": [{"start": 0, "end": 10, "factor": 0}]})",
+                    R"(key "tempo_scales[0].factor": expected a factor above 0)");
+    ExpectSongError(R"({"file": "a.mid", "transpositions": [
                     {"start": 0, "end": 100, "semitones": 1},
                     {"start": 99, "end": 200, "semitones": 2}]})",
-                R"(key "transpositions": events at ticks 0 and 99 overlap)");
-    ExpectError(R"({"file": "a.mid", "ranges": {"16": [1, 2]}})",
-                R"(key "ranges.16": the song has no track 16)");
-    ExpectError(R"({"file": "a.mid", "ranges": {"17": [70, 60]}})",
-                R"(key "ranges.17[1]": 60 is outside 70..127)");
-    ExpectError(R"({"file": "a.mid", "markers": [{"at": 0, "text": 5}]})",
-                R"(key "markers[0].text": expected a string)");
-    ExpectError(R"({"file": "a.mid", "pages": [{"at": 0, "page": 1}, {"at": 0, "page": 2}]})",
-                R"(key "pages": two pages at tick 0)");
-    ExpectError(R"({"name": "No File"})", R"(song 1 "No File": key "file": missing)");
+                    R"(key "transpositions": events at ticks 0 and 99 overlap)");
+    ExpectSongError(R"({"file": "a.mid", "ranges": {"16": [1, 2]}})",
+                    R"(key "ranges.16": the song has no track 16)");
+    ExpectSongError(R"({"file": "a.mid", "ranges": {"17": [70, 60]}})",
+                    R"(key "ranges.17[1]": 60 is outside 70..127)");
+    ExpectSongError(R"({"file": "a.mid", "markers": [{"at": 0, "text": 5}]})",
+                    R"(key "markers[0].text": expected a string)");
+    ExpectSongError(R"({"file": "a.mid", "pages": [{"at": 0, "page": 1}, {"at": 0, "page": 2}]})",
+                    R"(key "pages": two pages at tick 0)");
+    ExpectSongError(R"({"name": "No File"})", R"(song 1 "No File": key "file": missing)");
 }
 
 TEST_F(ShowManifest, ShowLevelFaultsAndMissingFilesAreNamed) {
-    auto expectError = [&](const std::string& json, const std::string& expected) {
-        try {
-            Load(json);
-            ADD_FAILURE() << "no error for " << json;
-        } catch (const std::runtime_error& e) {
-            EXPECT_NE(std::string(e.what()).find(expected), std::string::npos) << e.what();
-        }
-    };
-    expectError(R"({"name": "S", "songs": [], "extra": 1})", R"(key "extra": unknown key)");
-    expectError(R"({"name": "S", "songs": []})", R"(key "songs": expected a non-empty array)");
-    expectError(R"({"songs": [{"file": "a.mid"}]})", R"(key "name")");
-    expectError(R"({"name": "S", "groups": {"300": [1]}, "songs": [{"file": "a.mid"}]})",
+    ExpectError(R"({"name": "S", "songs": [], "extra": 1})", R"(key "extra": unknown key)");
+    ExpectError(R"({"name": "S", "songs": []})", R"(key "songs": expected a non-empty array)");
+    ExpectError(R"({"songs": [{"file": "a.mid"}]})", R"(key "name")");
+    ExpectError(R"({"name": "S", "groups": {"300": [1]}, "songs": [{"file": "a.mid"}]})",
                 R"(key "groups.300")");
-    expectError(R"({"name": "S", "songs": [{"file": "a.mid"},)", "not valid JSON");
-    expectError(R"({"name": "S", "songs": [{"file": "a.mid"}, {"file": "missing.mid"}]})",
+    ExpectError(R"({"name": "S", "songs": [{"file": "a.mid"},)", "not valid JSON");
+    ExpectError(R"({"name": "S", "songs": [{"file": "a.mid"}, {"file": "missing.mid"}]})",
                 "missing.mid: cannot open the file");
 }
 

@@ -20,34 +20,27 @@ using velt_core::ParseSmf;
 using velt_core::SmfError;
 using velt_core::SmfEvent;
 
+// Big-endian fields: the header's format, track count and division (16 bits each), a chunk's
+// length (32 bits).
+void AppendBigEndian(Bytes& out, std::uint32_t value, int bytes) {
+    for (int shift = 8 * (bytes - 1); shift >= 0; shift -= 8) {
+        out.push_back(static_cast<std::uint8_t>(value >> shift));
+    }
+}
+
 Bytes Header(std::uint16_t format, std::uint16_t tracks, std::uint16_t division) {
-    return {'M',
-            'T',
-            'h',
-            'd',
-            0,
-            0,
-            0,
-            6,
-            static_cast<std::uint8_t>(format >> 8),
-            static_cast<std::uint8_t>(format),
-            static_cast<std::uint8_t>(tracks >> 8),
-            static_cast<std::uint8_t>(tracks),
-            static_cast<std::uint8_t>(division >> 8),
-            static_cast<std::uint8_t>(division)};
+    Bytes out = {'M', 'T', 'h', 'd', 0, 0, 0, 6};
+    for (std::uint16_t field : {format, tracks, division}) {
+        AppendBigEndian(out, field, 2);
+    }
+    return out;
 }
 
 // A track chunk around `body`, whose length field is the body's size plus `lengthDelta`.
 Bytes Track(const Bytes& body, int lengthDelta = 0) {
-    const auto length = static_cast<std::uint32_t>(static_cast<int>(body.size()) + lengthDelta);
-    Bytes out = {'M',
-                 'T',
-                 'r',
-                 'k',
-                 static_cast<std::uint8_t>(length >> 24),
-                 static_cast<std::uint8_t>(length >> 16),
-                 static_cast<std::uint8_t>(length >> 8),
-                 static_cast<std::uint8_t>(length)};
+    Bytes out = {'M', 'T', 'r', 'k'};
+    AppendBigEndian(out, static_cast<std::uint32_t>(static_cast<int>(body.size()) + lengthDelta),
+                    4);
     out.insert(out.end(), body.begin(), body.end());
     return out;
 }
@@ -61,6 +54,11 @@ Bytes Concat(std::initializer_list<Bytes> parts) {
 }
 
 const Bytes endOfTrack = {0x00, 0xFF, 0x2F, 0x00};
+
+// A format 1 file at 96 ticks per quarter with one track around `body`.
+Bytes OneTrack(const Bytes& body) {
+    return Concat({Header(1, 1, 96), Track(body)});
+}
 
 // Expects ParseSmf to throw an SmfError at `offset` whose text contains `text`.
 void ExpectError(const Bytes& bytes, std::size_t offset, const std::string& text) {
@@ -115,23 +113,20 @@ TEST(SmfReader, RefusesBadInputNamingTheByteOffset) {
     // Chunk length one past the end: the offset is that of the length field.
     ExpectError(Concat({Header(1, 1, 96), Track(endOfTrack, 1)}), 18, "runs past the end");
     // Five-byte delta time, starting at the first byte of the track body (22).
-    ExpectError(Concat({Header(1, 1, 96), Track({0x81, 0x80, 0x80, 0x80, 0x00, 0x90, 60, 1})}), 22,
-                "more than four bytes");
+    ExpectError(OneTrack({0x81, 0x80, 0x80, 0x80, 0x00, 0x90, 60, 1}), 22, "more than four bytes");
     // Meta length past the end of its chunk: offset of the length byte.
-    ExpectError(Concat({Header(1, 1, 96), Track({0x00, 0xFF, 0x01, 0x05, 'a', 'b'})}), 25,
+    ExpectError(OneTrack({0x00, 0xFF, 0x01, 0x05, 'a', 'b'}), 25,
                 "length 5 of a meta event runs past the end of the track chunk (2 bytes left)");
-    ExpectError(Concat({Header(1, 1, 96), Track({0x00, 0x3C, 0x40})}), 23,
-                "data byte 0x3C without a status byte");
-    ExpectError(Concat({Header(1, 1, 96), Track({0x00, 0x90, 0x3C})}), 25,
-                "track chunk ends inside a channel message");
-    ExpectError(Concat({Header(1, 1, 96), Track({0x00, 0x90, 0x3C, 0x80, 0x3C})}), 25,
+    ExpectError(OneTrack({0x00, 0x3C, 0x40}), 23, "data byte 0x3C without a status byte");
+    ExpectError(OneTrack({0x00, 0x90, 0x3C}), 25, "track chunk ends inside a channel message");
+    ExpectError(OneTrack({0x00, 0x90, 0x3C, 0x80, 0x3C}), 25,
                 "status byte 0x80 where a channel message needs a data byte");
     // Tick overflow: sixteen maximal delta times reach 0xFFFFFFF0, the seventeenth overflows.
     Bytes longTrack;
     for (int i = 0; i < 17; ++i) {
         longTrack.insert(longTrack.end(), {0xFF, 0xFF, 0xFF, 0x7F, 0xFF, 0x01, 0x00});
     }
-    ExpectError(Concat({Header(1, 1, 96), Track(longTrack)}), 22 + 16 * 7, "beyond 4294967295");
+    ExpectError(OneTrack(longTrack), 22 + 16 * 7, "beyond 4294967295");
 }
 
 TEST(SmfReader, ToleratesDamageWhoseMeaningIsClearWithAWarning) {

@@ -543,10 +543,7 @@ class Performance {
     /// `rebuiltAt`: the tick at which the stream rebuilt the tracks' state.
     void CheckAgainstPlayThrough(unsigned int rebuiltAt, const std::set<unsigned short>& tracks) {
         const unsigned int now = Stream().GetCurrentTick();
-        for (unsigned short id : Stream().GetMutedTracks()) {
-            EXPECT_TRUE(instrument_.At(id).sounding.empty()) << "muted track " << id << " sounds\n"
-                                                             << log_.str();
-        }
+        CheckMutedTracksAreSilent();
         for (const TrackSpec& spec : kTracks) {
             if (tracks.count(spec.id) == 0) {
                 continue;
@@ -612,16 +609,14 @@ class Performance {
 };
 }  // namespace
 
-TEST(StreamInvariant, UntransposedRunsLeaveNothingSoundingAndChaseExactly) {
-    for (std::uint32_t seed = 1; seed <= 16 && !HasFailure(); ++seed) {
-        SCOPED_TRACE("seed " + std::to_string(seed));
-        Performance(seed, false).Play(400);
-    }
-}
-
-TEST(StreamInvariant, TransposedRunsLeaveNoNoteSoundingAndChaseEveryNote) {
-    for (std::uint32_t seed = 101; seed <= 116 && !HasFailure(); ++seed) {
-        SCOPED_TRACE("seed " + std::to_string(seed));
-        Performance(seed, true).Play(400);
+// Runs without a transposition must chase exactly; runs with one must still release every note
+// and chase every note (switches are compared by inclusion, see above).
+TEST(StreamInvariant, RandomRunsLeaveNothingSoundingAndChaseThePlayThrough) {
+    for (const auto& [firstSeed, withTransposition] :
+         {std::pair{1u, false}, std::pair{101u, true}}) {
+        for (std::uint32_t seed = firstSeed; seed < firstSeed + 16 && !HasFailure(); ++seed) {
+            SCOPED_TRACE("seed " + std::to_string(seed));
+            Performance(seed, withTransposition).Play(400);
+        }
     }
 }
