@@ -2,6 +2,7 @@
 // derives from the meters.
 #include <gtest/gtest.h>
 
+#include <memory>
 #include <vector>
 
 #include "velt_core/song_builder.h"
@@ -26,65 +27,54 @@ Ticks BeatRecordTicks(const velt_midi::SongData& song) {
     return ticks;
 }
 
-TEST(BeatTicks, ClicksRunFromTickZeroToTheLastTickInclusive) {
-    auto song = velt_core::SongBuilder("s", 480).Meter(0, 4, 4).Bars(2).Build();
-    EXPECT_EQ(song->GetTimeline().lastTickIndex, 3840u);
-    EXPECT_EQ(ClickTicks(*song), (Ticks{0, 480, 960, 1440, 1920, 2400, 2880, 3360, 3840}));
+TEST(BeatTicks, ClicksFollowMetersAndClickEventsFromTickZeroToTheLastTickInclusive) {
+    using velt_core::SongBuilder;
+    struct Case {
+        const char* what;
+        std::shared_ptr<velt_midi::SongData> song;
+        Ticks clicks;
+    };
+    const std::vector<Case> cases{
+        {"two bars of 4/4, the last tick on a click",
+         SongBuilder("s", 480).Meter(0, 4, 4).Bars(2).Build(),
+         {0, 480, 960, 1440, 1920, 2400, 2880, 3360, 3840}},
+        {"ending between clicks: no click after the end",
+         SongBuilder("s", 480).Meter(0, 4, 4).LastTick(1000).Build(),
+         {0, 480, 960}},
+        {"empty song", SongBuilder("s", 480).LastTick(0).Build(), {0}},
+        // 4/4, then 6/8 clicked in dotted quarters, then 3/4 arriving mid-bar off the grid.
+        {"meter changes restart the clicks",
+         SongBuilder("s", 480)
+             .Meter(0, 4, 4)
+             .Meter(1920, 6, 8)
+             .Meter(4000, 3, 4)
+             .LastTick(5000)
+             .Build(),
+         {0, 480, 960, 1440, 1920, 2640, 3360, 4000, 4480, 4960}},
+        // 12 notated 32nds under a meter of 8 = 36 clocks = 720 ticks over [960, 2400): the bar
+        // start at 1920 still falls on a click, and the meter's clicks resume at the event's end.
+        {"dotted-quarter click event",
+         SongBuilder("s", 480).Meter(0, 4, 4).Click(960, 2400, 12).Bars(2).Build(),
+         {0, 480, 960, 1680, 1920, 2400, 2880, 3360, 3840}},
+        {"eighth-note clicks (4 notated 32nds = 12 clocks) in the first bar",
+         SongBuilder("s", 480).Meter(0, 2, 4).Click(0, 960, 4).Bars(2).Build(),
+         {0, 240, 480, 720, 960, 1440, 1920}},
+        {"16 notated 32nds per quarter halve the click length",
+         SongBuilder("s", 480).Meter(0, 4, 4, 24, 16).Click(0, 1920, 16).Bars(1).Build(),
+         {0, 480, 960, 1440, 1920}},
+        {"half-note click event running past the song end stops at the last tick",
+         SongBuilder("s", 480).Meter(0, 4, 4).Click(1440, 100000, 16).LastTick(3840).Build(),
+         {0, 480, 960, 1440, 1920, 2880, 3840}},
+    };
+    for (const Case& c : cases)
+        EXPECT_EQ(ClickTicks(*c.song), c.clicks) << c.what;
 
-    // A song ending between clicks has no click after its end.
-    auto shorter = velt_core::SongBuilder("s", 480).Meter(0, 4, 4).LastTick(1000).Build();
-    EXPECT_EQ(ClickTicks(*shorter), (Ticks{0, 480, 960}));
-    auto empty = velt_core::SongBuilder("s", 480).LastTick(0).Build();
-    EXPECT_EQ(ClickTicks(*empty), (Ticks{0}));
-}
-
-TEST(BeatTicks, MeterChangesChangeTheClickLengthAndRestartTheClicks) {
-    // 4/4, then 6/8 clicked in dotted quarters, then 3/4 arriving mid-bar at a tick off the grid.
-    auto song = velt_core::SongBuilder("s", 480)
-                    .Meter(0, 4, 4)
-                    .Meter(1920, 6, 8)
-                    .Meter(4000, 3, 4)
-                    .LastTick(5000)
-                    .Build();
-    EXPECT_EQ(ClickTicks(*song), (Ticks{0, 480, 960, 1440, 1920, 2640, 3360, 4000, 4480, 4960}));
-    // Without click events every beat of the derived bars is a click and vice versa.
-    EXPECT_EQ(BeatRecordTicks(*song), ClickTicks(*song));
-
-    // Odd meters with their default clicks agree with the bars and beats as well.
-    auto odd = velt_core::SongBuilder("s", 480)
-                   .Meter(0, 7, 8)
-                   .Meter(3360, 5, 4)
-                   .Meter(5760, 12, 8)
-                   .Bars(8)
-                   .Build();
+    // Without click events every beat of the derived bars is a click and vice versa, odd meters
+    // with their default clicks included.
+    EXPECT_EQ(BeatRecordTicks(*cases[3].song), cases[3].clicks);
+    auto odd =
+        SongBuilder("s", 480).Meter(0, 7, 8).Meter(3360, 5, 4).Meter(5760, 12, 8).Bars(8).Build();
     EXPECT_EQ(BeatRecordTicks(*odd), ClickTicks(*odd));
-}
-
-TEST(BeatTicks, ClickEventsSetTheClickLengthOverTheirHalfOpenRange) {
-    // 12 notated 32nds under a meter of 8 = 36 clocks = 720 ticks, from 960 up to 2400. The bar
-    // start at 1920 still falls on a click, and the meter's clicks resume at the event's end.
-    auto song =
-        velt_core::SongBuilder("s", 480).Meter(0, 4, 4).Click(960, 2400, 12).Bars(2).Build();
-    EXPECT_EQ(ClickTicks(*song), (Ticks{0, 480, 960, 1680, 1920, 2400, 2880, 3360, 3840}));
-
-    // Eighth-note clicks (4 notated 32nds = 12 clocks) in the first bar only.
-    auto eighths = velt_core::SongBuilder("s", 480).Meter(0, 2, 4).Click(0, 960, 4).Bars(2).Build();
-    EXPECT_EQ(ClickTicks(*eighths), (Ticks{0, 240, 480, 720, 960, 1440, 1920}));
-
-    // The click length follows the meter's notated 32nds: 16 per quarter halves it.
-    auto fine =
-        velt_core::SongBuilder("s", 480).Meter(0, 4, 4, 24, 16).Click(0, 1920, 16).Bars(1).Build();
-    EXPECT_EQ(ClickTicks(*fine), (Ticks{0, 480, 960, 1440, 1920}));
-}
-
-TEST(BeatTicks, ClickEventsRunningPastTheSongEndStopAtTheLastTick) {
-    // Half-note clicks (16 32nds = 48 clocks = 960 ticks) from 1440 to well past the end.
-    auto song = velt_core::SongBuilder("s", 480)
-                    .Meter(0, 4, 4)
-                    .Click(1440, 100000, 16)
-                    .LastTick(3840)
-                    .Build();
-    EXPECT_EQ(ClickTicks(*song), (Ticks{0, 480, 960, 1440, 1920, 2880, 3840}));
 }
 
 TEST(BeatTicks, HugeSongsDoNotWrapPastTheLastTick) {
@@ -129,11 +119,11 @@ TEST(SongBuilder, FillsDefaultsSortsEventsAndDerivesTheEnd) {
                     .Build();
     const TL::Timeline& timeline = song->GetTimeline();
     ASSERT_EQ(timeline.GetTempos().size(), 1u);
-    EXPECT_EQ(timeline.GetTempos()[0].microseconds_per_quarter, 500000u);
     ASSERT_EQ(timeline.GetMeters().size(), 1u);
+    ASSERT_EQ(timeline.GetKeys().size(), 1u);
+    EXPECT_EQ(timeline.GetTempos()[0].microseconds_per_quarter, 500000u);
     EXPECT_EQ(as_string(timeline.GetMeters()[0]), "4/4");
     EXPECT_EQ(timeline.GetMeters()[0].clocks_per_click, 24);
-    ASSERT_EQ(timeline.GetKeys().size(), 1u);
     EXPECT_EQ(timeline.lastTickIndex, 2400u);  // the transposition's end is the latest tick
 
     const velt_midi::VoiceTrack& track = song->GetVoiceData().at(0x12);

@@ -11,9 +11,6 @@
 
 namespace {
 
-template <typename Field, typename Expected>
-constexpr bool kIs = std::is_same_v<Field, Expected>;
-
 TEST(SongLayout, TimelineRecordsHaveTheFieldOrderAndWidthsTheEngineReads) {
     EXPECT_EQ(sizeof(TL::Tempo), 8u);
     EXPECT_EQ(offsetof(TL::Tempo, tick_index), 0u);
@@ -23,7 +20,7 @@ TEST(SongLayout, TimelineRecordsHaveTheFieldOrderAndWidthsTheEngineReads) {
     EXPECT_EQ(offsetof(TL::BarsBeats, bar), 4u);
     EXPECT_EQ(offsetof(TL::BarsBeats, bar_beat), 8u);
     EXPECT_EQ(offsetof(TL::BarsBeats, beat), 12u);
-    EXPECT_TRUE((kIs<decltype(TL::BarsBeats::beat), std::uint32_t>));
+    EXPECT_TRUE((std::is_same_v<decltype(TL::BarsBeats::beat), std::uint32_t>));
 
     EXPECT_EQ(sizeof(TL::Meter), 8u);
     EXPECT_EQ(offsetof(TL::Meter, numerator), 4u);
@@ -34,21 +31,19 @@ TEST(SongLayout, TimelineRecordsHaveTheFieldOrderAndWidthsTheEngineReads) {
     EXPECT_EQ(sizeof(TL::Key), 8u);
     EXPECT_EQ(offsetof(TL::Key, sharps_flats), 4u);
     EXPECT_EQ(offsetof(TL::Key, minor), 6u);
-    EXPECT_TRUE((kIs<decltype(TL::Key::sharps_flats), std::int16_t>));
-    EXPECT_TRUE((kIs<decltype(TL::Key::minor), std::int16_t>));
+    EXPECT_TRUE((std::is_same_v<decltype(TL::Key::sharps_flats), std::int16_t>));
+    EXPECT_TRUE((std::is_same_v<decltype(TL::Key::minor), std::int16_t>));
 
     EXPECT_EQ(sizeof(TL::PageNum), 8u);
     EXPECT_EQ(offsetof(TL::PageNum, page), 4u);
 
-    for (bool plain :
-         {std::is_trivially_copyable_v<TL::Tempo>, std::is_trivially_copyable_v<TL::BarsBeats>,
-          std::is_trivially_copyable_v<TL::Meter>, std::is_trivially_copyable_v<TL::Key>,
-          std::is_trivially_copyable_v<TL::PageNum>}) {
-        EXPECT_TRUE(plain);
-    }
+    EXPECT_TRUE((std::is_trivially_copyable_v<TL::Tempo> &&
+                 std::is_trivially_copyable_v<TL::BarsBeats> &&
+                 std::is_trivially_copyable_v<TL::Meter> && std::is_trivially_copyable_v<TL::Key> &&
+                 std::is_trivially_copyable_v<TL::PageNum>));
 }
 
-TEST(SongLayout, VoiceEventIsEightBytesWithTheTrackIdSplitIntoChannelAndPort) {
+TEST(SongLayout, VoiceEventIsEightBytesWithTheTrackIdSplitIntoChannelAndPortAndValidates) {
     using velt_midi::VoiceEvent;
     EXPECT_EQ(sizeof(VoiceEvent), 8u);
     EXPECT_TRUE(std::is_trivially_copyable_v<VoiceEvent>);
@@ -74,13 +69,12 @@ TEST(SongLayout, VoiceEventIsEightBytesWithTheTrackIdSplitIntoChannelAndPort) {
 
     // A status that already names a channel keeps it (panic messages are built as 0xB0 | c with
     // track id 0), and system bytes are left alone.
-    EXPECT_EQ(VoiceEvent(0, 0xB5, 0, 123, 0).status, 0xB5);
-    EXPECT_EQ(VoiceEvent(0, 0xB5, 0, 123, 0).port, 0);
+    const VoiceEvent panic(0, 0xB5, 0, 123, 0);
+    EXPECT_EQ(panic.status, 0xB5);
+    EXPECT_EQ(panic.port, 0);
     EXPECT_EQ(VoiceEvent(0, 0xF8, 0x13, 0, 0).status, 0xF8);
-}
 
-TEST(SongLayout, OnlyChannelMessagesWithSevenBitDataAreValid) {
-    using velt_midi::VoiceEvent;
+    // Only channel messages with seven-bit data are valid.
     EXPECT_TRUE(VoiceEvent(0, 0x80, 0, 0, 0).IsValidVoiceEvent());
     EXPECT_TRUE(VoiceEvent(0, 0xE0, 0x0F, 127, 127).IsValidVoiceEvent());
     EXPECT_FALSE(VoiceEvent().IsValidVoiceEvent());  // status 0 is no message
@@ -99,7 +93,6 @@ TEST(SongLayout, TempoAccessorsAreCorrectlyRounded) {
     EXPECT_EQ(tempo.tick_time(480), 1.0 / 960);
     EXPECT_EQ(tempo.bpm(24), 120.0);
     EXPECT_EQ(tempo.bpm(36), 80.0);  // dotted-quarter clicks
-    EXPECT_EQ(tempo.bpm(12), 240.0);
 
     // 100 per minute: chained divisions (0.6 / 96) miss these by one unit in the last place.
     TL::Tempo hundred{0, 600000};
@@ -124,9 +117,6 @@ TEST(SongLayout, DisplayTextsAndClickLengths) {
     position.bar_beat = 3;
     EXPECT_EQ(as_string(position), "12:3");
     TL::Meter meter;
-    meter.numerator = 6;
-    meter.denominator = 8;
-    EXPECT_EQ(as_string(meter), "6/8");
     meter.numerator = 12;
     meter.denominator = 16;
     EXPECT_EQ(as_string(meter), "12/16");
@@ -137,7 +127,6 @@ TEST(SongLayout, DisplayTextsAndClickLengths) {
     EXPECT_EQ(CL::Click(0, 1, 4).ClocksPerClick(8), 12u);
     EXPECT_EQ(CL::Click(0, 1, 12).ClocksPerClick(16), 18u);
     EXPECT_EQ(CL::Click(0, 1, 12).ClocksPerClick(0), 0u);
-    EXPECT_EQ(CL::Click(0, 1, 12).code(), CL::Click::evt_code);
 }
 
 TEST(SongLayout, SequencesDumpWithTheirCodeNameAndCount) {
