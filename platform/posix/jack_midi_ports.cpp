@@ -45,18 +45,20 @@ void AppendJackInputs(std::vector<std::shared_ptr<InputPort>>&) {}
 #include <array>
 #include <atomic>
 #include <cerrno>
+#include <condition_variable>
 #include <cstdio>
 #include <cstring>
 #include <mutex>
-#include <semaphore>
 
 namespace velt_platform::detail {
 namespace {
 
 constexpr std::size_t kSlotsPerDirection = 64;  // JACK devices open at once, per direction
 constexpr std::size_t kOutputQueueBytes = 64 * 1024;
-// How long a close waits for bytes already sent to leave through the process thread.
+// How long a close waits for bytes already sent to leave through the process thread, and an
+// open for its new connection to take effect (the server applies it from the next cycle).
 constexpr std::chrono::seconds kDrainLimit{1};
+constexpr std::chrono::seconds kConnectLimit{1};
 constexpr std::chrono::seconds kReconnectInterval{1};
 constexpr BYTE kSysExStart = 0xF0;
 constexpr BYTE kSysExEnd = 0xF7;
@@ -158,7 +160,8 @@ class JackSession {
         return names;
     }
 
-    // Takes a free output slot and connects its port to destination. On success slot is set.
+    // Takes a free output slot and connects its port to destination. On success slot is set;
+    // what is sent from then on reaches the destination.
     MMRESULT OpenOutput(const std::string& destination, std::size_t& slot) {
         std::scoped_lock lock(mutex_);
         const auto index = FreeSlot_(outputs_);
@@ -176,13 +179,11 @@ class JackSession {
                 return MMSYSERR_ERROR;
             }
         }
-        while (output.drained.try_acquire()) {
-            // A token left by a shutdown notice or a late drain belongs to an earlier use.
-        }
         jack_port_t* port = output.port.load();
         if (!Connected_(jack_connect(client_, jack_port_name(port), destination.c_str()))) {
             return MIDIERR_NODEVICE;
         }
+        AwaitNewCycle_();
         output.state.store(SlotState::Active);
         slot = *index;
         return MMSYSERR_NOERROR;
@@ -208,20 +209,19 @@ class JackSession {
     void CloseOutput(std::size_t slot) {
         OutputSlot& output = outputs_[slot];
         output.state.store(SlotState::Closing);
-        const auto deadline = std::chrono::steady_clock::now() + kDrainLimit;
-        while (output.state.load() != SlotState::Drained && !Gone()) {
-            if (!output.drained.try_acquire_until(deadline)) {
-                break;
-            }
-        }
+        AwaitProcessThread_(std::chrono::steady_clock::now() + kDrainLimit,
+                            [&] { return output.state.load() == SlotState::Drained || Gone(); });
         WaitUntilProcessThreadLetGo_();
         Disconnect_(output.port.load());
         std::scoped_lock lock(mutex_);
-        output.state.store(output.state.load() == SlotState::Drained ? SlotState::Free
-                                                                     : SlotState::Retired);
+        SlotState drained = SlotState::Drained;
+        if (!output.state.compare_exchange_strong(drained, SlotState::Free)) {
+            output.state.store(SlotState::Retired);
+        }
     }
 
-    // Takes a free input slot, connects source to its port and starts delivering to sink.
+    // Takes a free input slot, connects source to its port and starts delivering to sink
+    // everything the source sends from when this returns.
     MMRESULT OpenInput(const std::string& source, InputSink& sink, std::size_t& slot) {
         std::scoped_lock lock(mutex_);
         const auto index = FreeSlot_(inputs_);
@@ -237,6 +237,7 @@ class JackSession {
         if (!Connected_(jack_connect(client_, source.c_str(), jack_port_name(port)))) {
             return MIDIERR_NODEVICE;
         }
+        AwaitNewCycle_();
         input.sink.store(&sink);
         input.state.store(SlotState::Active);
         slot = *index;
@@ -262,7 +263,6 @@ class JackSession {
         std::atomic<jack_port_t*> port{nullptr};
         RingBuffer queue;
         std::atomic<SlotState> state{SlotState::Free};
-        std::counting_semaphore<> drained{0};  // released when Closing turns Drained
     };
 
     struct InputSlot {
@@ -305,8 +305,37 @@ class JackSession {
     void WaitUntilProcessThreadLetGo_() {
         const unsigned seen = callbacks_.load();
         if ((seen & 1u) != 0) {
-            callbacks_.wait(seen);
+            AwaitProcessThread_(std::nullopt, [&] { return callbacks_.load() != seen; });
         }
+    }
+
+    // Waits until a callback that started after this call has returned (bounded): it ran in a
+    // cycle that began after a connection made before this call, so the connection is in effect
+    // for every later cycle. A callback already running may belong to the cycle before.
+    void AwaitNewCycle_() {
+        const unsigned start = callbacks_.load();
+        const unsigned needed = (start & 1u) == 0 ? 2 : 3;
+        AwaitProcessThread_(std::chrono::steady_clock::now() + kConnectLimit,
+                            [&] { return callbacks_.load() - start >= needed || Gone(); });
+    }
+
+    // Blocks a caller's thread until done() holds (or the deadline passes). The process thread
+    // wakes waiters after each callback, taking progressMutex_ only while someone waits; the
+    // waiter count is raised before done() is first tested, so a callback that ends in between
+    // either is seen by done() or sees the waiter.
+    template <typename Done>
+    void AwaitProcessThread_(std::optional<std::chrono::steady_clock::time_point> deadline,
+                             Done done) {
+        waiters_.fetch_add(1);
+        {
+            std::unique_lock lock(progressMutex_);
+            if (deadline) {
+                progress_.wait_until(lock, *deadline, done);
+            } else {
+                progress_.wait(lock, done);
+            }
+        }
+        waiters_.fetch_sub(1);
     }
 
     // JACK process thread. callbacks_ is odd while a callback runs.
@@ -320,7 +349,10 @@ class JackSession {
             session.DeliverInput_(input, frames);
         }
         session.callbacks_.fetch_add(1);
-        session.callbacks_.notify_all();
+        if (session.waiters_.load() > 0) {
+            std::scoped_lock lock(session.progressMutex_);
+            session.progress_.notify_all();
+        }
         return 0;
     }
 
@@ -356,10 +388,8 @@ class JackSession {
             jack_ringbuffer_read(queue, reinterpret_cast<char*>(event), length);
         }
         if (state == SlotState::Closing && jack_ringbuffer_read_space(queue) == 0) {
-            SlotState closing = SlotState::Closing;
-            if (output.state.compare_exchange_strong(closing, SlotState::Drained)) {
-                output.drained.release();
-            }
+            SlotState closing = SlotState::Closing;  // not if the close gave up meanwhile
+            output.state.compare_exchange_strong(closing, SlotState::Drained);
         }
     }
 
@@ -406,14 +436,16 @@ class JackSession {
     static void OnShutdown_(void* self) {
         auto& session = *static_cast<JackSession*>(self);
         session.gone_.store(true);
-        for (OutputSlot& output : session.outputs_) {
-            output.drained.release();  // wakes a close waiting for a drain that cannot come
-        }
+        std::scoped_lock lock(session.progressMutex_);
+        session.progress_.notify_all();  // a drain or a new cycle will not come
     }
 
     jack_client_t* const client_;
     std::atomic<bool> gone_{false};
-    std::atomic<unsigned> callbacks_{0};
+    std::atomic<unsigned> callbacks_{0};  // odd while a callback runs
+    std::atomic<unsigned> waiters_{0};
+    std::mutex progressMutex_;
+    std::condition_variable progress_;
     std::mutex mutex_;  // slot allocation and port registration
     std::array<OutputSlot, kSlotsPerDirection> outputs_;
     std::array<InputSlot, kSlotsPerDirection> inputs_;
