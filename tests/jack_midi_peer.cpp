@@ -8,7 +8,9 @@
 //                                    standard input as one message
 //
 // Prints "ready" once the port exists and the client runs. Ends without closing its client (the
-// server drops it) when standard input ends, when the server goes, or when killed.
+// server drops it) when standard input ends or when killed; not when the server goes: a client
+// that vanishes while the server shuts down can make the server die of SIGPIPE before it has
+// cleaned up its registration.
 #include <jack/jack.h>
 #include <jack/midiport.h>
 #include <jack/ringbuffer.h>
@@ -66,10 +68,6 @@ int ProcessSource(jack_nframes_t frames, void*) {
         jack_ringbuffer_read(queue, reinterpret_cast<char*>(event), length);
     }
     return 0;
-}
-
-void ServerGone(void*) {
-    _exit(0);
 }
 
 void RunSink() {
@@ -144,7 +142,6 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "jack_midi_peer: cannot make the port\n");
         return 1;
     }
-    jack_on_shutdown(client, &ServerGone, nullptr);
     if (jack_activate(client) != 0) {
         std::fprintf(stderr, "jack_midi_peer: cannot activate\n");
         return 1;

@@ -176,21 +176,27 @@ std::string Hex(const Message& message) {
 // A peer JACK client holding port <client>:in (sink) or <client>:out (source).
 class Peer {
   public:
-    Peer(const std::string& client, const std::string& mode)
-        : child_({kPeerProgram, client, mode}, true) {
-        ready_ = child_.Started() && child_.ReadLine() == "ready";
+    // On a starved machine the JACK library sometimes gives up opening a client (its listener
+    // thread must start within a second); a peer that could not open is started again.
+    Peer(const std::string& client, const std::string& mode) {
+        constexpr int kAttempts = 3;
+        for (int attempt = 0; attempt < kAttempts && !ready_; ++attempt) {
+            child_ =
+                std::make_unique<Child>(std::vector<std::string>{kPeerProgram, client, mode}, true);
+            ready_ = child_->Started() && child_->ReadLine() == "ready";
+        }
     }
 
     bool Ready() const { return ready_; }
 
     // sink: the next message received, or nothing within the hang limit.
-    std::optional<std::string> Received() { return child_.ReadLine(); }
+    std::optional<std::string> Received() { return child_->ReadLine(); }
 
     // source: sends one message.
-    bool Send(const Message& message) { return child_.WriteLine(Hex(message)); }
+    bool Send(const Message& message) { return child_->WriteLine(Hex(message)); }
 
   private:
-    Child child_;
+    std::unique_ptr<Child> child_;
     bool ready_ = false;
 };
 

@@ -23,9 +23,10 @@
 // hand over through atomics, output bytes through one single-producer ring buffer per slot. A
 // slot's port and ring buffer are created before the slot is published and live as long as the
 // session, so the process thread never sees them freed.
-// Locks: the service's mutex (current session), then a session's mutex (slot allocation and
-// port registration), then nothing; a device's own mutex is taken before either and is held
-// while it waits for the process thread to let go of its slot.
+// Locks, in order: a device's own mutex (held while it waits for the process thread to drain or
+// let go of its slot), the service's mutex (current session), a session's mutex (slot
+// allocation, port registration, connection), the session's progress mutex (waits for the
+// process thread, which takes it only to wake someone waiting).
 #include "midi_service.h"
 
 #ifndef VELT_HAVE_JACK
