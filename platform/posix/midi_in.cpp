@@ -31,7 +31,20 @@ class InputHandle final : public InputSink {
     InputHandle(const InputHandle&) = delete;
     InputHandle& operator=(const InputHandle&) = delete;
 
-    ~InputHandle() { StopThread_(); }
+    // A handle still open when the handle table goes (process exit) first detaches from its
+    // device, which may be calling Receive on another thread at that moment.
+    ~InputHandle() {
+        bool open = false;
+        {
+            std::scoped_lock lock(mutex_);
+            open = !closed_ && service_.joinable();  // the thread starts once the device opened
+            closed_ = true;
+        }
+        if (open) {
+            port_->Close();
+        }
+        StopThread_();
+    }
 
     void Start() {
         service_ = std::thread([this] { Run_(); });

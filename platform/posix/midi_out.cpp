@@ -99,7 +99,20 @@ class OutputHandle {
     OutputHandle(const OutputHandle&) = delete;
     OutputHandle& operator=(const OutputHandle&) = delete;
 
-    ~OutputHandle() { StopThread_(); }
+    // A handle still open when the handle table goes (process exit) lets go of its device, whose
+    // threads may outlive this object otherwise.
+    ~OutputHandle() {
+        bool open = false;
+        {
+            std::scoped_lock lock(mutex_);
+            open = !closed_;
+            closed_ = true;
+        }
+        StopThread_();
+        if (open) {
+            port_->Close();
+        }
+    }
 
     void Start() {
         service_ = std::thread([this] { Run_(); });

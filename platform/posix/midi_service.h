@@ -69,10 +69,20 @@ class InputPort {
 std::vector<std::shared_ptr<OutputPort>> ListOutputs();
 std::vector<std::shared_ptr<InputPort>> ListInputs();
 
-// The system's ports through RtMidi, appended in the order RtMidi lists them per API. Do nothing
-// when the library was built without RtMidi.
+// The names the service gives itself on the system's MIDI transports: its client, and the ports
+// it opens to reach a device (JACK numbers further ports "VELT Out 2", "VELT Out 3", ...).
+inline constexpr const char* kServiceClientName = "VELT";
+inline constexpr const char* kServiceOutputPortName = "VELT Out";
+inline constexpr const char* kServiceInputPortName = "VELT In";
+
+// The system's ports: the ALSA sequencer's through RtMidi, then the JACK server's. Each part is
+// left out when the library was built without it.
 void AppendSystemOutputs(std::vector<std::shared_ptr<OutputPort>>& ports);
 void AppendSystemInputs(std::vector<std::shared_ptr<InputPort>>& ports);
+
+// The JACK server's MIDI destinations / sources (see platform/posix/jack_midi_ports.cpp).
+void AppendJackOutputs(std::vector<std::shared_ptr<OutputPort>>& ports);
+void AppendJackInputs(std::vector<std::shared_ptr<InputPort>>& ports);
 
 // Length in bytes of a message that starts with this status byte: 3 for note, aftertouch,
 // controller and pitch bend, 2 for program change, channel pressure, MTC quarter frame and song

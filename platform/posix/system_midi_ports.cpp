@@ -1,22 +1,25 @@
-// The system's MIDI ports, reached through RtMidi (ALSA sequencer and JACK), as devices of the
-// POSIX MIDI service. Without RtMidi at build time there are none.
+// The system's MIDI ports as devices of the POSIX MIDI service: the ALSA sequencer's through
+// RtMidi, then the JACK server's (platform/posix/jack_midi_ports.cpp). Without RtMidi at build
+// time there are no ALSA ports.
 //
 // Listing: the ALSA sequencer is asked (through RtMidi objects kept for the purpose) only when
-// its device node exists, so a machine without it stays quiet. JACK ports are listed through a
-// plain JACK client kept connected to the server; when no server runs, a new connection is tried
-// at most once a second, with the JACK library's complaints silenced for that attempt.
+// its device node exists, so a machine without it stays quiet.
 // Opening: each open makes its own RtMidi client ("VELT") and connects it to the port found by
 // name, since device ids may have moved since the list was made.
 //
-// Locks: the list's mutex guards the probes and the JACK client; a port's mutex guards its
-// RtMidi object. Neither is held while the other is taken.
+// Locks: the list's mutex guards the probes; a port's mutex guards its RtMidi object. Neither is
+// held while the other is taken.
 #include "midi_service.h"
 
 #ifndef VELT_HAVE_RTMIDI
 
 namespace velt_platform::detail {
-void AppendSystemOutputs(std::vector<std::shared_ptr<OutputPort>>&) {}
-void AppendSystemInputs(std::vector<std::shared_ptr<InputPort>>&) {}
+void AppendSystemOutputs(std::vector<std::shared_ptr<OutputPort>>& ports) {
+    AppendJackOutputs(ports);
+}
+void AppendSystemInputs(std::vector<std::shared_ptr<InputPort>>& ports) {
+    AppendJackInputs(ports);
+}
 }  // namespace velt_platform::detail
 
 #else
@@ -24,20 +27,14 @@ void AppendSystemInputs(std::vector<std::shared_ptr<InputPort>>&) {}
 #include <RtMidi.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <mutex>
 
-#ifdef VELT_HAVE_JACK
-#include <jack/jack.h>
-#endif
-
 namespace velt_platform::detail {
 namespace {
 
-constexpr const char* kClientName = "VELT";
-constexpr const char* kOutputPortName = "VELT Out";
-constexpr const char* kInputPortName = "VELT In";
 constexpr const char* kAlsaSequencerDevice = "/dev/snd/seq";
 constexpr unsigned kInputQueueSize = 1024;
 
@@ -72,13 +69,13 @@ class RtMidiOutputPort final : public OutputPort {
     MMRESULT Open() override {
         std::scoped_lock lock(mutex_);
         try {
-            auto out = std::make_unique<RtMidiOut>(ref_.api, kClientName);
+            auto out = std::make_unique<RtMidiOut>(ref_.api, kServiceClientName);
             out->setErrorCallback(&ReportRtMidiError);
             const auto index = FindPortByName(*out, ref_.name);
             if (!index) {
                 return MIDIERR_NODEVICE;
             }
-            out->openPort(*index, kOutputPortName);
+            out->openPort(*index, kServiceOutputPortName);
             if (!out->isPortOpen()) {
                 return MMSYSERR_ERROR;
             }
@@ -129,7 +126,7 @@ class RtMidiInputPort final : public InputPort {
     MMRESULT Open(InputSink& sink) override {
         std::scoped_lock lock(mutex_);
         try {
-            auto in = std::make_unique<RtMidiIn>(ref_.api, kClientName, kInputQueueSize);
+            auto in = std::make_unique<RtMidiIn>(ref_.api, kServiceClientName, kInputQueueSize);
             in->setErrorCallback(&ReportRtMidiError);
             in->ignoreTypes(false, false, false);  // SysEx, timing and active sensing all pass
             const auto index = FindPortByName(*in, ref_.name);
@@ -138,7 +135,7 @@ class RtMidiInputPort final : public InputPort {
             }
             sink_.store(&sink);
             in->setCallback(&RtMidiInputPort::OnMessage_, this);
-            in->openPort(*index, kInputPortName);
+            in->openPort(*index, kServiceInputPortName);
             if (!in->isPortOpen()) {
                 return MMSYSERR_ERROR;
             }
@@ -150,7 +147,7 @@ class RtMidiInputPort final : public InputPort {
         }
     }
 
-    // Destroying the RtMidi object ends its input thread / JACK client, so no message follows.
+    // Destroying the RtMidi object ends its input thread, so no message follows.
     void Close() override {
         std::unique_ptr<RtMidiIn> in;
         {
@@ -162,7 +159,7 @@ class RtMidiInputPort final : public InputPort {
     }
 
   private:
-    // Runs on RtMidi's input thread (the ALSA listener or the JACK process thread).
+    // Runs on RtMidi's input thread (the ALSA listener).
     static void OnMessage_(double /*delta*/, std::vector<unsigned char>* message, void* self) {
         InputSink* sink = static_cast<RtMidiInputPort*>(self)->sink_.load();
         if (sink != nullptr && message != nullptr && !message->empty()) {
@@ -176,43 +173,17 @@ class RtMidiInputPort final : public InputPort {
     std::atomic<InputSink*> sink_{nullptr};
 };
 
-#ifdef VELT_HAVE_JACK
-thread_local bool quietJackMessages = false;
-
-void PrintJackMessage(const char* text) {
-    if (!quietJackMessages) {
-        std::fprintf(stderr, "JACK: %s\n", text);
-    }
-}
-#endif
-
 class SystemPortList {
   public:
-    SystemPortList() { RtMidi::getCompiledApi(apis_); }
-
+    SystemPortList() = default;
     SystemPortList(const SystemPortList&) = delete;
     SystemPortList& operator=(const SystemPortList&) = delete;
 
-    ~SystemPortList() {
-#ifdef VELT_HAVE_JACK
-        CloseJackClient_();
-#endif
-    }
-
-    // Destinations (outputs = true) or sources, per compiled API in RtMidi's order.
+    // Destinations (outputs = true) or sources of the ALSA sequencer.
     std::vector<PortRef> List(bool outputs) {
         std::scoped_lock lock(mutex_);
         std::vector<PortRef> ports;
-        for (const RtMidi::Api api : apis_) {
-            if (api == RtMidi::LINUX_ALSA) {
-                ListAlsa_(outputs, ports);
-            }
-#ifdef VELT_HAVE_JACK
-            if (api == RtMidi::UNIX_JACK) {
-                ListJack_(outputs, ports);
-            }
-#endif
-        }
+        ListAlsa_(outputs, ports);
         return ports;
     }
 
@@ -220,11 +191,15 @@ class SystemPortList {
     void ListAlsa_(bool outputs, std::vector<PortRef>& ports) {
         if (!alsaTried_) {
             alsaTried_ = true;
-            if (access(kAlsaSequencerDevice, R_OK | W_OK) == 0) {
+            std::vector<RtMidi::Api> apis;
+            RtMidi::getCompiledApi(apis);
+            const bool compiled =
+                std::find(apis.begin(), apis.end(), RtMidi::LINUX_ALSA) != apis.end();
+            if (compiled && access(kAlsaSequencerDevice, R_OK | W_OK) == 0) {
                 try {
-                    alsaOut_ = std::make_unique<RtMidiOut>(RtMidi::LINUX_ALSA, kClientName);
+                    alsaOut_ = std::make_unique<RtMidiOut>(RtMidi::LINUX_ALSA, kServiceClientName);
                     alsaOut_->setErrorCallback(&ReportRtMidiError);
-                    alsaIn_ = std::make_unique<RtMidiIn>(RtMidi::LINUX_ALSA, kClientName);
+                    alsaIn_ = std::make_unique<RtMidiIn>(RtMidi::LINUX_ALSA, kServiceClientName);
                     alsaIn_->setErrorCallback(&ReportRtMidiError);
                 } catch (const RtMidiError&) {
                     alsaOut_.reset();
@@ -242,70 +217,7 @@ class SystemPortList {
         }
     }
 
-#ifdef VELT_HAVE_JACK
-    static void OnJackShutdown_(void* self) {
-        static_cast<SystemPortList*>(self)->jackShutDown_.store(true);
-    }
-
-    // Closing a client whose server has gone only reports that the server is not running.
-    void CloseJackClient_() {
-        if (jack_ != nullptr) {
-            quietJackMessages = true;
-            jack_client_close(jack_);
-            quietJackMessages = false;
-            jack_ = nullptr;
-        }
-    }
-
-    jack_client_t* JackClient_() {
-        const auto now = std::chrono::steady_clock::now();
-        if (jackShutDown_.load()) {
-            CloseJackClient_();
-        }
-        if (jack_ == nullptr && now >= nextJackAttempt_) {
-            static std::once_flag handlers;
-            std::call_once(handlers, [] {
-                jack_set_error_function(&PrintJackMessage);
-                jack_set_info_function(&PrintJackMessage);
-            });
-            quietJackMessages = true;
-            jack_status_t status{};
-            jack_ = jack_client_open(kClientName, JackNoStartServer, &status);
-            quietJackMessages = false;
-            if (jack_ == nullptr) {
-                nextJackAttempt_ = now + std::chrono::seconds(1);
-            } else {
-                jackShutDown_.store(false);
-                jack_on_shutdown(jack_, &SystemPortList::OnJackShutdown_, this);
-            }
-        }
-        return jack_;
-    }
-
-    // A destination is a JACK MIDI port that takes input; a source one that gives output.
-    void ListJack_(bool outputs, std::vector<PortRef>& ports) {
-        jack_client_t* client = JackClient_();
-        if (client == nullptr) {
-            return;
-        }
-        const char** names = jack_get_ports(client, nullptr, JACK_DEFAULT_MIDI_TYPE,
-                                            outputs ? JackPortIsInput : JackPortIsOutput);
-        if (names == nullptr) {
-            return;
-        }
-        for (const char** name = names; *name != nullptr; ++name) {
-            ports.push_back(PortRef{RtMidi::UNIX_JACK, *name});
-        }
-        jack_free(static_cast<void*>(names));
-    }
-
-    jack_client_t* jack_ = nullptr;
-    std::atomic<bool> jackShutDown_{false};
-    std::chrono::steady_clock::time_point nextJackAttempt_{};
-#endif
-
     std::mutex mutex_;
-    std::vector<RtMidi::Api> apis_;
     bool alsaTried_ = false;
     std::unique_ptr<RtMidiOut> alsaOut_;
     std::unique_ptr<RtMidiIn> alsaIn_;
@@ -322,12 +234,14 @@ void AppendSystemOutputs(std::vector<std::shared_ptr<OutputPort>>& ports) {
     for (PortRef& ref : SystemPorts().List(true)) {
         ports.push_back(std::make_shared<RtMidiOutputPort>(std::move(ref)));
     }
+    AppendJackOutputs(ports);
 }
 
 void AppendSystemInputs(std::vector<std::shared_ptr<InputPort>>& ports) {
     for (PortRef& ref : SystemPorts().List(false)) {
         ports.push_back(std::make_shared<RtMidiInputPort>(std::move(ref)));
     }
+    AppendJackInputs(ports);
 }
 
 }  // namespace velt_platform::detail
