@@ -9,6 +9,7 @@
 #include <iterator>
 #include <latch>
 #include <memory>
+#include <optional>
 
 #include "platform/virtual_midi.h"
 #include "platform_midi_support.h"
@@ -531,6 +532,50 @@ TEST(PlatformMidiPlain, DestroyedVirtualOutputLeavesAnOpenHandleWithoutDevice) {
     }
     EXPECT_EQ(midiOutShortMsg(out, 0x643C90), MIDIERR_NODEVICE);
     EXPECT_EQ(midiOutClose(out), MMSYSERR_NOERROR);
+}
+
+// A device that goes away under a playing stream: the stream notices at its next event, hands
+// back the packet it was playing and those queued behind it, and refuses further packets with the
+// device's own error, while stop, unprepare and close still tidy up.
+TEST(PlatformMidiStreamLoss, ADeviceGoneMidStreamHandsPacketsBackAndRefusesMore) {
+    std::optional<VirtualMidiOutput> port(std::in_place, "Unplugged Stream");
+    CallbackLog log;
+    HMIDISTRM stream = nullptr;
+    UINT device = *port->DeviceId();
+    ASSERT_EQ(midiStreamOpen(&stream, &device, 1, CallbackLog::Function(), log.Instance(),
+                             CALLBACK_FUNCTION),
+              MMSYSERR_NOERROR);
+    const auto out = AsOut(stream);
+    std::array<StreamPacket, 4> packets;
+    for (auto& packet : packets) {
+        packet.AddShort(0x90, 60, 100);
+        packet.AddShort(0x80, 60, 0);
+        ASSERT_EQ(midiOutPrepareHeader(out, packet.Header(), sizeof(MIDIHDR)), MMSYSERR_NOERROR);
+    }
+    ASSERT_EQ(midiStreamRestart(stream), MMSYSERR_NOERROR);
+    ASSERT_EQ(midiStreamOut(stream, packets[0].Header(), sizeof(MIDIHDR)), MMSYSERR_NOERROR);
+    ASSERT_TRUE(log.WaitFor(MOM_DONE, 1));
+    EXPECT_EQ(port->Messages().size(), 2u);
+
+    ASSERT_EQ(midiStreamPause(stream), MMSYSERR_NOERROR);
+    ASSERT_EQ(midiStreamOut(stream, packets[1].Header(), sizeof(MIDIHDR)), MMSYSERR_NOERROR);
+    ASSERT_EQ(midiStreamOut(stream, packets[2].Header(), sizeof(MIDIHDR)), MMSYSERR_NOERROR);
+    port.reset();
+    ASSERT_EQ(midiStreamRestart(stream), MMSYSERR_NOERROR);
+    ASSERT_TRUE(log.WaitFor(MOM_DONE, 3));
+    const auto done = log.Of(MOM_DONE);
+    EXPECT_EQ(HeaderOf(done[1]), packets[1].Header());
+    EXPECT_EQ(HeaderOf(done[2]), packets[2].Header());
+    EXPECT_EQ(packets[2].Header()->dwFlags, MHDR_PREPARED | MHDR_DONE | MHDR_ISSTRM);
+
+    EXPECT_EQ(midiStreamOut(stream, packets[3].Header(), sizeof(MIDIHDR)), MIDIERR_NODEVICE);
+    EXPECT_EQ(packets[3].Header()->dwFlags & MHDR_INQUEUE, 0u);
+    EXPECT_EQ(midiStreamStop(stream), MMSYSERR_NOERROR);
+    for (auto& packet : packets) {
+        EXPECT_EQ(midiOutUnprepareHeader(out, packet.Header(), sizeof(MIDIHDR)), MMSYSERR_NOERROR);
+    }
+    EXPECT_EQ(midiStreamClose(stream), MMSYSERR_NOERROR);
+    EXPECT_EQ(log.Of(MOM_DONE).size(), 3u);
 }
 
 TEST(PlatformMidiFile, WritesFormatZeroWithMillisecondTicks) {

@@ -7,6 +7,13 @@
 // the calls that must return buffers (stop, reset, close) queue the callbacks for the service
 // thread and wait until it has made them.
 //
+// A device can go away under an open handle (a virtual device destroyed, a JACK destination
+// gone): its Send then answers MIDIERR_NODEVICE. The first time a stream event meets that answer
+// the handle is lost: the rest of that packet is not played, it and every queued packet come
+// back with MOM_DONE as a stop would hand them back, and from then on midiStreamOut and
+// midiOutLongMsg refuse with MIDIERR_NODEVICE, so the sender learns of the loss from the next
+// call it makes. Stop, restart, unprepare and close keep working, so the owner can tidy up.
+//
 // Locks: the handle table mutex (only to find, add or remove a handle; never held while a
 // handle's mutex is taken), then a handle's mutex. A port's own mutex is taken inside Send with
 // no handle mutex held.
@@ -143,6 +150,9 @@ class OutputHandle {
         if (closed_) {
             return MMSYSERR_INVALHANDLE;
         }
+        if (lost_) {
+            return MIDIERR_NODEVICE;
+        }
         if ((header->dwFlags & MHDR_PREPARED) == 0) {
             return MIDIERR_UNPREPARED;
         }
@@ -165,6 +175,9 @@ class OutputHandle {
         }
         if ((header->dwFlags & MHDR_INQUEUE) != 0) {
             return MIDIERR_STILLPLAYING;
+        }
+        if (lost_) {
+            return MIDIERR_NODEVICE;
         }
         if (header->dwBytesRecorded > header->dwBufferLength) {
             return MMSYSERR_INVALPARAM;
@@ -329,13 +342,7 @@ class OutputHandle {
         state_ = State::Stopped;
         streamRunningStatus_ = 0;
         PushNotice_(Notice{release});
-        for (const QueuedPacket& packet : stream_) {
-            if (!packet.ticket.loseCompletion) {
-                MarkDone(packet.header);
-                PushNotice_(Notice{Notice::Kind::Callback, MOM_DONE, packet.header});
-            }
-        }
-        stream_.clear();
+        HandBackStream_();
         for (LPMIDIHDR header : long_) {
             MarkDone(header);
             PushNotice_(Notice{Notice::Kind::Callback, MOM_DONE, header});
@@ -345,6 +352,18 @@ class OutputHandle {
             const std::uint64_t target = noticesQueued_;
             delivered_.wait(lock, [this, target] { return noticesDelivered_ >= target; });
         }
+    }
+
+    // Queues MOM_DONE for every stream packet, in queue order (not for those whose device loses
+    // completions), and empties the stream queue.
+    void HandBackStream_() {
+        for (const QueuedPacket& packet : stream_) {
+            if (!packet.ticket.loseCompletion) {
+                MarkDone(packet.header);
+                PushNotice_(Notice{Notice::Kind::Callback, MOM_DONE, packet.header});
+            }
+        }
+        stream_.clear();
     }
 
     void Deliver_(const Notice& notice) {
@@ -492,8 +511,14 @@ class OutputHandle {
         if (!message.empty()) {
             const std::uint64_t index = packet.ticket.index;
             lock.unlock();
-            port_->Send(message, index);
+            const MMRESULT sent = port_->Send(message, index);
             lock.lock();
+            // A stop or close may have emptied the queue while the lock was released; then the
+            // packets are already on their way back.
+            if (sent == MIDIERR_NODEVICE && !lost_ && !stream_.empty()) {
+                lost_ = true;
+                HandBackStream_();
+            }
         }
         return std::nullopt;
     }
@@ -511,6 +536,7 @@ class OutputHandle {
     bool closed_ = false;
     bool quit_ = false;
     bool longInFlight_ = false;
+    bool lost_ = false;  // the device went away; see the file comment
     State state_ = State::Stopped;
     std::deque<QueuedPacket> stream_;
     std::deque<LPMIDIHDR> long_;
