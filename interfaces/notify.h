@@ -152,6 +152,8 @@ extern CallbackDispatcher callbackDispatcher;
 /// engine passes these constants, never literals.
 namespace names {
 extern const std::string disarmedPlayback;
+/// The connected MIDI output device went away; payload: const std::string* with its name.
+extern const std::string midiOutputDeviceLost;
 extern const std::string currentProgramIds;
 extern const std::string midiSourceConnected;
 extern const std::string midiCommandLearned;

@@ -12,6 +12,7 @@
 #include <limits>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <string>
 #include <thread>
@@ -19,10 +20,13 @@
 
 #include "apps/song_player.h"
 #include "interfaces/kit.h"
+#include "interfaces/notify.h"
 #include "midi/how_to_play.h"
 #include "midi/midi_stream_collection.h"
 #include "midi/user_controls.h"
+#include "midi/velt_midi_error.h"
 #include "midi/win32/midi_buffer_win32.h"
+#include "midi/win32/midi_device_info.h"
 #include "midi/win32/midi_output_win32.h"
 #include "midi/win32/standard_midi_clock_impl.h"
 #include "platform/virtual_midi.h"
@@ -123,6 +127,64 @@ std::vector<Message> Flatten(const std::vector<std::vector<Message>>& packets) {
         messages.insert(messages.end(), packet.begin(), packet.end());
     return messages;
 }
+
+// A song of quarter notes long enough to change devices in the middle of it.
+velt_midi::SongData QuarterNotes(int bars) {
+    auto song = velt_core::SongBuilder("Quarters", 480).Tempo(0, 600).Meter(0, 4, 4).Bars(bars);
+    for (std::uint32_t tick = 0; tick < static_cast<std::uint32_t>(bars) * 1920; tick += 480) {
+        song.Note(0x00, tick, static_cast<std::uint8_t>(48 + tick / 480 % 36), 80, 400);
+    }
+    return *song.Build();
+}
+
+// The log lines written while it lives.
+class LogLines {
+  public:
+    LogLines()
+        : previous_(kit::SetLogSink([this](const std::string& line) {
+              std::scoped_lock lock(mutex_);
+              lines_.push_back(line);
+          })) {}
+    ~LogLines() { kit::SetLogSink(previous_); }
+    std::size_t CountStartingWith(const std::string& prefix) {
+        std::scoped_lock lock(mutex_);
+        return static_cast<std::size_t>(
+            std::count_if(lines_.begin(), lines_.end(),
+                          [&](const std::string& line) { return line.rfind(prefix, 0) == 0; }));
+    }
+
+  private:
+    std::mutex mutex_;
+    std::vector<std::string> lines_;
+    kit::LogSink previous_;
+};
+
+// The device-lost notifications posted while it lives: the device names, in order.
+class LostDevices {
+  public:
+    LostDevices() {
+        notify::callbackDispatcher.AddCallback(
+            notify::names::midiOutputDeviceLost, this, [this](void* payload) {
+                std::scoped_lock lock(mutex_);
+                names_.push_back(*static_cast<std::string*>(payload));
+                changed_.notify_all();
+            });
+    }
+    ~LostDevices() { notify::callbackDispatcher.RemoveCallbacksForTarget(this); }
+    bool WaitFor(std::size_t count) {
+        std::unique_lock lock(mutex_);
+        return changed_.wait_for(lock, 20s, [&] { return names_.size() >= count; });
+    }
+    std::vector<std::string> Names() {
+        std::scoped_lock lock(mutex_);
+        return names_;
+    }
+
+  private:
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::vector<std::string> names_;
+};
 
 }  // namespace
 
@@ -245,4 +307,96 @@ TEST(Playback, APacketTheServiceNeverReturnsIsQuarantinedAndPlaybackGoesOn) {
             " data buffer 0 will be quarantined."));
     EXPECT_TRUE(
         has("WARNING: Main Buffer ", " has 1 quarantined data buffers after midiStreamStop."));
+}
+
+TEST(PlaybackDevices, ADeviceThatGoesAwayIsReportedOnceAndReopenedByNameWhenItIsBack) {
+    velt_platform::VirtualMidiOutput other("Stage Right");
+    std::optional<velt_platform::VirtualMidiOutput> left(std::in_place, "Stage Left");
+    LogLines log;
+    LostDevices lost;
+    Host host(QuarterNotes(8));
+    host.Output().CreateSynthOutput("Stage Left");
+    host.Play(0);
+    ASSERT_TRUE(left->WaitForMessages(8, 20s));
+    left.reset();  // unplugged mid-song
+
+    ASSERT_TRUE(lost.WaitFor(1));
+    EXPECT_EQ(lost.Names(), std::vector<std::string>{"Stage Left"});
+    EXPECT_TRUE(host.Output().GetSynthIsLost());
+    EXPECT_EQ(log.CountStartingWith("[ERROR] MIDI output device \"Stage Left\" is no longer "
+                                    "connected (midi/Sources/win32/win_synth line 166: calling "
+                                    "midiStreamOut caused error 68, MIDIERR_NODEVICE port no "
+                                    "longer connected.)"),
+              1u);
+
+    // Plugged in again: it comes back under another device id, and is found by its name.
+    left.emplace("Stage Left");
+    ASSERT_EQ(FindMidiOutDevice("Stage Left"), left->DeviceId());
+    host.Output().CreateSynthOutput("Stage Left");
+    EXPECT_FALSE(host.Output().GetSynthIsLost());
+    ASSERT_TRUE(host.WaitForStops(1));
+    auto packets = Packets(*left);
+    ASSERT_GE(packets.size(), 2u);
+    EXPECT_EQ(packets.back(), AllNotesOffMessages());
+    EXPECT_TRUE(other.Messages().empty());
+    EXPECT_GT(host.Output().GetDroppedSendCount(), 0u);
+    EXPECT_EQ(log.CountStartingWith("Header is not prepared."), 0u);
+    EXPECT_EQ(log.CountStartingWith("[ERROR]"), 1u);
+    EXPECT_EQ(lost.Names().size(), 1u);
+}
+
+TEST(PlaybackDevices, SwitchingDevicesMidSongSendsEveryPeriodToExactlyOneOfThem) {
+    velt_platform::VirtualMidiOutput left("Stage Left");
+    velt_platform::VirtualMidiOutput right("Stage Right");
+    LogLines log;
+    Host host(QuarterNotes(6));
+    host.Play(0);
+    ASSERT_TRUE(left.WaitForMessages(4, 20s));
+    // Asking again for the device in use keeps playing on it.
+    host.Output().CreateSynthOutput();
+    host.Output().CreateSynthOutput("Stage Left");
+    EXPECT_THROW(host.Output().CreateSynthOutput("Stage Centre"), MidiDeviceUnavailable);
+    ASSERT_TRUE(left.WaitForMessages(8, 20s));
+    host.Output().CreateSynthOutput("Stage Right");
+    EXPECT_EQ(host.Output().GetSynthDeviceName(), "Stage Right");
+    ASSERT_TRUE(host.WaitForStops(1));
+
+    auto onRight = Packets(right);
+    ASSERT_GE(onRight.size(), 2u);
+    EXPECT_EQ(onRight.back(), AllNotesOffMessages());
+    onRight.pop_back();
+    auto sent = Packets(left);
+    sent.insert(sent.end(), onRight.begin(), onRight.end());
+    EXPECT_EQ(sent, ExpectedPackets(host.Filled(), std::numeric_limits<std::uint32_t>::max()));
+    // Leaving the first device released what it was still holding.
+    std::vector<Message> heardOnLeft;
+    for (const auto& message : left.Messages())
+        heardOnLeft.push_back(message.bytes);
+    EXPECT_TRUE(HeldNotes(heardOnLeft).empty());
+    EXPECT_EQ(host.Output().GetDroppedSendCount(), 0u);
+    EXPECT_EQ(log.CountStartingWith("[ERROR]"), 0u);
+}
+
+TEST(PlaybackDevices, AFailingSendDropsItsPeriodLogsOnceAndTheSongStillEnds) {
+    velt_platform::VirtualMidiOutput device("Stage Left");
+    LogLines log;
+    Host host(QuarterNotes(4));
+    {
+        // Break one packet of the ring behind the output's back: it fails every time it comes
+        // round again.
+        std::scoped_lock client(*host.Output().GetClientMutex());
+        auto buffer = std::dynamic_pointer_cast<MidiBufferWin32>(host.Output().GetPlayBuffer());
+        std::scoped_lock lock(buffer->GetMutex());
+        auto packet = buffer->GetDataBuffer(0);
+        packet->UnprepareHeader(packet->GetPreparedOutputHandle());
+    }
+    host.Play(0);
+    ASSERT_TRUE(host.WaitForStops(1));
+    EXPECT_GT(host.Output().GetDroppedSendCount(), 1u);
+    EXPECT_EQ(log.CountStartingWith("[ERROR]"), 1u);
+    EXPECT_EQ(log.CountStartingWith("[ERROR] Sending to MIDI output device \"Stage Left\" failed: "
+                                    "Header is not prepared. The period is dropped; later "
+                                    "failures are only counted."),
+              1u);
+    EXPECT_EQ(Packets(device).back(), AllNotesOffMessages());
 }

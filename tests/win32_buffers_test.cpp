@@ -19,8 +19,8 @@ namespace {
 // ever queued on it, so the completion callback is not needed.
 class OpenStream {
   public:
-    OpenStream() : device_("Buffers Test Out") {
-        UINT deviceId = 0;
+    explicit OpenStream(const char* name = "Buffers Test Out") : device_(name) {
+        UINT deviceId = *device_.DeviceId();
         EXPECT_EQ(midiStreamOpen(&stream_, &deviceId, 1, 0, 0, CALLBACK_NULL), MMSYSERR_NOERROR);
     }
     ~OpenStream() { midiStreamClose(stream_); }
@@ -126,6 +126,24 @@ TEST(DataBuffer, HeadersArePreparedWithTheEventsLengthAndMovedBuffersKeepTheirHe
             0u)
             << error.what();
     }
+}
+
+// Moving to another device connects the new one before the old one is disconnected: the header
+// passes to the new handle, and the old device's disconnect must not take it away again.
+TEST(DataBuffer, AHeaderPassesToANewDeviceAndOnlyTheHandleHoldingItUnpreparesIt) {
+    OpenStream first("Buffers First Out");
+    OpenStream second("Buffers Second Out");
+    DataBuffer buffer(120, 0, "b");
+    buffer.PrepareHeader(first.Handle());
+    buffer.PrepareHeader(second.Handle());
+    EXPECT_EQ(buffer.GetPreparedOutputHandle(), second.Handle());
+    buffer.UnprepareHeader(first.Handle());
+    EXPECT_TRUE(buffer.GetHeaderIsPrepared());
+    EXPECT_EQ(buffer.GetPreparedOutputHandle(), second.Handle());
+    EXPECT_NE(buffer.GetMidiHeader()->dwFlags & MHDR_PREPARED, 0u);
+    buffer.UnprepareHeader(second.Handle());
+    EXPECT_FALSE(buffer.GetHeaderIsPrepared());
+    EXPECT_EQ(buffer.GetMidiHeader()->dwFlags & MHDR_PREPARED, 0u);
 }
 
 TEST(MidiBufferWin32, PortsAfterTheFirstForceChannelFifteenAndOnlyPortZeroIsStamped) {

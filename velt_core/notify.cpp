@@ -12,6 +12,7 @@ CallbackDispatcher callbackDispatcher;
 
 namespace names {
 const std::string disarmedPlayback = "disarmedPlayback";
+const std::string midiOutputDeviceLost = "midiOutputDeviceLost";
 const std::string currentProgramIds = "currentProgramIds";
 const std::string midiSourceConnected = "midiSourceConnected";
 const std::string midiCommandLearned = "midiCommandLearned";

@@ -26,6 +26,11 @@
 /// A packet the service does not hand back in time is quarantined by its owner and stays in use
 /// until it is returned; it is unprepared only after that.
 ///
+/// A header is unprepared only by the handle that prepared it. When the output moves to a new
+/// device it connects the new one first (each header is handed over: unprepared by the old handle,
+/// prepared by the new) and disconnects the old one afterwards; that disconnect then leaves alone
+/// the headers that already belong to the new device.
+///
 /// Threads: the sender (the clock thread's send step) and the stream service's callback thread.
 /// Locks: the in-use mutex, around `inUse` only; the done condition pairs with it.
 class DataBuffer {
@@ -70,13 +75,16 @@ class DataBuffer {
     /// "<name> data buffer <port>".
     std::string GetBufferName() const;
 
-    /// Sets the header's lengths to 12 × event count and prepares it with the handle; a failure
-    /// throws MidiImplementationError naming midi/Sources/win32/data_buffer line 225.
+    /// Sets the header's lengths to 12 × event count and prepares it with the handle, first
+    /// unpreparing it from another handle it was prepared with; a failure throws
+    /// MidiImplementationError naming midi/Sources/win32/data_buffer line 225 (242 for the
+    /// unprepare).
     void PrepareHeader(HMIDIOUT handle);
     /// Sets the header's buffer length and bytes recorded to 12 × event count, just before the
     /// packet is queued: the service plays dwBytesRecorded bytes.
     void SetHeaderLengthsToEventCount();
-    /// Unprepares the header; a failure throws MidiImplementationError (line 242).
+    /// Unprepares the header; a failure throws MidiImplementationError (line 242). Does nothing
+    /// when the header is prepared with another handle: it belongs to that device now.
     void UnprepareHeader(HMIDIOUT handle);
     bool GetHeaderIsPrepared() const { return headerIsPrepared_; }
     HMIDIOUT GetPreparedOutputHandle() const { return preparedHandle_; }

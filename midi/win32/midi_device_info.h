@@ -2,6 +2,7 @@
 // error messages.
 #pragma once
 
+#include <optional>
 #include <string>
 
 #include "platform/mmsystem.h"
@@ -19,5 +20,11 @@ std::string GetMidiOutDeviceInformation(UINT index);
 std::string GetMidiOutDevCapsAsString(const MIDIOUTCAPSW& capabilities);
 /// The capabilities' wide product name as a narrow string (UTF-8).
 std::string GetProductName(const WCHAR* name);
+/// The product name of output device `index`, or empty when its capabilities cannot be read.
+std::optional<std::string> GetMidiOutDeviceName(UINT index);
+/// The id of the first output device whose product name is exactly `name`, if one is listed now.
+/// Device ids move as devices come and go; a host that re-opens a device after it was lost finds
+/// it again by name.
+std::optional<UINT> FindMidiOutDevice(const std::string& name);
 /// The device technology ("MOD_SYNTH: Synthesizer.").
 std::string GetTechnologyAsString(const MIDIOUTCAPSW& capabilities);

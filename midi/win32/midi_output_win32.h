@@ -2,8 +2,12 @@
 // sends one buffer of the ring per MIDI clock.
 #pragma once
 
+#include <atomic>
+#include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
+#include <string>
 
 #include "midi/midi_output.h"
 #include "midi/win32/delayed_gui.h"
@@ -12,9 +16,18 @@
 
 /// Threads: the clock thread runs the send step (ProcessMidiClock, registered as the clock's
 /// callback at construction); the client's thread creates the device, disarms, resets and
-/// changes the display delay. Locks, in order: the client mutex (the whole send step), then the
-/// output mutex together with the play buffer's mutex; the DelayedGui's state mutex is taken
-/// after the output mutex.
+/// changes the display delay. Locks, in order: the client mutex (the whole send step, and every
+/// change of device), then the output mutex together with the play buffer's mutex; the
+/// DelayedGui's state mutex is taken after the output mutex.
+///
+/// Send failures never stop the ring: a period whose packets cannot be sent is dropped and counted
+/// (GetDroppedSendCount); the first failure on a device is logged, later ones only counted; the
+/// song keeps its time and ends as usual. A device that went away is
+/// reported once, by a log line and the notification notify::names::midiOutputDeviceLost (its
+/// payload is a const std::string* with the device's name, valid during the call), posted on the
+/// clock's thread after the output's locks are released, as disarmedPlayback is. Nothing more is
+/// sent to that device; the host opens it again by name (CreateSynthOutput(name)) from its own
+/// thread once FindMidiOutDevice lists it again, and playback goes on there.
 class MidiOutputWin32 : public MidiOutput {
   public:
     /// The display delay at construction, in seconds.
@@ -31,9 +44,20 @@ class MidiOutputWin32 : public MidiOutput {
     /// (for instance StandardMidiClockImpl::WaitUntilStopped).
     ~MidiOutputWin32() override;
 
-    /// Opens the stream device and connects the ports to it, replacing (and only then
-    /// disconnecting) an earlier device. Throws MidiDeviceUnavailable.
+    /// Opens stream device 0 and connects the ports to it, replacing (and only then
+    /// disconnecting) an earlier device. When device 0 is the device already connected and it
+    /// still works, playback simply goes on there. Takes the client mutex. Throws
+    /// MidiDeviceUnavailable.
     void CreateSynthOutput() override;
+    /// The same for the output device listed now under the product name `deviceName`. Throws
+    /// MidiDeviceUnavailable when none is listed or it cannot be opened.
+    void CreateSynthOutput(const std::string& deviceName);
+    /// The product name of the connected device ("" before one is connected).
+    std::string GetSynthDeviceName();
+    /// Whether the connected device went away (see the class comment).
+    bool GetSynthIsLost();
+    /// Sends of the send step that failed or were skipped for a lost device, since construction.
+    std::uint64_t GetDroppedSendCount() const { return droppedSends_.load(); }
     void CreateAudioUnitOutput(const velt_midi::VoiceData&) override {}
     void CreateKeysOutput() override {}
     /// Disarms, then cleans up quarantined packets and drops pending display callbacks.
@@ -52,9 +76,22 @@ class MidiOutputWin32 : public MidiOutput {
 
   private:
     void SetGuiDelay_(double seconds);
+    void ConnectSynth_(UINT deviceId);
+    // One send of the step (a panic or the period's packets). A failure is counted and reported,
+    // never thrown: the step must go on so that the ring keeps moving.
+    void SendGuarded_(const std::function<void()>& send);
+    // Posts the device-lost notification owed by a send of this step, if any. Called with only
+    // the client mutex held.
+    void PostDeviceLost_();
 
     MidiOutputPortsWin32 ports_;
     std::unique_ptr<WinSynth> synth_;
     WinSynth* connectedSynth_ = nullptr;
     DelayedGui delayedGui_;
+    // Send-failure state of the connected device; the send step and device changes touch it,
+    // both under the client mutex.
+    bool failureReported_ = false;
+    bool lossReported_ = false;
+    bool lossToPost_ = false;
+    std::atomic<std::uint64_t> droppedSends_{0};
 };

@@ -2,7 +2,9 @@
 // waits for the service to hand it back.
 #pragma once
 
+#include <atomic>
 #include <mutex>
+#include <string>
 
 #include "platform/mmsystem.h"
 
@@ -18,11 +20,17 @@ class Synth {
 /// restarts, stops and closes, and the stream service's callback thread completes packets (it
 /// touches only the packet's in-use state). Locks: its own mutex around each send, so that one
 /// packet is in flight at a time; the packet's in-use mutex inside.
+///
+/// A device that goes away while open (unplugged, its port gone) is not closed by the service:
+/// the next midiStreamOut answers MIDIERR_NODEVICE. The device then counts as lost for good
+/// (GetIsLost); the owner stops sending to it and opens the device again, when it is back, as a
+/// new WinSynth.
 class WinSynth : public Synth {
   public:
-    /// Opens stream device 0 with the completion callback; no stream properties are set (every
-    /// event has delta time 0). Throws MidiDeviceUnavailable with the device summary on failure.
-    WinSynth();
+    /// Opens stream device `deviceId` with the completion callback; no stream properties are set
+    /// (every event has delta time 0). Throws MidiDeviceUnavailable with the device summary on
+    /// failure.
+    explicit WinSynth(UINT deviceId = 0);
     WinSynth(const WinSynth&) = delete;
     WinSynth& operator=(const WinSynth&) = delete;
     /// Closes the stream.
@@ -39,6 +47,11 @@ class WinSynth : public Synth {
     void Stop();
 
     HMIDISTRM GetStreamHandle() const { return stream_; }
+    UINT GetDeviceId() const { return deviceId_; }
+    /// The device's product name as it was listed when it was opened.
+    const std::string& GetDeviceName() const { return deviceName_; }
+    /// The device went away under the open stream (see the class comment). Any thread.
+    bool GetIsLost() const { return lost_.load(); }
     /// The stream handle as the output handle headers are prepared with.
     HMIDIOUT GetOutputHandle() const { return reinterpret_cast<HMIDIOUT>(stream_); }
 
@@ -49,4 +62,7 @@ class WinSynth : public Synth {
   private:
     std::mutex mutex_;
     HMIDISTRM stream_ = nullptr;
+    UINT deviceId_;
+    std::string deviceName_;
+    std::atomic<bool> lost_{false};
 };

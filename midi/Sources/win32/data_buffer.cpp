@@ -120,6 +120,9 @@ std::string DataBuffer::GetBufferName() const {
 }
 
 void DataBuffer::PrepareHeader(HMIDIOUT handle) {
+    if (headerIsPrepared_ && preparedHandle_ != handle) {
+        UnprepareHeader(preparedHandle_);
+    }
     SetHeaderLengthsToEventCount();
     ThrowIfFailed(midiOutPrepareHeader(handle, &header_, sizeof(MIDIHDR)), prepareHeaderLine,
                   "calling midiOutPrepareHeader");
@@ -133,6 +136,9 @@ void DataBuffer::SetHeaderLengthsToEventCount() {
 }
 
 void DataBuffer::UnprepareHeader(HMIDIOUT handle) {
+    if (headerIsPrepared_ && preparedHandle_ != handle) {
+        return;
+    }
     ThrowIfFailed(midiOutUnprepareHeader(handle, &header_, sizeof(MIDIHDR)), unprepareHeaderLine,
                   "calling midiOutUnprepareHeader");
     headerIsPrepared_ = false;

@@ -158,6 +158,24 @@ std::string GetMidiOutDeviceInformation(UINT index) {
     return text.str();
 }
 
+std::optional<std::string> GetMidiOutDeviceName(UINT index) {
+    MIDIOUTCAPSW capabilities{};
+    if (midiOutGetDevCapsW(index, &capabilities, sizeof(MIDIOUTCAPSW)) != MMSYSERR_NOERROR) {
+        return std::nullopt;
+    }
+    return GetProductName(capabilities.szPname);
+}
+
+std::optional<UINT> FindMidiOutDevice(const std::string& name) {
+    const UINT count = midiOutGetNumDevs();
+    for (UINT index = 0; index < count; ++index) {
+        if (GetMidiOutDeviceName(index) == name) {
+            return index;
+        }
+    }
+    return std::nullopt;
+}
+
 std::string CreateMidiDeviceSummary() {
     UINT count = midiOutGetNumDevs();
     if (count == 0) {

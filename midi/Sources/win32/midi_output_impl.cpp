@@ -5,6 +5,7 @@
 #include "interfaces/kit.h"
 #include "interfaces/notify.h"
 #include "midi/velt_midi_error.h"
+#include "midi/win32/midi_device_info.h"
 #include "midi/win32/midi_output_win32.h"
 
 namespace {
@@ -38,7 +39,28 @@ MidiOutputWin32::~MidiOutputWin32() {
 }
 
 void MidiOutputWin32::CreateSynthOutput() {
-    auto synth = std::make_unique<WinSynth>();
+    ConnectSynth_(0);
+}
+
+void MidiOutputWin32::CreateSynthOutput(const std::string& deviceName) {
+    const std::optional<UINT> deviceId = FindMidiOutDevice(deviceName);
+    if (!deviceId) {
+        throw MidiDeviceUnavailable("CreateSynthOutput() error: no MIDI output device named \"" +
+                                    deviceName + "\"\n" + CreateMidiDeviceSummary());
+    }
+    ConnectSynth_(*deviceId);
+}
+
+void MidiOutputWin32::ConnectSynth_(UINT deviceId) {
+    // Under the client mutex no send step is running, so no packet is in flight while the ports
+    // move from one device to the other.
+    std::scoped_lock client(*GetClientMutex());
+    if (connectedSynth_ != nullptr && !connectedSynth_->GetIsLost() &&
+        connectedSynth_->GetDeviceId() == deviceId &&
+        GetMidiOutDeviceName(deviceId) == connectedSynth_->GetDeviceName()) {
+        return;  // already playing there; a second open would only find the device in use
+    }
+    auto synth = std::make_unique<WinSynth>(deviceId);
     ports_.ConnectSynth(*synth);
     // The earlier device stays open until it is disconnected: its packets may still be queued.
     if (connectedSynth_ != nullptr) {
@@ -46,6 +68,59 @@ void MidiOutputWin32::CreateSynthOutput() {
     }
     synth_ = std::move(synth);
     connectedSynth_ = synth_.get();
+    failureReported_ = false;
+    lossReported_ = false;
+    lossToPost_ = false;
+}
+
+std::string MidiOutputWin32::GetSynthDeviceName() {
+    std::scoped_lock client(*GetClientMutex());
+    return connectedSynth_ != nullptr ? connectedSynth_->GetDeviceName() : std::string();
+}
+
+bool MidiOutputWin32::GetSynthIsLost() {
+    std::scoped_lock client(*GetClientMutex());
+    return connectedSynth_ != nullptr && connectedSynth_->GetIsLost();
+}
+
+void MidiOutputWin32::SendGuarded_(const std::function<void()>& send) {
+    if (connectedSynth_ != nullptr && connectedSynth_->GetIsLost()) {
+        ++droppedSends_;  // reported once, when the loss was found
+        return;
+    }
+    try {
+        send();
+    } catch (const std::exception& error) {
+        ++droppedSends_;
+        const std::string device =
+            connectedSynth_ != nullptr ? connectedSynth_->GetDeviceName() : std::string();
+        if (connectedSynth_ != nullptr && connectedSynth_->GetIsLost()) {
+            if (!lossReported_) {
+                lossReported_ = true;
+                lossToPost_ = true;
+                kit::CoutBuffer() << "[ERROR] MIDI output device \"" << device
+                                  << "\" is no longer connected (" << error.what()
+                                  << ") Playback goes on without it until it is opened again."
+                                  << kit::endl;
+            }
+        } else if (!failureReported_) {
+            // A fault that repeats would otherwise write a line per period, hundreds a second.
+            failureReported_ = true;
+            kit::CoutBuffer() << "[ERROR] Sending to MIDI output device \"" << device
+                              << "\" failed: " << error.what()
+                              << " The period is dropped; later failures are only counted."
+                              << kit::endl;
+        }
+    }
+}
+
+void MidiOutputWin32::PostDeviceLost_() {
+    if (!lossToPost_) {
+        return;
+    }
+    lossToPost_ = false;
+    std::string device = connectedSynth_ != nullptr ? connectedSynth_->GetDeviceName() : "";
+    notify::callbackDispatcher.Notify(notify::names::midiOutputDeviceLost, &device);
 }
 
 void MidiOutputWin32::DisarmPlayback() {
@@ -97,25 +172,28 @@ void MidiOutputWin32::ProcessMidiClock(double bpm) {
 
         if (buffer->GetIsLastBuffer()) {
             // The last buffer's own events are not sent: the song ends in silence.
-            AllNotesOff();
+            SendGuarded_([this] { AllNotesOff(); });
             bufferLock.unlock();
             outputLock.unlock();
             DisarmPlayback();
             SignalAsyncStoppedCallback();
+            PostDeviceLost_();
             return;
         }
         // A panic goes out before the period's own events, and only one per period.
         if (buffer->GetShouldSendAllNotesOff()) {
-            AllNotesOff();
+            SendGuarded_([this] { AllNotesOff(); });
         } else if (buffer->GetShouldSendAllCCsOff()) {
-            AllCCsOff();
+            SendGuarded_([this] { AllCCsOff(); });
         }
-        try {
-            GetPorts().SendMidiBuffer(*buffer);
-        } catch (const InvalidVoiceEvent&) {
-            kit::CoutBuffer() << "InvalidVoiceEvent "
-                              << "MidiOutputWin32::ProcessMidiClock" << kit::endl;
-        }
+        SendGuarded_([&] {
+            try {
+                GetPorts().SendMidiBuffer(*buffer);
+            } catch (const InvalidVoiceEvent&) {
+                kit::CoutBuffer() << "InvalidVoiceEvent "
+                                  << "MidiOutputWin32::ProcessMidiClock" << kit::endl;
+            }
+        });
         buffer->SendProgramChanges();
         const unsigned int tick = buffer->GetTickIndex();
         SetBpmAtTickIndex(bpm, tick);
@@ -126,6 +204,7 @@ void MidiOutputWin32::ProcessMidiClock(double bpm) {
         IncrementPlayBufferIndex();
         bufferLock.unlock();
         outputLock.unlock();
+        PostDeviceLost_();
 
         if (DoCheckCaesuraCallback(tick)) {
             DisarmPlayback();

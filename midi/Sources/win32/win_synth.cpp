@@ -22,8 +22,8 @@ constexpr int streamOutDoneSeconds = 3;
 }
 }  // namespace
 
-WinSynth::WinSynth() {
-    UINT deviceId = 0;
+WinSynth::WinSynth(UINT deviceId)
+    : deviceId_(deviceId), deviceName_(GetMidiOutDeviceName(deviceId).value_or("")) {
     MMRESULT result = midiStreamOpen(&stream_, &deviceId, 1,
                                      reinterpret_cast<DWORD_PTR>(&WinSynth::CompletionCallback),
                                      reinterpret_cast<DWORD_PTR>(this), CALLBACK_FUNCTION);
@@ -71,6 +71,9 @@ void WinSynth::SendPort(MidiBufferWin32* buffer, unsigned char port) {
     MMRESULT result = midiStreamOut(stream_, dataBuffer->GetMidiHeader(), sizeof(MIDIHDR));
     if (result != MMSYSERR_NOERROR) {
         dataBuffer->SignalMidiStreamOutDone();  // the service never took it
+        if (result == MIDIERR_NODEVICE) {
+            lost_ = true;
+        }
         ThrowImplementationError(streamOutLine, "calling midiStreamOut", result);
     }
     if (!dataBuffer->WaitForMidiStreamOutDone(streamOutDoneSeconds)) {
