@@ -15,6 +15,7 @@
 
 #include <algorithm>
 #include <array>
+#include <chrono>
 #include <cstdlib>
 #include <map>
 #include <memory>
@@ -22,6 +23,7 @@
 #include <set>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "platform_midi_support.h"
@@ -262,6 +264,19 @@ std::optional<UINT> FindInput(const std::string& name) {
     return std::nullopt;
 }
 
+// Calls attempt until it gives a value, for at most the hang limit, and returns its last answer.
+// For what the server tells the other clients only some time after it happened.
+template <typename Attempt>
+auto Eventually(Attempt attempt) {
+    const auto deadline = std::chrono::steady_clock::now() + kHangLimit;
+    auto answer = attempt();
+    while (!answer && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        answer = attempt();
+    }
+    return answer;
+}
+
 // Closes a handle that a failed assertion left open, before the callback log it reports to goes.
 template <typename Handle, void (*Release)(Handle)>
 struct Opened {
@@ -288,6 +303,12 @@ using OpenStream = Opened<HMIDISTRM, ReleaseStream>;
 using OpenOutput = Opened<HMIDIOUT, ReleaseOutput>;
 using OpenInput = Opened<HMIDIIN, ReleaseInput>;
 
+// Opens a stream on an output device, its callbacks going to log.
+MMRESULT OpenStreamOn(UINT device, CallbackLog& log, OpenStream& stream) {
+    return midiStreamOpen(&stream.handle, &device, 1, CallbackLog::Function(), log.Instance(),
+                          CALLBACK_FUNCTION);
+}
+
 class PlatformJack : public ::testing::Test {
   protected:
     // The peers live as long as the server: a client that goes away just before the server is
@@ -308,6 +329,7 @@ class PlatformJack : public ::testing::Test {
         server_.reset();
         sink_.reset();
         source_.reset();
+        returned_.reset();
     }
 
     void SetUp() override {
@@ -330,8 +352,9 @@ class PlatformJack : public ::testing::Test {
     }
 
     static inline std::unique_ptr<JackServer> server_;
-    static inline std::unique_ptr<Peer> sink_;    // port vsink:in
-    static inline std::unique_ptr<Peer> source_;  // port vsource:out
+    static inline std::unique_ptr<Peer> sink_;      // port vsink:in
+    static inline std::unique_ptr<Peer> source_;    // port vsource:out
+    static inline std::unique_ptr<Peer> returned_;  // port vreturn:in, made again by a test
 };
 
 }  // namespace
@@ -342,10 +365,7 @@ TEST_F(PlatformJack, StreamPacketsReachAJackPortCompleteAndInOrder) {
     ASSERT_TRUE(device.has_value()) << "the JACK port is not listed as an output device";
     CallbackLog log;
     OpenStream stream;
-    UINT id = *device;
-    ASSERT_EQ(midiStreamOpen(&stream.handle, &id, 1, CallbackLog::Function(), log.Instance(),
-                             CALLBACK_FUNCTION),
-              MMSYSERR_NOERROR);
+    ASSERT_EQ(OpenStreamOn(*device, log, stream), MMSYSERR_NOERROR);
 
     constexpr int kPackets = 40;
     constexpr int kEventsPerPacket = 12;
@@ -480,4 +500,61 @@ TEST_F(PlatformJack, ReopenedDevicesReuseTheParkedPortsOfTheOneServiceClient) {
     const std::map<std::string, std::set<std::string>> parked{{"VELT:VELT In", {}},
                                                               {"VELT:VELT Out", {}}};
     EXPECT_EQ(ours, parked);
+}
+
+// A destination that goes away while devices are open on it (its client ends): sending to it
+// says the device is gone instead of filling a port that nobody reads, a stream still hands its
+// packets back, and once a port of that name is back it is listed again and a device opened on
+// it by name delivers. (Two devices open at once leave a second parked port: this comes after the
+// test that counts them.)
+TEST_F(PlatformJack, ADestinationThatWentAwayIsReportedGoneAndReopensByNameWhenBack) {
+    auto destination = std::make_unique<Peer>("vreturn", "sink");
+    ASSERT_TRUE(destination->Ready());
+    const auto device = FindOutput("vreturn:in");
+    ASSERT_TRUE(device.has_value());
+    CallbackLog log;
+    OpenStream stream;
+    ASSERT_EQ(OpenStreamOn(*device, log, stream), MMSYSERR_NOERROR);
+    OpenOutput plain;
+    ASSERT_EQ(midiOutOpen(&plain.handle, *device, 0, 0, CALLBACK_NULL), MMSYSERR_NOERROR);
+    std::array<StreamPacket, 3> packets;  // before, after the loss, on the returned port
+    for (std::size_t p = 0; p < packets.size(); ++p) {
+        packets[p].AddShort(0x90, static_cast<BYTE>(0x3C + p), 0x40);
+    }
+    const auto prepare = [&](StreamPacket& packet) {
+        return midiOutPrepareHeader(reinterpret_cast<HMIDIOUT>(stream.handle), packet.Header(),
+                                    sizeof(MIDIHDR));
+    };
+    ASSERT_EQ(prepare(packets[0]), MMSYSERR_NOERROR);
+    ASSERT_EQ(prepare(packets[1]), MMSYSERR_NOERROR);
+    ASSERT_EQ(midiStreamRestart(stream.handle), MMSYSERR_NOERROR);
+    ASSERT_EQ(midiStreamOut(stream.handle, packets[0].Header(), sizeof(MIDIHDR)), MMSYSERR_NOERROR);
+    ASSERT_TRUE(log.WaitFor(MOM_DONE, 1));
+    ASSERT_EQ(destination->Received(), "90 3c 40");
+    ASSERT_EQ(midiOutShortMsg(plain.handle, 0x00403C80), MMSYSERR_NOERROR);
+    ASSERT_EQ(destination->Received(), "80 3c 40");
+
+    destination.reset();  // the client ends without closing; the server takes its port away
+    const auto lost = Eventually([&]() -> std::optional<MMRESULT> {
+        const MMRESULT result = midiOutShortMsg(plain.handle, 0x00403C80);
+        return result == MMSYSERR_NOERROR ? std::nullopt : std::optional(result);
+    });
+    ASSERT_EQ(lost, std::optional<MMRESULT>(MIDIERR_NODEVICE));
+    ASSERT_EQ(midiStreamOut(stream.handle, packets[1].Header(), sizeof(MIDIHDR)), MMSYSERR_NOERROR);
+    ASSERT_TRUE(log.WaitFor(MOM_DONE, 2));
+    EXPECT_EQ(midiOutClose(plain.handle), MMSYSERR_NOERROR);
+    plain.handle = nullptr;
+    EXPECT_EQ(midiStreamClose(stream.handle), MMSYSERR_NOERROR);
+    stream.handle = nullptr;
+
+    returned_ = std::make_unique<Peer>("vreturn", "sink");
+    ASSERT_TRUE(returned_->Ready());
+    const auto back = Eventually([] { return FindOutput("vreturn:in"); });
+    ASSERT_TRUE(back.has_value()) << "the returned port is not listed";
+    ASSERT_EQ(OpenStreamOn(*back, log, stream), MMSYSERR_NOERROR);
+    ASSERT_EQ(prepare(packets[2]), MMSYSERR_NOERROR);
+    ASSERT_EQ(midiStreamRestart(stream.handle), MMSYSERR_NOERROR);
+    ASSERT_EQ(midiStreamOut(stream.handle, packets[2].Header(), sizeof(MIDIHDR)), MMSYSERR_NOERROR);
+    ASSERT_TRUE(log.WaitFor(MOM_DONE, 3));
+    EXPECT_EQ(returned_->Received(), "90 3e 40");
 }

@@ -18,15 +18,27 @@
 // new connection is tried at most once a second, with the JACK library's complaints silenced for
 // that attempt.
 //
+// An output device whose port has no connection any more (its destination went away, or someone
+// disconnected it) reports MIDIERR_NODEVICE from Send, as when the server is gone: what it sent
+// would reach nobody. It stays so until closed; a destination that comes back is a new device,
+// listed again under its name. Send must stay cheap and must not wait for the server, and the
+// JACK library promises nothing about asking a port's connections from a thread other than the
+// process thread (off it, the library may sleep through a pending graph change). So the client's
+// notification thread counts each output slot's connections from the server's connect and
+// disconnect notifications, which come in the order the server made the changes, and Send reads
+// the count. An open returns once its own connection has been counted, a close once its
+// disconnection has been (a slot whose count did not come back to zero is never reused: the
+// disconnections still on their way would count against the next open's connection).
+//
 // Threads: callers of the device operations (handle layer, listing), the client's process thread
-// (Process_) and its notification thread (OnShutdown_). The process thread takes no lock: slots
-// hand over through atomics, output bytes through one single-producer ring buffer per slot. A
-// slot's port and ring buffer are created before the slot is published and live as long as the
-// session, so the process thread never sees them freed.
+// (Process_) and its notification thread (OnConnect_, OnShutdown_). Neither JACK thread takes a
+// lock but the progress mutex: slots hand over through atomics, output bytes through one
+// single-producer ring buffer per slot. A slot's port and ring buffer are created before the
+// slot is published and live as long as the session, so the JACK threads never see them freed.
 // Locks, in order: a device's own mutex (held while it waits for the process thread to drain or
 // let go of its slot), the service's mutex (current session), a session's mutex (slot
-// allocation, port registration, connection), the session's progress mutex (waits for the
-// process thread, which takes it only to wake someone waiting).
+// allocation, port registration, connection), the session's progress mutex (waits for the JACK
+// threads, which take it only to wake someone waiting).
 #include "midi_service.h"
 
 #ifndef VELT_HAVE_JACK
@@ -43,6 +55,7 @@ void AppendJackInputs(std::vector<std::shared_ptr<InputPort>>&) {}
 #include <jack/ringbuffer.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
@@ -57,7 +70,8 @@ namespace {
 constexpr std::size_t kSlotsPerDirection = 64;  // JACK devices open at once, per direction
 constexpr std::size_t kOutputQueueBytes = 64 * 1024;
 // How long a close waits for bytes already sent to leave through the process thread, and an
-// open for its new connection to take effect (the server applies it from the next cycle).
+// open or a close for its connection change to take effect (the server applies it from the next
+// cycle) and to be heard back.
 constexpr std::chrono::seconds kDrainLimit{1};
 constexpr std::chrono::seconds kConnectLimit{1};
 constexpr std::chrono::seconds kReconnectInterval{1};
@@ -117,7 +131,8 @@ class JackSession {
             return nullptr;
         }
         auto session = std::make_shared<JackSession>(client);
-        if (jack_set_process_callback(client, &JackSession::Process_, session.get()) != 0) {
+        if (jack_set_process_callback(client, &JackSession::Process_, session.get()) != 0 ||
+            jack_set_port_connect_callback(client, &JackSession::OnConnect_, session.get()) != 0) {
             return nullptr;
         }
         jack_on_shutdown(client, &JackSession::OnShutdown_, session.get());
@@ -162,7 +177,7 @@ class JackSession {
     }
 
     // Takes a free output slot and connects its port to destination. On success slot is set;
-    // what is sent from then on reaches the destination.
+    // what is sent from then on reaches the destination, and the slot counts as connected.
     MMRESULT OpenOutput(const std::string& destination, std::size_t& slot) {
         std::scoped_lock lock(mutex_);
         const auto index = FreeSlot_(outputs_);
@@ -185,10 +200,15 @@ class JackSession {
             return MIDIERR_NODEVICE;
         }
         AwaitNewCycle_();
+        AwaitJackThreads_(std::chrono::steady_clock::now() + kConnectLimit,
+                          [&] { return output.connections.load() > 0 || Gone(); });
         output.state.store(SlotState::Active);
         slot = *index;
         return MMSYSERR_NOERROR;
     }
+
+    // False once the slot's port has no connection left. Any thread.
+    bool HasConnection(std::size_t slot) const { return outputs_[slot].connections.load() > 0; }
 
     // Queues one message for the process thread. Single producer per slot: the device's mutex
     // serialises its callers. MIDIERR_NOTREADY when the queue is full (the server stopped
@@ -206,17 +226,21 @@ class JackSession {
     }
 
     // Lets what was queued leave (bounded by kDrainLimit), disconnects the port and parks the
-    // slot. A slot whose queue did not drain is never used again by this session.
+    // slot. A slot whose queue did not drain, or whose disconnection was not heard back (bounded
+    // by kConnectLimit), is never used again by this session.
     void CloseOutput(std::size_t slot) {
         OutputSlot& output = outputs_[slot];
         output.state.store(SlotState::Closing);
-        AwaitProcessThread_(std::chrono::steady_clock::now() + kDrainLimit,
-                            [&] { return output.state.load() == SlotState::Drained || Gone(); });
+        AwaitJackThreads_(std::chrono::steady_clock::now() + kDrainLimit,
+                          [&] { return output.state.load() == SlotState::Drained || Gone(); });
         WaitUntilProcessThreadLetGo_();
         Disconnect_(output.port.load());
+        AwaitJackThreads_(std::chrono::steady_clock::now() + kConnectLimit,
+                          [&] { return output.connections.load() == 0 || Gone(); });
         std::scoped_lock lock(mutex_);
         SlotState drained = SlotState::Drained;
-        if (!output.state.compare_exchange_strong(drained, SlotState::Free)) {
+        if (output.connections.load() != 0 ||
+            !output.state.compare_exchange_strong(drained, SlotState::Free)) {
             output.state.store(SlotState::Retired);
         }
     }
@@ -264,6 +288,7 @@ class JackSession {
         std::atomic<jack_port_t*> port{nullptr};
         RingBuffer queue;
         std::atomic<SlotState> state{SlotState::Free};
+        std::atomic<int> connections{0};  // written by the notification thread only
     };
 
     struct InputSlot {
@@ -306,7 +331,7 @@ class JackSession {
     void WaitUntilProcessThreadLetGo_() {
         const unsigned seen = callbacks_.load();
         if ((seen & 1u) != 0) {
-            AwaitProcessThread_(std::nullopt, [&] { return callbacks_.load() != seen; });
+            AwaitJackThreads_(std::nullopt, [&] { return callbacks_.load() != seen; });
         }
     }
 
@@ -316,17 +341,17 @@ class JackSession {
     void AwaitNewCycle_() {
         const unsigned start = callbacks_.load();
         const unsigned needed = (start & 1u) == 0 ? 2 : 3;
-        AwaitProcessThread_(std::chrono::steady_clock::now() + kConnectLimit,
-                            [&] { return callbacks_.load() - start >= needed || Gone(); });
+        AwaitJackThreads_(std::chrono::steady_clock::now() + kConnectLimit,
+                          [&] { return callbacks_.load() - start >= needed || Gone(); });
     }
 
-    // Blocks a caller's thread until done() holds (or the deadline passes). The process thread
-    // wakes waiters after each callback, taking progressMutex_ only while someone waits; the
-    // waiter count is raised before done() is first tested, so a callback that ends in between
-    // either is seen by done() or sees the waiter.
+    // Blocks a caller's thread until done() holds (or the deadline passes). The JACK threads
+    // wake waiters after each callback (WakeWaiters_); the waiter count is raised before done()
+    // is first tested, so a callback that ends in between either is seen by done() or sees the
+    // waiter.
     template <typename Done>
-    void AwaitProcessThread_(std::optional<std::chrono::steady_clock::time_point> deadline,
-                             Done done) {
+    void AwaitJackThreads_(std::optional<std::chrono::steady_clock::time_point> deadline,
+                           Done done) {
         waiters_.fetch_add(1);
         {
             std::unique_lock lock(progressMutex_);
@@ -350,11 +375,17 @@ class JackSession {
             session.DeliverInput_(input, frames);
         }
         session.callbacks_.fetch_add(1);
-        if (session.waiters_.load() > 0) {
-            std::scoped_lock lock(session.progressMutex_);
-            session.progress_.notify_all();
-        }
+        session.WakeWaiters_();
         return 0;
+    }
+
+    // JACK threads, after a change a caller may wait for: takes progressMutex_ only while
+    // someone waits.
+    void WakeWaiters_() {
+        if (waiters_.load() > 0) {
+            std::scoped_lock lock(progressMutex_);
+            progress_.notify_all();
+        }
     }
 
     // An output port's buffer is cleared every cycle, or a connected reader would read the same
@@ -433,12 +464,33 @@ class JackSession {
         }
     }
 
+    // JACK notification thread, for every connection made or broken between any two ports (also
+    // the server's own disconnections of a port that goes away). The server gives a port id
+    // again once its port has gone, so notifications about the earlier port may still come after
+    // a slot's port got the id. They are disconnections (a port is disconnected from everything
+    // before it goes), which a count at zero ignores; only a thread lagging behind a whole
+    // connect, disconnect and removal of the earlier port could count it for a moment.
+    static void OnConnect_(jack_port_id_t a, jack_port_id_t b, int connect, void* self) {
+        auto& session = *static_cast<JackSession*>(self);
+        const jack_port_t* first = jack_port_by_id(session.client_, a);
+        const jack_port_t* second = jack_port_by_id(session.client_, b);
+        for (OutputSlot& output : session.outputs_) {
+            const jack_port_t* port = output.port.load();
+            if (port != nullptr && (port == first || port == second)) {
+                const int connections = output.connections.load();
+                output.connections.store(connect != 0 ? connections + 1
+                                                      : std::max(connections - 1, 0));
+            }
+        }
+        session.WakeWaiters_();
+    }
+
     // JACK notification thread, when the server shuts down or drops the client.
     static void OnShutdown_(void* self) {
         auto& session = *static_cast<JackSession*>(self);
         session.gone_.store(true);
         std::scoped_lock lock(session.progressMutex_);
-        session.progress_.notify_all();  // a drain or a new cycle will not come
+        session.progress_.notify_all();  // a drain, a new cycle or a notification will not come
     }
 
     jack_client_t* const client_;
@@ -531,7 +583,8 @@ class JackDevice {
 };
 
 // Send comes from a handle's service thread and from midiOutShortMsg callers at once; the
-// device's mutex makes it the single producer of its slot's queue.
+// device's mutex makes it the single producer of its slot's queue. Send reports MIDIERR_NODEVICE
+// once the server is gone or the port has no connection left.
 class JackOutputPort final : public OutputPort, private JackDevice {
   public:
     explicit JackOutputPort(std::string name) : JackDevice(std::move(name)) {}
@@ -551,7 +604,7 @@ class JackOutputPort final : public OutputPort, private JackDevice {
 
     MMRESULT Send(std::span<const BYTE> message, std::optional<std::uint64_t>) override {
         std::scoped_lock lock(mutex_);
-        if (!session_ || session_->Gone()) {
+        if (!session_ || session_->Gone() || !session_->HasConnection(slot_)) {
             return MIDIERR_NODEVICE;
         }
         return session_->Write(slot_, message);
