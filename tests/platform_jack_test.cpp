@@ -517,7 +517,7 @@ TEST_F(PlatformJack, ADestinationThatWentAwayIsReportedGoneAndReopensByNameWhenB
     ASSERT_EQ(OpenStreamOn(*device, log, stream), MMSYSERR_NOERROR);
     OpenOutput plain;
     ASSERT_EQ(midiOutOpen(&plain.handle, *device, 0, 0, CALLBACK_NULL), MMSYSERR_NOERROR);
-    std::array<StreamPacket, 3> packets;  // before, after the loss, on the returned port
+    std::array<StreamPacket, 4> packets;  // before, after the loss, refused, on the returned port
     for (std::size_t p = 0; p < packets.size(); ++p) {
         packets[p].AddShort(0x90, static_cast<BYTE>(0x3C + p), 0x40);
     }
@@ -542,6 +542,9 @@ TEST_F(PlatformJack, ADestinationThatWentAwayIsReportedGoneAndReopensByNameWhenB
     ASSERT_EQ(lost, std::optional<MMRESULT>(MIDIERR_NODEVICE));
     ASSERT_EQ(midiStreamOut(stream.handle, packets[1].Header(), sizeof(MIDIHDR)), MMSYSERR_NOERROR);
     ASSERT_TRUE(log.WaitFor(MOM_DONE, 2));
+    // The packet that met the gone port came back; the stream now refuses more.
+    ASSERT_EQ(prepare(packets[2]), MMSYSERR_NOERROR);
+    EXPECT_EQ(midiStreamOut(stream.handle, packets[2].Header(), sizeof(MIDIHDR)), MIDIERR_NODEVICE);
     EXPECT_EQ(midiOutClose(plain.handle), MMSYSERR_NOERROR);
     plain.handle = nullptr;
     EXPECT_EQ(midiStreamClose(stream.handle), MMSYSERR_NOERROR);
@@ -552,9 +555,9 @@ TEST_F(PlatformJack, ADestinationThatWentAwayIsReportedGoneAndReopensByNameWhenB
     const auto back = Eventually([] { return FindOutput("vreturn:in"); });
     ASSERT_TRUE(back.has_value()) << "the returned port is not listed";
     ASSERT_EQ(OpenStreamOn(*back, log, stream), MMSYSERR_NOERROR);
-    ASSERT_EQ(prepare(packets[2]), MMSYSERR_NOERROR);
+    ASSERT_EQ(prepare(packets[3]), MMSYSERR_NOERROR);
     ASSERT_EQ(midiStreamRestart(stream.handle), MMSYSERR_NOERROR);
-    ASSERT_EQ(midiStreamOut(stream.handle, packets[2].Header(), sizeof(MIDIHDR)), MMSYSERR_NOERROR);
+    ASSERT_EQ(midiStreamOut(stream.handle, packets[3].Header(), sizeof(MIDIHDR)), MMSYSERR_NOERROR);
     ASSERT_TRUE(log.WaitFor(MOM_DONE, 3));
-    EXPECT_EQ(returned_->Received(), "90 3e 40");
+    EXPECT_EQ(returned_->Received(), "90 3f 40");
 }
