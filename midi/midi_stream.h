@@ -55,6 +55,12 @@ class MidiVolumeScaler {
 /// Track id: port index = id >> 4, MIDI channel = id & 0x0F; every event of a track goes to that
 /// port.
 ///
+/// A note-on for a pitch that already sounds on the track's channel (the same key struck again,
+/// or two keys an octave apart that transposition and range correction fold onto one pitch) is
+/// preceded by a note-off for that pitch, whether it comes from the song or from a restored
+/// state: a synth that gives every note-on a voice of its own never holds more voices of a pitch
+/// than the chase state will release.
+///
 /// Threads: enqueue operations run on the output's fill callback (queue thread) or on a thread
 /// that seeks; mute and program-change operations come from the control side. Seek takes no lock:
 /// its callers serialise it with the output.
@@ -87,14 +93,18 @@ class MidiStream {
 
     /// Positions the stream at `tick`: the chase state there is rebuilt from the nearest
     /// checkpoint at or before it, and the state that was sounding is kept for the next
-    /// EnqueueEventsWithPersistence. Writes nothing.
+    /// EnqueueEventsWithPersistence or AllNotesOff. Seeks without an enqueue between them keep
+    /// the state from before the first: the positions in between never sounded. Writes nothing.
     void Seek(unsigned int tick);
     /// One period: events before `tick` (exclusive). Under the buffer lock.
     void EnqueueEvents(unsigned int tick, signed char transposition, MidiBuffer& buffer,
                        bool sendAllNotesOff);
     /// The first period after a seek: releases what sounded before and must not sound now (notes
-    /// with `oldTransposition`, as they were struck), keeps what sounds on both sides, sends the
-    /// rest of the new state with `newTransposition`, then the period's events.
+    /// with `oldTransposition`, as they were struck), keeps what sounds on both sides at the same
+    /// pitch, sends the rest of the new state with `newTransposition`, then the period's events.
+    /// A note held on both sides whose pitch the two transpositions move is released at the old
+    /// pitch and struck at the new one; a seek to the current tick so moves held notes to a new
+    /// transposition (see UserControls::SetTransposition).
     void EnqueueEventsWithPersistence(unsigned int tick, signed char oldTransposition,
                                       signed char newTransposition, MidiBuffer& buffer,
                                       bool sendAllNotesOff);
@@ -120,7 +130,11 @@ class MidiStream {
 
     void MuteTrack(unsigned short trackId);
     /// Unmuting a muted track restores its chase state at the next period; unmuting a track that
-    /// was not muted does nothing.
+    /// was not muted does nothing. The restored state, rebuilt at the current tick, also becomes
+    /// the track's chase state (within its checkpoint table): a muted track adds nothing to its
+    /// chase state, so sending the rebuilt state from a temporary map alone would leave the
+    /// notes it strikes unknown to the next stop or seek, and they would go on sounding (test
+    /// MidiStreamMutes.AMutedTracksEventsAreSkippedAndUnmutingRestoresItsState).
     void UnmuteTrack(unsigned short trackId);
     /// Unmutes every track without restoring any: they sound again from their next events.
     void UnmuteAll();
@@ -157,7 +171,9 @@ class MidiStream {
 
     // The caller holds the buffer mutex and the control mutex for all of these.
     void Enqueue_(unsigned int tick, signed char transposition, MidiBuffer& buffer);
-    void SendPersistenceData_(TrackStates state, signed char transposition, MidiBuffer& buffer);
+    /// `sounding`: per track, what already sounds and is not struck again.
+    void SendPersistenceData_(TrackStates state, signed char transposition, MidiBuffer& buffer,
+                              const TrackStates& sounding);
     void SendPersistentProgramChanges(TrackStates state, MidiBuffer& buffer);
     void EnqueueWithCurrentState_(unsigned int tick, signed char transposition, MidiBuffer& buffer);
     void WriteReleases_(unsigned short trackId, const PersistentMIDI& from,
@@ -183,6 +199,8 @@ class MidiStream {
     /// next enqueue, persistence_ otherwise. A flag rather than a pointer so that copies of a
     /// stream designate their own maps.
     bool persistenceBeforeSeekIsPrevious_ = false;
+    /// Tracks whose next event is already in the chase state: it did not fit into a full buffer.
+    std::set<unsigned short> recordedNotWritten_;
 
     mutable std::mutex controlMutex_;
     std::set<unsigned short> mutedTracks_;

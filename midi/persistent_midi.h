@@ -3,6 +3,7 @@
 #pragma once
 
 #include <map>
+#include <optional>
 #include <utility>
 
 #include "interfaces/song_data.h"
@@ -43,6 +44,16 @@ class PersistentMIDI {
     /// correction towards the range: below low adds 12, above high subtracts 12. Unchanged when
     /// there is no range or the transposition is 0.
     unsigned char GetTransposedNote(unsigned char note, signed char transposition) const;
+    /// The pitch a note-on of `key` sounds at as AddEvent sends it: transposed inside the range,
+    /// as it is outside (a switch).
+    unsigned char GetSoundingNote(unsigned char key, signed char transposition) const;
+    /// The note-off to send before the note-on `e` when a held note or switch already sounds at
+    /// the pitch `e` sounds at: the same key struck again, or two keys an octave apart that the
+    /// range correction folds onto one pitch. A synth that gives every note-on a voice of its own
+    /// would otherwise keep one voice after the single note-off the chase state expects. The
+    /// note-off carries `e`'s time, channel and velocity; nothing for other events.
+    std::optional<velt_midi::VoiceEvent> GetReleaseBeforeStrike(const velt_midi::VoiceEvent& e,
+                                                                signed char transposition) const;
 
     /// The entries of `other` whose keys are held here (with `other`'s events); those keys are
     /// forgotten here. The caller sends the rest and re-adds what was filtered.
@@ -76,6 +87,7 @@ class PersistentMIDI {
     void PrintYourself() const;
 
   private:
+    bool IsInRange_(unsigned char key) const { return key >= range_.first && key <= range_.second; }
     static EventMap Filter_(EventMap& own, const EventMap& other);
     static EventMap GetInverse_(const EventMap& own, const EventMap& other);
 

@@ -21,6 +21,15 @@ class UserControls {
     /// Semitones.
     int GetTransposition();
     /// Stores a new value and sets the changed flag; an equal value changes nothing.
+    ///
+    /// Changing the transposition while notes sound: the notes were struck at the old pitch, and
+    /// their note-offs would go out at the new one. So at its next fill the host takes
+    /// HowToPlay::GetTranspositionPair() (now, as last reported); when the two differ (a change
+    /// here, or the song's own transposition starting or ending) it seeks the stream to where it
+    /// stands, MidiStream::Seek(GetCurrentTick()), and enqueues that period with
+    /// EnqueueEventsWithPersistence(tick, old, now, ...): held notes whose pitch moves are
+    /// released at the old pitch and struck at the new one, the others sound on. A plain
+    /// EnqueueEvents with the new value would leave the old pitches sounding.
     void SetTransposition(int transposition);
     /// Returns the changed flag and clears it.
     bool GetTranspositionChanged();

@@ -118,11 +118,12 @@ TEST(MidiStreamSeek, ReleasesEveryTrackBeforeSendingAnyNewState) {
     stream.EnqueueEventsWithPersistence(250, 3, -1, buffer, false);
     const EventList expected{
         // Releases: notes transposed as they were struck (+3), switches as they were, then
-        // controllers back to 0; the horn's note 48 sounds on both sides and is kept.
+        // controllers back to 0; the horn's note 48 is held on both sides but moves from 51 to
+        // 47, so it is released as well.
         Off(kStrings, 63, 70, kBar), Off(kStrings, 11, 91, kBar), Cc(kStrings, 64, 0, kBar),
-        Off(kHorn, 53, 61, kBar),
-        // New state: the strings' switch, both bends; no note of the horn is struck again.
-        On(kStrings, 10, 90, 0), Bend(kStrings, 0, 64), Bend(kHorn, 0, 64)};
+        Off(kHorn, 51, 60), Off(kHorn, 53, 61, kBar),
+        // New state: the strings' switch, both bends, the horn's note at its new pitch.
+        On(kStrings, 10, 90, 0), Bend(kStrings, 0, 64), Bend(kHorn, 0, 64), On(kHorn, 47, 60)};
     EXPECT_EQ(buffer.Events(0), expected);
 }
 
@@ -154,6 +155,54 @@ TEST(MidiStreamSeek, AllNotesOffReleasesWhatSoundedBeforeAnUnplayedSeek) {
     EXPECT_EQ(buffer.Events(2), (EventList{Off(0x21, 74, 100, 3 * kBar), Cc(0x21, 11, 0)}));
 }
 
+TEST(MidiStreamSeek, SeeksWithoutAnEnqueueBetweenThemStillReleaseWhatSounded) {
+    auto song = velt_core::SongBuilder("Seeks")
+                    .Bars(4)
+                    .Track(kStrings, "strings", 0, kRange)
+                    .Note(kStrings, 0, 60, 100, kBar)
+                    .Note(kStrings, 2 * kBar, 70, 101, kBar)
+                    .Note(kStrings, 3 * kBar + 500, 80, 102, 1000)
+                    .Build();
+    RangedMidiStream stream(*song);
+    RecordingMidiBuffer buffer(1, 64);
+    stream.EnqueueInitialEvents(10, 0, buffer);
+    buffer.TakeEvents();
+    // Only 60 sounds; 70 belongs to a position that was sought but never played.
+    stream.Seek(2 * kBar + 10);
+    stream.Seek(3 * kBar + 400);
+    stream.EnqueueEventsWithPersistence(3 * kBar + 600, 0, 0, buffer, false);
+    EXPECT_EQ(buffer.Events(0), (EventList{Off(kStrings, 60, 100), Bend(kStrings, 0, 64),
+                                           On(kStrings, 80, 102, 3 * kBar + 500)}));
+
+    buffer.TakeEvents();
+    stream.Seek(kBar / 2);
+    stream.Seek(2 * kBar + 10);
+    stream.AllNotesOff(0, buffer);
+    EXPECT_EQ(buffer.Events(0), (EventList{Off(kStrings, 80, 102, 3 * kBar + 500)}));
+}
+
+TEST(MidiStreamSeek, ATranspositionChangeInPlaceReleasesAtTheOldPitchAndStrikesAtTheNew) {
+    auto song = velt_core::SongBuilder("Transpose")
+                    .Bars(2)
+                    .Track(kStrings, "strings", 0, kRange)
+                    .Note(kStrings, 0, 60, 100, 1000)
+                    .Note(kStrings, 0, 40, 90, 2000)
+                    .Build();
+    RangedMidiStream stream(*song);
+    RecordingMidiBuffer buffer(1, 64);
+    stream.EnqueueInitialEvents(100, 2, buffer);
+    buffer.TakeEvents();
+    // From +2 to -10: 60 moves from 62 to 50; 40 stays on 42 (30 is an octave below the range).
+    stream.Seek(stream.GetCurrentTick());
+    stream.EnqueueEventsWithPersistence(200, 2, -10, buffer, false);
+    EXPECT_EQ(buffer.Events(0),
+              (EventList{Off(kStrings, 62, 100), Bend(kStrings, 0, 64), On(kStrings, 50, 100)}));
+    buffer.TakeEvents();
+    stream.EnqueueEvents(1500, -10, buffer, false);
+    stream.AllNotesOff(-10, buffer);
+    EXPECT_EQ(buffer.Events(0), (EventList{Off(kStrings, 50, 0x40, 1000), Off(kStrings, 42, 90)}));
+}
+
 TEST(MidiStreamEnqueue, WritesEachPeriodsEventsOnceInTrackOrder) {
     auto song = velt_core::SongBuilder("Play")
                     .Bars(2)
@@ -173,6 +222,45 @@ TEST(MidiStreamEnqueue, WritesEachPeriodsEventsOnceInTrackOrder) {
     EXPECT_EQ(buffer.Events(1), (EventList{Off(0x12, 41, 0x40, 200)}));
     EXPECT_TRUE(buffer.GetShouldSendAllNotesOff());
     EXPECT_EQ(buffer.GetDoneCount(), 2);
+}
+
+TEST(MidiStreamEnqueue, ASecondNoteOnOnASoundingPitchReleasesItFirst) {
+    // At +5, 82 and 94 both sound as 87 (99 is above the range and is lowered an octave).
+    auto song = velt_core::SongBuilder("Restrike")
+                    .Bars(2)
+                    .Track(kStrings, "strings", 0, kRange)
+                    .Note(kStrings, 0, 82, 100, 400)
+                    .Event(kStrings, 10, 0x90, 60, 70)
+                    .Event(kStrings, 50, 0x90, 60, 71)  // the same key again, still held
+                    .Event(kStrings, 150, 0x80, 60, 64)
+                    .Note(kStrings, 100, 94, 90, 200)
+                    .Build();
+    RangedMidiStream stream(*song);
+    RecordingMidiBuffer buffer(1, 64);
+    stream.EnqueueEvents(350, 5, buffer, false);
+    EXPECT_EQ(
+        buffer.Events(0),
+        (EventList{On(kStrings, 87, 100, 0), On(kStrings, 65, 70, 10), Off(kStrings, 65, 71, 50),
+                   On(kStrings, 65, 71, 50), Off(kStrings, 87, 90, 100), On(kStrings, 87, 90, 100),
+                   Off(kStrings, 65, 64, 150), Off(kStrings, 87, 0x40, 300)}));
+    // A restored state holding both keys strikes the shared pitch once at a time as well.
+    buffer.TakeEvents();
+    stream.AllNotesOff(5, buffer);
+    buffer.TakeEvents();
+    stream.Seek(200);
+    stream.EnqueueInitialEvents(210, 5, buffer);
+    EXPECT_EQ(buffer.Events(0), (EventList{Bend(kStrings, 0, 64), On(kStrings, 87, 100, 0),
+                                           Off(kStrings, 87, 90, 100), On(kStrings, 87, 90, 100)}));
+
+    // The release fits but the strike does not: the strike is retried alone, not released again.
+    RangedMidiStream again(*song);
+    RecordingMidiBuffer small(1, 3);
+    again.EnqueueEvents(60, 5, small, false);
+    EXPECT_EQ(small.Events(0), (EventList{On(kStrings, 87, 100, 0), On(kStrings, 65, 70, 10),
+                                          Off(kStrings, 65, 71, 50)}));
+    small.TakeEvents();
+    again.EnqueueEvents(60, 5, small, false);
+    EXPECT_EQ(small.Events(0), (EventList{On(kStrings, 65, 71, 50)}));
 }
 
 TEST(MidiStreamMutes, MutedTracksAreSilencedInTrackOrderAtTheStartOfThePeriod) {

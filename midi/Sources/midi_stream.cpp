@@ -49,6 +49,28 @@ std::size_t AddEventsBefore(PersistentMIDI& state, const std::vector<VoiceEvent>
     return from;
 }
 
+// What sounds on both sides of a jump and so is neither released nor struck again: the notes held
+// on both sides that sound at the same pitch under the old and the new transposition, and the
+// switches held on both sides; with the new state's controllers, which are not reset either. A
+// held note whose pitch moves is released at the old pitch and struck at the new one.
+PersistentMIDI StayingAcross(const PersistentMIDI& before, const PersistentMIDI& now,
+                             signed char oldTransposition, signed char newTransposition) {
+    PersistentMIDI staying(now.GetRange());
+    for (const auto& [key, on] : now.GetNotes()) {
+        if (before.GetNotes().count(key) != 0 && before.GetTransposedNote(key, oldTransposition) ==
+                                                     now.GetTransposedNote(key, newTransposition)) {
+            staying.GetNotes().emplace(key, on);
+        }
+    }
+    for (const auto& [key, on] : now.GetSwitches()) {
+        if (before.GetSwitches().count(key) != 0) {
+            staying.GetSwitches().emplace(key, on);
+        }
+    }
+    staying.GetCCs() = now.GetCCs();
+    return staying;
+}
+
 // The tick of every bar start after the first (which begins at tick 0): the bar list holds a
 // record per beat or per bar, and beat 1 marks a bar's first beat.
 std::vector<unsigned int> LaterBarStarts(const TL::Timeline& timeline) {
@@ -146,6 +168,7 @@ void MidiStream::CopyFrom_(const MidiStream& other) {
     persistence_ = other.persistence_;
     previousPersistence_ = other.previousPersistence_;
     persistenceBeforeSeekIsPrevious_ = other.persistenceBeforeSeekIsPrevious_;
+    recordedNotWritten_ = other.recordedNotWritten_;
     std::scoped_lock lock(controlMutex_, other.controlMutex_);
     mutedTracks_ = other.mutedTracks_;
     currentProgramChanges_ = other.currentProgramChanges_;
@@ -201,10 +224,14 @@ std::map<unsigned int, MidiStream::TrackStates>::const_iterator MidiStream::Chec
     return std::prev(checkpoints_.upper_bound(tick));
 }
 
+// What sounds is the state of the last enqueue. A seek that has not been played yet sounded
+// nothing, so a further seek keeps the state from before the first one.
 void MidiStream::Seek(unsigned int tick) {
     const auto checkpoint = CheckpointAt_(tick);
-    previousPersistence_ = persistence_;
-    persistenceBeforeSeekIsPrevious_ = true;
+    if (!persistenceBeforeSeekIsPrevious_) {
+        previousPersistence_ = persistence_;
+        persistenceBeforeSeekIsPrevious_ = true;
+    }
     persistence_ = checkpoint->second;
     for (const auto& [trackId, track] : song_.GetVoiceData()) {
         const EventVector& events = track->events;
@@ -214,6 +241,7 @@ void MidiStream::Seek(unsigned int tick) {
         }
         eventIterators_[trackId] = next;
     }
+    recordedNotWritten_.clear();
     currentTick_ = tick;
 }
 
@@ -259,29 +287,27 @@ void MidiStream::EnqueueEventsWithPersistence(unsigned int tick, signed char old
     if (sendAllNotesOff) {
         buffer.SetShouldSendAllNotesOff();
     }
-    // Releases first, for every track: what sounded before the jump and must not sound now.
+    // Releases first, for every track: what sounded before the jump and does not stay.
+    TrackStates staying;
     for (const auto& [trackId, before] : previousPersistence_) {
         const auto now = persistence_.find(trackId);
-        WriteReleases_(trackId, before, now == persistence_.end() ? EmptyState() : now->second,
-                       oldTransposition, buffer, "MidiStream::EnqueueEventsWithPersistence");
+        const PersistentMIDI& after = now == persistence_.end() ? EmptyState() : now->second;
+        const PersistentMIDI& stays = staying[trackId] =
+            StayingAcross(before, after, oldTransposition, newTransposition);
+        WriteReleases_(trackId, before, stays, oldTransposition, buffer,
+                       "MidiStream::EnqueueEventsWithPersistence");
     }
-    // Keeps: a note or switch held on both sides is neither released nor struck again. It is
-    // taken out of the new state while that is sent, then put back with the event that struck
-    // it. Controllers are all sent again, since their values may differ.
-    std::map<unsigned short, std::pair<PersistentMIDI::EventMap, PersistentMIDI::EventMap>> kept;
-    for (auto& [trackId, now] : persistence_) {
-        const auto before = previousPersistence_.find(trackId);
-        if (before != previousPersistence_.end()) {
-            kept[trackId] = {now.FilterNotes(before->second.GetNotes()),
-                             now.FilterSwitches(before->second.GetSwitches())};
+    // Then the new state less what stays. Controllers are all sent again, since their values
+    // may differ.
+    TrackStates rest = persistence_;
+    for (auto& [trackId, state] : rest) {
+        const auto stays = staying.find(trackId);
+        if (stays != staying.end()) {
+            state.FilterNotes(stays->second.GetNotes());
+            state.FilterSwitches(stays->second.GetSwitches());
         }
     }
-    SendPersistenceData_(persistence_, newTransposition, buffer);
-    for (auto& [trackId, held] : kept) {
-        PersistentMIDI& now = persistence_[trackId];
-        now.GetNotes().insert(held.first.begin(), held.first.end());
-        now.GetSwitches().insert(held.second.begin(), held.second.end());
-    }
+    SendPersistenceData_(std::move(rest), newTransposition, buffer, staying);
     Enqueue_(tick, newTransposition, buffer);
 }
 
@@ -297,7 +323,7 @@ void MidiStream::EnqueueInitialEvents(unsigned int tick, signed char transpositi
 void MidiStream::EnqueueWithCurrentState_(unsigned int tick, signed char transposition,
                                           MidiBuffer& buffer) {
     std::scoped_lock lock(buffer.GetMutex(), controlMutex_);
-    SendPersistenceData_(persistence_, transposition, buffer);
+    SendPersistenceData_(persistence_, transposition, buffer, {});
     Enqueue_(tick, transposition, buffer);
 }
 
@@ -351,6 +377,7 @@ void MidiStream::Enqueue_(unsigned int tick, signed char transposition, MidiBuff
         }
         if (mutedTracks_.count(trackId) != 0) {
             // Skipped for good: unmuting restores the track's state instead.
+            recordedNotWritten_.erase(trackId);
             while (next < events.size() && events[next].time < tick) {
                 ++next;
             }
@@ -361,8 +388,17 @@ void MidiStream::Enqueue_(unsigned int tick, signed char transposition, MidiBuff
             break;  // the remaining tracks wait for the next period
         }
         PersistentMIDI& state = persistence_[trackId];
+        bool recorded = recordedNotWritten_.erase(trackId) != 0;
         while (next < events.size() && events[next].time < tick) {
             const VoiceEvent& event = events[next];
+            // A pitch that sounds already is released first; an event tried before has had its
+            // release written then, and is in the chase state without sounding.
+            if (const auto off =
+                    recorded ? std::nullopt : state.GetReleaseBeforeStrike(event, transposition);
+                off && !WriteEvent(buffer, port, *off, "MidiStream::Enqueue_")) {
+                break;
+            }
+            recorded = false;
             VoiceEvent result = state.AddEvent(event, transposition);
             if (KindOf(event.status) == kProgramChange) {
                 currentProgramChanges_[trackId] = event.data1;
@@ -375,6 +411,7 @@ void MidiStream::Enqueue_(unsigned int tick, signed char transposition, MidiBuff
             // On a full port the event stays next and is written again in the next period; its
             // effect on the chase state is already recorded.
             if (!WriteEvent(buffer, port, result, "MidiStream::Enqueue_")) {
+                recordedNotWritten_.insert(trackId);
                 break;
             }
             ++next;
@@ -394,6 +431,8 @@ void MidiStream::Enqueue_(unsigned int tick, signed char transposition, MidiBuff
 // muted the track added nothing to it, and the releases of a later seek or stop must know what
 // the restore struck. Past the end of its table a track's rebuilt state is empty and strikes
 // nothing; its chase state is then kept, so that the controllers it knows are still released.
+// What the chase state holds may still sound (a track unmuted before the period that would have
+// sent its notes off): a pitch it holds is released before the restore strikes it again.
 void MidiStream::RestoreUnmutedTracks_(signed char transposition, MidiBuffer& buffer) {
     if (tracksToRestore_.empty()) {
         return;
@@ -405,7 +444,7 @@ void MidiStream::RestoreUnmutedTracks_(signed char transposition, MidiBuffer& bu
         }
     }
     tracksToRestore_.clear();
-    SendPersistenceData_(restored, transposition, buffer);
+    SendPersistenceData_(restored, transposition, buffer, persistence_);
     const TrackStates& table = CheckpointAt_(currentTick_)->second;
     for (auto& [trackId, state] : restored) {
         if (table.count(trackId) != 0) {
@@ -416,17 +455,27 @@ void MidiStream::RestoreUnmutedTracks_(signed char transposition, MidiBuffer& bu
 
 // Per track, skipping muted ones: switches, controllers, pitch bend, program change, held notes.
 // That order lets an instrument select the articulation and set its controllers before the
-// notes sound. Full-buffer results are ignored.
+// notes sound. A strike on a pitch that already sounds (in `sounding`, or struck earlier here) is
+// preceded by its release. Full-buffer results are ignored.
 void MidiStream::SendPersistenceData_(TrackStates state, signed char transposition,
-                                      MidiBuffer& buffer) {
+                                      MidiBuffer& buffer, const TrackStates& sounding) {
     constexpr const char* kOperation = "MidiStream::SendPersistenceData_";
     for (auto& [trackId, track] : state) {
         if (mutedTracks_.count(trackId) != 0) {
             continue;
         }
         const unsigned char port = PortOf(trackId);
+        const auto already = sounding.find(trackId);
+        PersistentMIDI struck =
+            already != sounding.end() ? already->second : PersistentMIDI(track.GetRange());
+        const auto strike = [&](const VoiceEvent& on) {
+            if (const auto off = struck.GetReleaseBeforeStrike(on, transposition)) {
+                WriteEvent(buffer, port, *off, kOperation);
+            }
+            WriteEvent(buffer, port, struck.AddEvent(on, transposition), kOperation);
+        };
         for (const auto& [note, on] : track.GetSwitches()) {
-            WriteEvent(buffer, port, on, kOperation);
+            strike(on);
         }
         for (const auto& [controller, cc] : track.GetCCs()) {
             VoiceEvent scaled = cc;
@@ -443,7 +492,7 @@ void MidiStream::SendPersistenceData_(TrackStates state, signed char transpositi
             currentProgramChanges_[trackId] = track.GetProgramChange().data1;
         }
         for (const auto& [note, on] : track.GetNotes()) {
-            WriteEvent(buffer, port, track.GetTransposedEvent(on, transposition), kOperation);
+            strike(on);
         }
     }
 }

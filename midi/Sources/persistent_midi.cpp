@@ -51,7 +51,7 @@ velt_midi::VoiceEvent PersistentMIDI::AddEvent(const velt_midi::VoiceEvent& e,
             notes_.erase(key);
             return GetTransposedEvent(e, transposition);
         case kNoteOn:
-            if (key >= range_.first && key <= range_.second) {
+            if (IsInRange_(key)) {
                 notes_[key] = e;
                 return GetTransposedEvent(e, transposition);
             }
@@ -95,6 +95,30 @@ unsigned char PersistentMIDI::GetTransposedNote(unsigned char note,
         return static_cast<unsigned char>(n - kOctave);
     }
     return n;
+}
+
+unsigned char PersistentMIDI::GetSoundingNote(unsigned char key, signed char transposition) const {
+    return IsInRange_(key) ? GetTransposedNote(key, transposition) : key;
+}
+
+// Every held entry was entered under the present range, so it sounds where GetSoundingNote says.
+std::optional<velt_midi::VoiceEvent> PersistentMIDI::GetReleaseBeforeStrike(
+    const velt_midi::VoiceEvent& e, signed char transposition) const {
+    if (KindOf(e.status) != kNoteOn) {
+        return std::nullopt;
+    }
+    const unsigned char pitch = GetSoundingNote(e.data1, transposition);
+    const auto soundsAtPitch = [&](const auto& entry) {
+        return GetSoundingNote(entry.first, transposition) == pitch;
+    };
+    if (std::none_of(notes_.begin(), notes_.end(), soundsAtPitch) &&
+        std::none_of(switches_.begin(), switches_.end(), soundsAtPitch)) {
+        return std::nullopt;
+    }
+    velt_midi::VoiceEvent off = e;
+    off.status = static_cast<unsigned char>(kNoteOff | (e.status & 0x0F));
+    off.data1 = pitch;
+    return off;
 }
 
 PersistentMIDI::EventMap PersistentMIDI::Filter_(EventMap& own, const EventMap& other) {
