@@ -1,13 +1,20 @@
 #include "midi/win32/delayed_gui.h"
 
 #include <cmath>
+#include <exception>
 #include <system_error>
 
 #include "interfaces/kit.h"
+#include "interfaces/notify.h"
 
 namespace {
 // A timer wait never lasts longer than this, so shutdown is never held up for long.
 constexpr DWORD maximumTimerWaitMilliseconds = 2000;
+// Source positions quoted when the worker logs an exception: the downbeat callback's, after
+// which the worker goes on, and the worker's own, which ends it.
+constexpr const char* delayedGuiSource = "midi/Sources/win32/delayed_gui";
+constexpr int callbackLine = 117;
+constexpr int workerLine = 124;
 }  // namespace
 
 DelayedGui::DelayedGui(Callback callback, double secondsDelay)
@@ -82,28 +89,41 @@ bool DelayedGui::GetShouldRun() {
 }
 
 void DelayedGui::RunLoop() {
-    while (GetShouldRun()) {
-        {
-            std::unique_lock wakeLock(wakeMutex_);
-            if (!HasScheduledCallbacks() && GetShouldRun()) {
-                wakeCondition_.wait(wakeLock);  // a single wait: any wake-up re-checks below
+    try {
+        while (GetShouldRun()) {
+            {
+                std::unique_lock wakeLock(wakeMutex_);
+                if (!HasScheduledCallbacks() && GetShouldRun()) {
+                    wakeCondition_.wait(wakeLock);  // a single wait: any wake-up re-checks below
+                }
+            }
+            if (!GetShouldRun()) {
+                return;
+            }
+            // Relative due time in 100-nanosecond units (negative = relative to now).
+            LARGE_INTEGER dueTime;
+            dueTime.QuadPart = -std::llround(GetSecondsDelay() * 10'000'000.0);
+            SetWaitableTimer(timer_, &dueTime, 0, nullptr, nullptr, FALSE);
+            DWORD waitResult = WaitForSingleObject(timer_, maximumTimerWaitMilliseconds);
+            if (waitResult != 0) {
+                kit::CoutBuffer() << "WARNING: DelayedGui returned early with waitResult = "
+                                  << waitResult << kit::endl;
+            }
+            std::uint32_t tickIndex = 0;
+            if (GetNextTickIndex(&tickIndex)) {
+                // A display that fails on one downbeat must not cost the next ones.
+                try {
+                    callback_(tickIndex);
+                } catch (const std::exception& error) {
+                    VeltLogException(error.what(), delayedGuiSource, callbackLine);
+                } catch (...) {
+                    VeltLogException("Unknown exception.", delayedGuiSource, callbackLine);
+                }
             }
         }
-        if (!GetShouldRun()) {
-            return;
-        }
-        // Relative due time in 100-nanosecond units (negative = relative to now).
-        LARGE_INTEGER dueTime;
-        dueTime.QuadPart = -std::llround(GetSecondsDelay() * 10'000'000.0);
-        SetWaitableTimer(timer_, &dueTime, 0, nullptr, nullptr, FALSE);
-        DWORD waitResult = WaitForSingleObject(timer_, maximumTimerWaitMilliseconds);
-        if (waitResult != 0) {
-            kit::CoutBuffer() << "WARNING: DelayedGui returned early with waitResult = "
-                              << waitResult << kit::endl;
-        }
-        std::uint32_t tickIndex = 0;
-        if (GetNextTickIndex(&tickIndex)) {
-            callback_(tickIndex);
-        }
+    } catch (const std::exception& error) {
+        VeltLogException(error.what(), delayedGuiSource, workerLine);
+    } catch (...) {
+        VeltLogException("Unknown exception.", delayedGuiSource, workerLine);
     }
 }
