@@ -176,8 +176,8 @@ class StandardMidiClock : public MidiClock {
 ///
 /// Threads: Start, GetSecondsSinceStart and CorrectClockPeriodForAverageError come from the
 /// clock's timer callbacks, one at a time; the statistics may come from any thread; the report
-/// thread sends the reports. Locks: one plain mutex around every field but the running flag
-/// (atomic); the report is sent without it.
+/// thread sends the reports (a report that fails is logged and the next is still sent). Locks: one
+/// plain mutex around every field but the running flag (atomic); the report is sent without it.
 class MidiClockChrono {
   public:
     /// The performance counter read as a std::chrono clock in nanoseconds.

@@ -1,3 +1,4 @@
+#include <exception>
 #include <numeric>
 #include <sstream>
 
@@ -8,6 +9,12 @@
 namespace {
 
 constexpr std::int64_t kNanosecondsPerSecond = 1'000'000'000;
+
+// Source positions quoted when the report thread logs an exception: the thread's own, which ends
+// it, and a report's, after which the thread goes on with the next one.
+constexpr const char* kSourcePath = "midi/Sources/midi_clock_chrono";
+constexpr int kThreadCatchLine = 40;
+constexpr int kReportCatchLine = 215;
 
 }  // namespace
 
@@ -27,7 +34,15 @@ MidiClockChrono::MidiClockChrono(unsigned int reportInterval, TimeSource timeSou
     : reportInterval_(reportInterval),
       timeSource_(timeSource ? std::move(timeSource) : TimeSource(&MidiClockChrono::Now)),
       periodicErrors_(kPeriodicErrorCount, 0.0),
-      reportThread_([this] { RunLoop(); }) {}
+      reportThread_([this] {
+          try {
+              RunLoop();
+          } catch (const std::exception& e) {
+              VeltLogException(e.what(), kSourcePath, kThreadCatchLine);
+          } catch (...) {
+              VeltLogException("Unknown exception.", kSourcePath, kThreadCatchLine);
+          }
+      }) {}
 
 MidiClockChrono::~MidiClockChrono() {
     {
@@ -193,8 +208,15 @@ void MidiClockChrono::RunLoop() {
                      << "initialPeriodicError = " << correction_ << "\n";
             }
         }
-        // Sent without the mutex: the host's sink may take its own time or locks.
-        notify::guiDispatcher.SendMidiClockDebugMessage(text.str());
+        // Sent without the mutex: the host's sink may take its own time or locks. A report that
+        // cannot be sent is lost, not the ones after it.
+        try {
+            notify::guiDispatcher.SendMidiClockDebugMessage(text.str());
+        } catch (const std::exception& e) {
+            VeltLogException(e.what(), kSourcePath, kReportCatchLine);
+        } catch (...) {
+            VeltLogException("Unknown exception.", kSourcePath, kReportCatchLine);
+        }
     }
 }
 
