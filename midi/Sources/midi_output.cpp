@@ -326,8 +326,8 @@ void MidiOutput::SignalAsyncStoppedCallback() {
 }
 
 void MidiOutput::AsyncStoppedThread_() {
-    kit::threadNames.SetNameOfCurrentThread("MidiOutput::AsyncStoppedThread");
     try {
+        kit::threadNames.SetNameOfCurrentThread("MidiOutput::AsyncStoppedThread");
         std::unique_lock lock(asyncStoppedMutex_);
         while (true) {
             asyncStoppedCondition_.wait(lock,
@@ -337,9 +337,16 @@ void MidiOutput::AsyncStoppedThread_() {
             }
             --pendingStops_;
             // The client may call back into the output (to prime again, say) from here, so no
-            // lock of ours is held while it runs.
+            // lock of ours is held while it runs. A client that fails on one stop is still told
+            // of the next.
             lock.unlock();
-            DoStoppedCallback();
+            try {
+                DoStoppedCallback();
+            } catch (const std::exception& error) {
+                VeltLogException(error.what(), outputSource, asyncStoppedThreadLine);
+            } catch (...) {
+                VeltLogException("Unknown exception.", outputSource, asyncStoppedThreadLine);
+            }
             lock.lock();
         }
     } catch (const std::exception& error) {

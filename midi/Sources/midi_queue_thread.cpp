@@ -6,7 +6,7 @@
 #include "platform/mmsystem.h"
 
 namespace {
-// Source position quoted when an exception ends the thread.
+// Source position quoted when an exception ends the thread or fails a fill.
 constexpr const char* queueThreadSource = "midi/Sources/midi_queue_thread";
 constexpr int queueThreadLine = 122;
 }  // namespace
@@ -21,14 +21,14 @@ MidiQueueThread::~MidiQueueThread() {
 }
 
 void MidiQueueThread::ThreadEntry_() {
-    // The filler must never fall behind the send step, so it asks for the highest priority the
-    // platform grants; a refusal is logged and playback goes on at normal priority.
-    if (!SetThreadPriority(GetCurrentThread(), THREAD_PRIORITY_HIGHEST)) {
-        kit::CoutBuffer() << "Unable to SetThreadPriority of midi clock. dwError = "
-                          << GetLastError() << kit::endl;
-    }
-    kit::threadNames.SetNameOfCurrentThread("midi_queue_run");
     try {
+        // The filler must never fall behind the send step, so it asks for the highest priority
+        // the platform grants; a refusal is logged and playback goes on at normal priority.
+        if (!SetThreadPriority(GetCurrentThread(), THREAD_PRIORITY_HIGHEST)) {
+            kit::CoutBuffer() << "Unable to SetThreadPriority of midi clock. dwError = "
+                              << GetLastError() << kit::endl;
+        }
+        kit::threadNames.SetNameOfCurrentThread("midi_queue_run");
         Run();
     } catch (const std::exception& error) {
         VeltLogException(error.what(), queueThreadSource, queueThreadLine);
@@ -57,9 +57,22 @@ void MidiQueueThread::Run() {
         // The buffer's mutex is held around the fill, as PrimeBuffers holds it: the fill
         // callback always runs under it, so locks of the host's come after it on every path.
         std::scoped_lock lock(buffer->GetMutex());
-        output_.DoFillMidiBufferCallback(*buffer, false);  // resets the buffer, then fills it
+        try {
+            output_.DoFillMidiBufferCallback(*buffer, false);  // resets the buffer, then fills it
+        } catch (const std::exception& error) {
+            FillFailed_(*buffer, error.what());
+        } catch (...) {
+            FillFailed_(*buffer, "Unknown exception.");
+        }
         output_.IncrementFillBufferIndex();
     }
+}
+
+void MidiQueueThread::FillFailed_(MidiBuffer& buffer, const char* text) {
+    VeltLogException(text, queueThreadSource, queueThreadLine);
+    // The period goes out as far as it was filled and the ring keeps turning: a filler that
+    // stopped here would leave the send step waiting on this buffer for the rest of the show.
+    buffer.SetHasData(true);
 }
 
 void MidiQueueThread::Exit() {
