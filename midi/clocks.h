@@ -146,6 +146,12 @@ class StandardMidiClock : public MidiClock {
     virtual void SetClockTimer(double seconds) = 0;
     /// Starts a run of the timer, whose first expiry comes at once.
     virtual void StartClock() = 0;
+    /// Called by AdvanceClock, with the clock mutex held, at the moment it decides that the timer
+    /// stops (playback disarmed, or the caesura reached). Whatever a control thread does under the
+    /// clock mutex after the stop (arming again, reading the caesura) comes after this call, so a
+    /// subclass that marks its run as ending here can tell a start requested after the stop from
+    /// one requested while the run was still going. Must not wait for the timer.
+    virtual void RunEnding() {}
 
   private:
     /// The change of one field (SetClocksPerClick, SetClockTime): deferred, at once, refused with

@@ -2,10 +2,13 @@
 // idle or running. No timing is asserted here (bench/clock_accuracy measures it).
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <functional>
 #include <memory>
 #include <mutex>
+#include <utility>
 
 #include "clock_log_capture.h"
 #include "midi/win32/precision_midi_clock_impl.h"
@@ -47,6 +50,28 @@ class ClockCounter {
 template <typename Clock>
 class ClockImplTest : public ::testing::Test {};
 
+// Does something the moment the clock decides its run is over, before the clock thread has wound
+// the run up: a performer's start that comes right after the stop lands in that window.
+template <typename Clock>
+class ActingAtTheStop : public Clock {
+  public:
+    void AtNextStop(std::function<void()> action) {
+        std::scoped_lock lock(this->clockMutex_);
+        action_ = std::move(action);
+    }
+
+  protected:
+    void RunEnding() override {
+        Clock::RunEnding();
+        if (auto action = std::exchange(action_, nullptr)) {
+            action();
+        }
+    }
+
+  private:
+    std::function<void()> action_;  // guarded by the clock mutex
+};
+
 using ClockImpls = ::testing::Types<StandardMidiClockImpl, PrecisionMidiClockImpl>;
 TYPED_TEST_SUITE(ClockImplTest, ClockImpls);
 
@@ -83,6 +108,42 @@ TYPED_TEST(ClockImplTest, RunsStopsAtTheCaesuraRestartsAndStopsWhenDisarmed) {
     // Without a caesura only the disarm stops it.
     clock.ContinuousMode();
     ASSERT_TRUE(counter.WaitForCalls(18));
+    clock.DisarmPlayback();
+    EXPECT_TRUE(clock.WaitUntilStopped(10s));
+}
+
+TYPED_TEST(ClockImplTest, AStartAfterTheStopStartsTheNextRunButOneDuringTheRunDoesNot) {
+    ClockCounter counter;
+    ActingAtTheStop<TypeParam> clock;
+    auto count = counter.Callback();
+    std::atomic<int> calls{0};
+    clock.SetMidiClockCallback([&](double bpm) {
+        count(bpm);
+        if (++calls == 2) {
+            clock.ContinuousMode();  // while the run is live: the clock still stops at 40
+        }
+    });
+    clock.ArmPlayback(20, 24, kFastClockTime, 0, 0);
+    clock.SetCaesura(40, kFastClockTime, 24);
+    clock.ContinuousMode();
+    ASSERT_TRUE(clock.WaitUntilStopped(10s));
+    EXPECT_EQ(counter.Calls(), 2);
+
+    // Stopped at a caesura, then started at once.
+    clock.SetCaesura(80, kFastClockTime, 24);
+    clock.AtNextStop([&] { clock.ContinuousMode(); });
+    clock.ContinuousMode();
+    ASSERT_TRUE(counter.WaitForCalls(8));  // 40, 60, then the next run from 80 on
+
+    // Disarmed, then armed and started at once.
+    clock.AtNextStop([&] {
+        clock.ArmPlayback(20, 24, kFastClockTime, 0, 0);
+        clock.ContinuousMode();
+    });
+    clock.DisarmPlayback();
+    const int callsAtDisarm = counter.Calls();
+    ASSERT_TRUE(counter.WaitForCalls(callsAtDisarm + 4));
+
     clock.DisarmPlayback();
     EXPECT_TRUE(clock.WaitUntilStopped(10s));
 }
