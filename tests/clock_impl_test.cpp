@@ -8,6 +8,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <stdexcept>
 #include <utility>
 
 #include "clock_log_capture.h"
@@ -148,6 +149,40 @@ TYPED_TEST(ClockImplTest, AStartAfterTheStopStartsTheNextRunButOneDuringTheRunDo
     EXPECT_TRUE(clock.WaitUntilStopped(10s));
 }
 
+TYPED_TEST(ClockImplTest, AClockCallbackThatThrowsIsLoggedAndEndsOnlyItsRun) {
+    ClockLogCapture log;
+    ClockCounter counter;
+    TypeParam clock;
+    auto count = counter.Callback();
+    std::atomic<int> calls{0};
+    clock.SetMidiClockCallback([&](double bpm) {
+        count(bpm);
+        const int call = ++calls;
+        if (call == 1) {
+            throw std::runtime_error("display gone");  // the first clock of a run
+        }
+        if (call == 3) {
+            throw 3;  // a later clock
+        }
+    });
+    clock.ArmPlayback(20, 24, kFastClockTime, 0, 0);
+    for (int run = 1; run <= 2; ++run) {
+        clock.ContinuousMode();
+        ASSERT_TRUE(log.WaitForLines(static_cast<std::size_t>(run)));
+        ASSERT_TRUE(clock.WaitUntilStopped(10s));
+    }
+    EXPECT_EQ(counter.Calls(), 3);
+    clock.ContinuousMode();
+    ASSERT_TRUE(counter.WaitForCalls(6));
+    clock.DisarmPlayback();
+    ASSERT_TRUE(clock.WaitUntilStopped(10s));
+    const auto lines = log.Lines();
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_EQ(lines[0].rfind("EXCEPTION: display gone (midi/Sources/win32/", 0), 0u) << lines[0];
+    EXPECT_EQ(lines[1].rfind("EXCEPTION: Unknown exception. (midi/Sources/win32/", 0), 0u)
+        << lines[1];
+}
+
 TYPED_TEST(ClockImplTest, DestroyedWhileRunning) {
     ClockCounter counter;
     auto clock = std::make_unique<TypeParam>();
@@ -186,7 +221,7 @@ TEST(StandardMidiClockImpl, TracesTheTimerCallsWhenAsked) {
     EXPECT_EQ(log.Lines(), expected);  // one timer: the second clock stops at the caesura
 }
 
-TEST(StandardMidiClockImpl, ATimerThatCannotBeSetIsLoggedAndEndsTheClockThread) {
+TEST(StandardMidiClockImpl, ATimerThatCannotBeSetIsLoggedAndEndsTheRun) {
     ClockLogCapture log;
     ClockCounter counter;
     StandardMidiClockImpl clock;

@@ -53,9 +53,10 @@ class StandardMidiClockImpl : public StandardMidiClock {
     static void CALLBACK DoTimerCallbackFromThread(UINT timerId, UINT message, DWORD_PTR user,
                                                    DWORD_PTR, DWORD_PTR);
     /// One clock: starts the chrono's measurement of the period and advances the clock; ends the
-    /// run when the clock stops (or throws).
+    /// run when the clock stops. Its callers log an exception and end the run.
     void DoTimerCallback();
-    /// The clock thread's body: one run per start request.
+    /// The clock thread's body: one run per start request; a run that fails is logged and ends,
+    /// and the thread waits for the next start.
     void RunLoop();
     void EndRun_();
 

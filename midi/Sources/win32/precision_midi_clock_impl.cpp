@@ -41,7 +41,15 @@ class OneMillisecondTimerResolution {
 }  // namespace
 
 PrecisionMidiClockImpl::PrecisionMidiClockImpl(std::chrono::nanoseconds spin)
-    : spinNanoseconds_(spin.count()), clockThread_([this] { RunLoop(); }) {}
+    : spinNanoseconds_(spin.count()), clockThread_([this] {
+          try {
+              RunLoop();
+          } catch (const std::exception& e) {
+              VeltLogException(e.what(), kSourceName, __LINE__);
+          } catch (...) {
+              VeltLogException("Unknown exception.", kSourceName, __LINE__);
+          }
+      }) {}
 
 PrecisionMidiClockImpl::~PrecisionMidiClockImpl() {
     gate_.Shut();

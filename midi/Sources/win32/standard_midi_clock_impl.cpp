@@ -59,14 +59,23 @@ void StandardMidiClockImpl::StartClock() {
 
 void StandardMidiClockImpl::RunLoop() {
     while (gate_.WaitForStart()) {
-        if (timeBeginPeriod(kTimerPeriodMilliseconds) != TIMERR_NOERROR) {
-            kit::CoutBuffer() << "timeBeginPeriod(1) failed." << kit::endl;
-        } else {
-            std::scoped_lock lock(timerMutex_);
-            timerPeriodRaised_ = true;
+        // A run that fails is logged and ends; the thread stays ready for the next start.
+        try {
+            if (timeBeginPeriod(kTimerPeriodMilliseconds) != TIMERR_NOERROR) {
+                kit::CoutBuffer() << "timeBeginPeriod(1) failed." << kit::endl;
+            } else {
+                std::scoped_lock lock(timerMutex_);
+                timerPeriodRaised_ = true;
+            }
+            chrono_.ResetErrorCorrectionForRun();
+            DoTimerCallback();  // the first clock of the run fires at once, on this thread
+        } catch (const std::exception& e) {
+            VeltLogException(e.what(), kSourceName, kClockThreadLine);
+            EndRun_();
+        } catch (...) {
+            VeltLogException("Unknown exception.", kSourceName, kClockThreadLine);
+            EndRun_();
         }
-        chrono_.ResetErrorCorrectionForRun();
-        DoTimerCallback();  // the first clock of the run fires at once, on this thread
     }
 }
 
@@ -86,8 +95,10 @@ void CALLBACK StandardMidiClockImpl::DoTimerCallbackFromThread(UINT, UINT, DWORD
         clock->DoTimerCallback();
     } catch (const std::exception& e) {
         VeltLogException(e.what(), kSourceName, __LINE__);
+        clock->EndRun_();
     } catch (...) {
         VeltLogException("Unknown exception.", kSourceName, __LINE__);
+        clock->EndRun_();
     }
     {
         std::scoped_lock lock(clock->timerMutex_);
@@ -98,14 +109,7 @@ void CALLBACK StandardMidiClockImpl::DoTimerCallbackFromThread(UINT, UINT, DWORD
 
 void StandardMidiClockImpl::DoTimerCallback() {
     chrono_.Start(GetClockState().GetClockTime());
-    bool goOn = false;
-    try {
-        goOn = AdvanceClock();
-    } catch (...) {
-        EndRun_();
-        throw;
-    }
-    if (!goOn) {
+    if (!AdvanceClock()) {
         EndRun_();
     }
 }
