@@ -115,7 +115,8 @@ class OutputHandle {
     }
 
     void Start() {
-        service_ = std::thread([this] { Run_(); });
+        service_ =
+            std::thread([this] { RunReportingFailure("MIDI output service", [this] { Run_(); }); });
     }
 
     bool IsStream() const { return isStream_; }
@@ -363,8 +364,14 @@ class OutputHandle {
             }
         }
         for (const Bytes& off : offs) {
-            port_->Send(off, std::nullopt);
+            SendFromService_(off, std::nullopt);
         }
+    }
+
+    // A device that throws loses that message; the service goes on with the rest, so that the
+    // buffers it holds still come back to their owner.
+    void SendFromService_(const Bytes& message, std::optional<std::uint64_t> packet) {
+        RunReportingFailure("MIDI output device", [&] { port_->Send(message, packet); });
     }
 
     void Run_() {
@@ -404,7 +411,7 @@ class OutputHandle {
         const Bytes message(header->lpData, header->lpData + header->dwBufferLength);
         longInFlight_ = true;
         lock.unlock();
-        port_->Send(message, std::nullopt);
+        SendFromService_(message, std::nullopt);
         lock.lock();
         longInFlight_ = false;
         MarkDone(header);
@@ -492,7 +499,7 @@ class OutputHandle {
         if (!message.empty()) {
             const std::uint64_t index = packet.ticket.index;
             lock.unlock();
-            port_->Send(message, index);
+            SendFromService_(message, index);
             lock.lock();
         }
         return std::nullopt;
