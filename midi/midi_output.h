@@ -82,8 +82,6 @@ class MidiQueueThread {
 
   private:
     void ThreadEntry_();
-    /// Logs a fill that threw and marks its buffer filled as far as it got.
-    void FillFailed_(MidiBuffer& buffer, const char* text);
 
     MidiOutput& output_;
     MidiThreadManager& manager_;

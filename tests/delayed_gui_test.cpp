@@ -74,7 +74,7 @@ TEST(DelayedGui, AThrowingCallbackIsLoggedAndTheNextTickIsStillDelivered) {
         ASSERT_TRUE(deliveries.WaitFor(1));
     }
     EXPECT_EQ(deliveries.Ticks(), std::vector<std::uint32_t>{3});
-    const std::string source = " (midi/Sources/win32/delayed_gui line 117)";
+    const std::string source = " (midi/Sources/win32/delayed_gui line 114)";
     EXPECT_EQ(log.Lines(), (std::vector<std::string>{"EXCEPTION: display gone" + source,
                                                      "EXCEPTION: Unknown exception." + source}));
 }

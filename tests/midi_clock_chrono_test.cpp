@@ -207,7 +207,7 @@ TEST_F(MidiClockChronoReport, AReportThatFailsIsLoggedAndTheNextIsStillSent) {
     kit::SetLogSink(capture);
     EXPECT_EQ(log.Lines(), (std::vector<std::string>{
                                "WARNING: GUI sink threw in SendMidiClockDebugMessage: display gone",
-                               "EXCEPTION: log full (midi/Sources/midi_clock_chrono line 215)"}));
+                               "EXCEPTION: log full (midi/Sources/midi_clock_chrono line 206)"}));
 }
 
 }  // namespace

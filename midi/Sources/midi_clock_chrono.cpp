@@ -1,8 +1,8 @@
-#include <exception>
 #include <numeric>
 #include <sstream>
 
 #include "interfaces/notify.h"
+#include "midi/Sources/logged_exceptions.h"
 #include "midi/clocks.h"
 #include "platform/mmsystem.h"
 
@@ -13,8 +13,8 @@ constexpr std::int64_t kNanosecondsPerSecond = 1'000'000'000;
 // Source positions quoted when the report thread logs an exception: the thread's own, which ends
 // it, and a report's, after which the thread goes on with the next one.
 constexpr const char* kSourcePath = "midi/Sources/midi_clock_chrono";
-constexpr int kThreadCatchLine = 40;
-constexpr int kReportCatchLine = 215;
+constexpr int kThreadLine = 38;
+constexpr int kReportLine = 206;
 
 }  // namespace
 
@@ -34,15 +34,8 @@ MidiClockChrono::MidiClockChrono(unsigned int reportInterval, TimeSource timeSou
     : reportInterval_(reportInterval),
       timeSource_(timeSource ? std::move(timeSource) : TimeSource(&MidiClockChrono::Now)),
       periodicErrors_(kPeriodicErrorCount, 0.0),
-      reportThread_([this] {
-          try {
-              RunLoop();
-          } catch (const std::exception& e) {
-              VeltLogException(e.what(), kSourcePath, kThreadCatchLine);
-          } catch (...) {
-              VeltLogException("Unknown exception.", kSourcePath, kThreadCatchLine);
-          }
-      }) {}
+      reportThread_(
+          [this] { RunLoggingExceptions(kSourcePath, kThreadLine, [this] { RunLoop(); }); }) {}
 
 MidiClockChrono::~MidiClockChrono() {
     {
@@ -210,13 +203,8 @@ void MidiClockChrono::RunLoop() {
         }
         // Sent without the mutex: the host's sink may take its own time or locks. A report that
         // cannot be sent is lost, not the ones after it.
-        try {
-            notify::guiDispatcher.SendMidiClockDebugMessage(text.str());
-        } catch (const std::exception& e) {
-            VeltLogException(e.what(), kSourcePath, kReportCatchLine);
-        } catch (...) {
-            VeltLogException("Unknown exception.", kSourcePath, kReportCatchLine);
-        }
+        RunLoggingExceptions(kSourcePath, kReportLine,
+                             [&] { notify::guiDispatcher.SendMidiClockDebugMessage(text.str()); });
     }
 }
 

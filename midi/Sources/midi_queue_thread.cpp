@@ -1,7 +1,6 @@
-#include <exception>
-
 #include "interfaces/kit.h"
 #include "interfaces/notify.h"
+#include "midi/Sources/logged_exceptions.h"
 #include "midi/midi_output.h"
 #include "platform/mmsystem.h"
 
@@ -21,7 +20,7 @@ MidiQueueThread::~MidiQueueThread() {
 }
 
 void MidiQueueThread::ThreadEntry_() {
-    try {
+    RunLoggingExceptions(queueThreadSource, queueThreadLine, [this] {
         // The filler must never fall behind the send step, so it asks for the highest priority
         // the platform grants; a refusal is logged and playback goes on at normal priority.
         if (!SetThreadPriority(GetCurrentThread(), THREAD_PRIORITY_HIGHEST)) {
@@ -30,11 +29,7 @@ void MidiQueueThread::ThreadEntry_() {
         }
         kit::threadNames.SetNameOfCurrentThread("midi_queue_run");
         Run();
-    } catch (const std::exception& error) {
-        VeltLogException(error.what(), queueThreadSource, queueThreadLine);
-    } catch (...) {
-        VeltLogException("Unknown exception.", queueThreadSource, queueThreadLine);
-    }
+    });
 }
 
 void MidiQueueThread::Run() {
@@ -57,22 +52,16 @@ void MidiQueueThread::Run() {
         // The buffer's mutex is held around the fill, as PrimeBuffers holds it: the fill
         // callback always runs under it, so locks of the host's come after it on every path.
         std::scoped_lock lock(buffer->GetMutex());
-        try {
+        const bool filled = RunLoggingExceptions(queueThreadSource, queueThreadLine, [&] {
             output_.DoFillMidiBufferCallback(*buffer, false);  // resets the buffer, then fills it
-        } catch (const std::exception& error) {
-            FillFailed_(*buffer, error.what());
-        } catch (...) {
-            FillFailed_(*buffer, "Unknown exception.");
+        });
+        if (!filled) {
+            // A fill that failed still hands its buffer on as far as it got, so the ring keeps
+            // turning: a filler that stopped here would leave the send step waiting for good.
+            buffer->SetHasData(true);
         }
         output_.IncrementFillBufferIndex();
     }
-}
-
-void MidiQueueThread::FillFailed_(MidiBuffer& buffer, const char* text) {
-    VeltLogException(text, queueThreadSource, queueThreadLine);
-    // The period goes out as far as it was filled and the ring keeps turning: a filler that
-    // stopped here would leave the send step waiting on this buffer for the rest of the show.
-    buffer.SetHasData(true);
 }
 
 void MidiQueueThread::Exit() {

@@ -1,20 +1,19 @@
 #include "midi/win32/delayed_gui.h"
 
 #include <cmath>
-#include <exception>
 #include <system_error>
 
 #include "interfaces/kit.h"
-#include "interfaces/notify.h"
+#include "midi/Sources/logged_exceptions.h"
 
 namespace {
 // A timer wait never lasts longer than this, so shutdown is never held up for long.
 constexpr DWORD maximumTimerWaitMilliseconds = 2000;
-// Source positions quoted when the worker logs an exception: the downbeat callback's, after
-// which the worker goes on, and the worker's own, which ends it.
+// Source positions quoted when the worker logs an exception: the worker's own, which ends it,
+// and the downbeat callback's, after which the worker goes on.
 constexpr const char* delayedGuiSource = "midi/Sources/win32/delayed_gui";
-constexpr int callbackLine = 117;
-constexpr int workerLine = 124;
+constexpr int workerLine = 27;
+constexpr int callbackLine = 114;
 }  // namespace
 
 DelayedGui::DelayedGui(Callback callback, double secondsDelay)
@@ -24,7 +23,8 @@ DelayedGui::DelayedGui(Callback callback, double secondsDelay)
         throw std::system_error(static_cast<int>(GetLastError()), std::system_category(),
                                 "CreateWaitableTimerW");
     }
-    worker_ = std::thread([this] { RunLoop(); });
+    worker_ = std::thread(
+        [this] { RunLoggingExceptions(delayedGuiSource, workerLine, [this] { RunLoop(); }); });
 }
 
 DelayedGui::~DelayedGui() {
@@ -89,41 +89,29 @@ bool DelayedGui::GetShouldRun() {
 }
 
 void DelayedGui::RunLoop() {
-    try {
-        while (GetShouldRun()) {
-            {
-                std::unique_lock wakeLock(wakeMutex_);
-                if (!HasScheduledCallbacks() && GetShouldRun()) {
-                    wakeCondition_.wait(wakeLock);  // a single wait: any wake-up re-checks below
-                }
-            }
-            if (!GetShouldRun()) {
-                return;
-            }
-            // Relative due time in 100-nanosecond units (negative = relative to now).
-            LARGE_INTEGER dueTime;
-            dueTime.QuadPart = -std::llround(GetSecondsDelay() * 10'000'000.0);
-            SetWaitableTimer(timer_, &dueTime, 0, nullptr, nullptr, FALSE);
-            DWORD waitResult = WaitForSingleObject(timer_, maximumTimerWaitMilliseconds);
-            if (waitResult != 0) {
-                kit::CoutBuffer() << "WARNING: DelayedGui returned early with waitResult = "
-                                  << waitResult << kit::endl;
-            }
-            std::uint32_t tickIndex = 0;
-            if (GetNextTickIndex(&tickIndex)) {
-                // A display that fails on one downbeat must not cost the next ones.
-                try {
-                    callback_(tickIndex);
-                } catch (const std::exception& error) {
-                    VeltLogException(error.what(), delayedGuiSource, callbackLine);
-                } catch (...) {
-                    VeltLogException("Unknown exception.", delayedGuiSource, callbackLine);
-                }
+    while (GetShouldRun()) {
+        {
+            std::unique_lock wakeLock(wakeMutex_);
+            if (!HasScheduledCallbacks() && GetShouldRun()) {
+                wakeCondition_.wait(wakeLock);  // a single wait: any wake-up re-checks below
             }
         }
-    } catch (const std::exception& error) {
-        VeltLogException(error.what(), delayedGuiSource, workerLine);
-    } catch (...) {
-        VeltLogException("Unknown exception.", delayedGuiSource, workerLine);
+        if (!GetShouldRun()) {
+            return;
+        }
+        // Relative due time in 100-nanosecond units (negative = relative to now).
+        LARGE_INTEGER dueTime;
+        dueTime.QuadPart = -std::llround(GetSecondsDelay() * 10'000'000.0);
+        SetWaitableTimer(timer_, &dueTime, 0, nullptr, nullptr, FALSE);
+        DWORD waitResult = WaitForSingleObject(timer_, maximumTimerWaitMilliseconds);
+        if (waitResult != 0) {
+            kit::CoutBuffer() << "WARNING: DelayedGui returned early with waitResult = "
+                              << waitResult << kit::endl;
+        }
+        std::uint32_t tickIndex = 0;
+        if (GetNextTickIndex(&tickIndex)) {
+            // A display that fails on one downbeat must not cost the next ones.
+            RunLoggingExceptions(delayedGuiSource, callbackLine, [&] { callback_(tickIndex); });
+        }
     }
 }

@@ -1,9 +1,8 @@
 #include "midi/win32/standard_midi_clock_impl.h"
 
-#include <exception>
-
 #include "interfaces/kit.h"
 #include "interfaces/notify.h"
+#include "midi/Sources/logged_exceptions.h"
 #include "midi/velt_midi_error.h"
 
 namespace {
@@ -18,15 +17,8 @@ constexpr UINT kTimerPeriodMilliseconds = 1;
 }  // namespace
 
 StandardMidiClockImpl::StandardMidiClockImpl()
-    : clockThread_([this] {
-          try {
-              RunLoop();
-          } catch (const std::exception& e) {
-              VeltLogException(e.what(), kSourceName, kClockThreadLine);
-          } catch (...) {
-              VeltLogException("Unknown exception.", kSourceName, kClockThreadLine);
-          }
-      }) {}
+    : clockThread_(
+          [this] { RunLoggingExceptions(kSourceName, kClockThreadLine, [this] { RunLoop(); }); }) {}
 
 StandardMidiClockImpl::~StandardMidiClockImpl() {
     gate_.Shut();
@@ -60,7 +52,7 @@ void StandardMidiClockImpl::StartClock() {
 void StandardMidiClockImpl::RunLoop() {
     while (gate_.WaitForStart()) {
         // A run that fails is logged and ends; the thread stays ready for the next start.
-        try {
+        const bool ok = RunLoggingExceptions(kSourceName, kClockThreadLine, [this] {
             if (timeBeginPeriod(kTimerPeriodMilliseconds) != TIMERR_NOERROR) {
                 kit::CoutBuffer() << "timeBeginPeriod(1) failed." << kit::endl;
             } else {
@@ -69,11 +61,8 @@ void StandardMidiClockImpl::RunLoop() {
             }
             chrono_.ResetErrorCorrectionForRun();
             DoTimerCallback();  // the first clock of the run fires at once, on this thread
-        } catch (const std::exception& e) {
-            VeltLogException(e.what(), kSourceName, kClockThreadLine);
-            EndRun_();
-        } catch (...) {
-            VeltLogException("Unknown exception.", kSourceName, kClockThreadLine);
+        });
+        if (!ok) {
             EndRun_();
         }
     }
@@ -91,13 +80,7 @@ void CALLBACK StandardMidiClockImpl::DoTimerCallbackFromThread(UINT, UINT, DWORD
     }
     // Nothing may escape into the platform's timer thread: a failure ends the run and is logged
     // as a clock-thread failure would be.
-    try {
-        clock->DoTimerCallback();
-    } catch (const std::exception& e) {
-        VeltLogException(e.what(), kSourceName, __LINE__);
-        clock->EndRun_();
-    } catch (...) {
-        VeltLogException("Unknown exception.", kSourceName, __LINE__);
+    if (!RunLoggingExceptions(kSourceName, __LINE__, [clock] { clock->DoTimerCallback(); })) {
         clock->EndRun_();
     }
     {
