@@ -129,6 +129,8 @@ bool StandardMidiClock::GetPlaybackIsArmed() {
 
 bool StandardMidiClock::AdvanceClock() {
     {
+        // The stop and RunEnding under one hold of the clock mutex, as at the caesura below: a
+        // control thread that arms and starts the clock again comes after both.
         std::scoped_lock lock(clockMutex_);
         if (!GetPlaybackIsArmed()) {
             RunEnding();
