@@ -146,6 +146,12 @@ class StandardMidiClock : public MidiClock {
     virtual void SetClockTimer(double seconds) = 0;
     /// Starts a run of the timer, whose first expiry comes at once.
     virtual void StartClock() = 0;
+    /// Called by AdvanceClock, with the clock mutex held, at the moment it decides that the timer
+    /// stops (playback disarmed, or the caesura reached). Whatever a control thread does under the
+    /// clock mutex after the stop (arming again, reading the caesura) comes after this call, so a
+    /// subclass that marks its run as ending here can tell a start requested after the stop from
+    /// one requested while the run was still going. Must not wait for the timer.
+    virtual void RunEnding() {}
 
   private:
     /// The change of one field (SetClocksPerClick, SetClockTime): deferred, at once, refused with
@@ -176,8 +182,8 @@ class StandardMidiClock : public MidiClock {
 ///
 /// Threads: Start, GetSecondsSinceStart and CorrectClockPeriodForAverageError come from the
 /// clock's timer callbacks, one at a time; the statistics may come from any thread; the report
-/// thread sends the reports. Locks: one plain mutex around every field but the running flag
-/// (atomic); the report is sent without it.
+/// thread sends the reports (a report that fails is logged and the next is still sent). Locks: one
+/// plain mutex around every field but the running flag (atomic); the report is sent without it.
 class MidiClockChrono {
   public:
     /// The performance counter read as a std::chrono clock in nanoseconds.

@@ -57,7 +57,8 @@ class MidiThreadManager {
 
 /// The filling thread ("midi_queue_run"): whenever the current fill buffer needs data and
 /// playback is armed, it resets the buffer, hands it to the client's fill callback and advances
-/// the fill index. It is the only thread that advances the fill index during playback.
+/// the fill index. It is the only thread that advances the fill index during playback. A fill
+/// that throws is logged and its buffer counts as filled as far as it got, so playback goes on.
 ///
 /// Its waits (for release, for data) are single waits, not loops over a predicate: any wake-up
 /// sends it back through the exit and armed checks, which is how Join and DisarmPlayback shake it
@@ -112,7 +113,8 @@ class MidiOutput {
     using FillCallback = std::function<void(MidiBuffer&)>;
     /// Told the tick of a sent period that starts a tick (after the display delay).
     using DownbeatCallback = std::function<void(unsigned int)>;
-    /// Told that playback stopped; always on the async-stopped thread.
+    /// Told that playback stopped; always on the async-stopped thread. An exception it throws is
+    /// logged, and the next stop is reported as usual.
     using StoppedCallback = std::function<void()>;
     /// Called at the start of every clock period the send step handles.
     using ClockIsActiveCallback = std::function<void()>;

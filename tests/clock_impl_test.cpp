@@ -2,10 +2,14 @@
 // idle or running. No timing is asserted here (bench/clock_accuracy measures it).
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <functional>
 #include <memory>
 #include <mutex>
+#include <stdexcept>
+#include <utility>
 
 #include "clock_log_capture.h"
 #include "midi/win32/precision_midi_clock_impl.h"
@@ -47,6 +51,28 @@ class ClockCounter {
 template <typename Clock>
 class ClockImplTest : public ::testing::Test {};
 
+// Does something the moment the clock decides its run is over, before the clock thread has wound
+// the run up: a performer's start that comes right after the stop lands in that window.
+template <typename Clock>
+class ActingAtTheStop : public Clock {
+  public:
+    void AtNextStop(std::function<void()> action) {
+        std::scoped_lock lock(this->clockMutex_);
+        action_ = std::move(action);
+    }
+
+  protected:
+    void RunEnding() override {
+        Clock::RunEnding();
+        if (auto action = std::exchange(action_, nullptr)) {
+            action();
+        }
+    }
+
+  private:
+    std::function<void()> action_;  // guarded by the clock mutex
+};
+
 using ClockImpls = ::testing::Types<StandardMidiClockImpl, PrecisionMidiClockImpl>;
 TYPED_TEST_SUITE(ClockImplTest, ClockImpls);
 
@@ -87,6 +113,76 @@ TYPED_TEST(ClockImplTest, RunsStopsAtTheCaesuraRestartsAndStopsWhenDisarmed) {
     EXPECT_TRUE(clock.WaitUntilStopped(10s));
 }
 
+TYPED_TEST(ClockImplTest, AStartAfterTheStopStartsTheNextRunButOneDuringTheRunDoesNot) {
+    ClockCounter counter;
+    ActingAtTheStop<TypeParam> clock;
+    auto count = counter.Callback();
+    std::atomic<int> calls{0};
+    clock.SetMidiClockCallback([&](double bpm) {
+        count(bpm);
+        if (++calls == 2) {
+            clock.ContinuousMode();  // while the run is live: the clock still stops at 40
+        }
+    });
+    clock.ArmPlayback(20, 24, kFastClockTime, 0, 0);
+    clock.SetCaesura(40, kFastClockTime, 24);
+    clock.ContinuousMode();
+    ASSERT_TRUE(clock.WaitUntilStopped(10s));
+    EXPECT_EQ(counter.Calls(), 2);
+
+    // Stopped at a caesura, then started at once.
+    clock.SetCaesura(80, kFastClockTime, 24);
+    clock.AtNextStop([&] { clock.ContinuousMode(); });
+    clock.ContinuousMode();
+    ASSERT_TRUE(counter.WaitForCalls(8));  // 40, 60, then the next run from 80 on
+
+    // Disarmed, then armed and started at once.
+    clock.AtNextStop([&] {
+        clock.ArmPlayback(20, 24, kFastClockTime, 0, 0);
+        clock.ContinuousMode();
+    });
+    clock.DisarmPlayback();
+    const int callsAtDisarm = counter.Calls();
+    ASSERT_TRUE(counter.WaitForCalls(callsAtDisarm + 4));
+
+    clock.DisarmPlayback();
+    EXPECT_TRUE(clock.WaitUntilStopped(10s));
+}
+
+TYPED_TEST(ClockImplTest, AClockCallbackThatThrowsIsLoggedAndEndsOnlyItsRun) {
+    ClockLogCapture log;
+    ClockCounter counter;
+    TypeParam clock;
+    auto count = counter.Callback();
+    std::atomic<int> calls{0};
+    clock.SetMidiClockCallback([&](double bpm) {
+        count(bpm);
+        const int call = ++calls;
+        if (call == 1) {
+            throw std::runtime_error("display gone");  // the first clock of a run
+        }
+        if (call == 3) {
+            throw 3;  // a later clock
+        }
+    });
+    clock.ArmPlayback(20, 24, kFastClockTime, 0, 0);
+    for (int run = 1; run <= 2; ++run) {
+        clock.ContinuousMode();
+        ASSERT_TRUE(log.WaitForLines(static_cast<std::size_t>(run)));
+        ASSERT_TRUE(clock.WaitUntilStopped(10s));
+    }
+    EXPECT_EQ(counter.Calls(), 3);
+    clock.ContinuousMode();
+    ASSERT_TRUE(counter.WaitForCalls(6));
+    clock.DisarmPlayback();
+    ASSERT_TRUE(clock.WaitUntilStopped(10s));
+    const auto lines = log.Lines();
+    ASSERT_EQ(lines.size(), 2u);
+    EXPECT_EQ(lines[0].rfind("EXCEPTION: display gone (midi/Sources/win32/", 0), 0u) << lines[0];
+    EXPECT_EQ(lines[1].rfind("EXCEPTION: Unknown exception. (midi/Sources/win32/", 0), 0u)
+        << lines[1];
+}
+
 TYPED_TEST(ClockImplTest, DestroyedWhileRunning) {
     ClockCounter counter;
     auto clock = std::make_unique<TypeParam>();
@@ -125,7 +221,7 @@ TEST(StandardMidiClockImpl, TracesTheTimerCallsWhenAsked) {
     EXPECT_EQ(log.Lines(), expected);  // one timer: the second clock stops at the caesura
 }
 
-TEST(StandardMidiClockImpl, ATimerThatCannotBeSetIsLoggedAndEndsTheClockThread) {
+TEST(StandardMidiClockImpl, ATimerThatCannotBeSetIsLoggedAndEndsTheRun) {
     ClockLogCapture log;
     ClockCounter counter;
     StandardMidiClockImpl clock;

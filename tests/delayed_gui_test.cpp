@@ -5,9 +5,12 @@
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
+#include <stdexcept>
+#include <string>
 #include <thread>
 #include <vector>
 
+#include "clock_log_capture.h"
 #include "midi/win32/delayed_gui.h"
 
 namespace {
@@ -48,6 +51,32 @@ TEST(DelayedGui, ScheduledTicksArriveInOrderOnTheWorkerThread) {
     for (auto id : deliveries.threads)
         EXPECT_NE(id, std::this_thread::get_id());
     EXPECT_FALSE(gui.HasScheduledCallbacks());
+}
+
+TEST(DelayedGui, AThrowingCallbackIsLoggedAndTheNextTickIsStillDelivered) {
+    ClockLogCapture log;
+    Deliveries deliveries;
+    {
+        DelayedGui gui(
+            [&](std::uint32_t tick) {
+                if (tick == 1) {
+                    throw std::runtime_error("display gone");
+                }
+                if (tick == 2) {
+                    throw 2;
+                }
+                deliveries.Deliver(tick);
+            },
+            0.0);
+        gui.SignalDelayedCallback(1);
+        gui.SignalDelayedCallback(2);
+        gui.SignalDelayedCallback(3);
+        ASSERT_TRUE(deliveries.WaitFor(1));
+    }
+    EXPECT_EQ(deliveries.Ticks(), std::vector<std::uint32_t>{3});
+    const std::string source = " (midi/Sources/win32/delayed_gui line 114)";
+    EXPECT_EQ(log.Lines(), (std::vector<std::string>{"EXCEPTION: display gone" + source,
+                                                     "EXCEPTION: Unknown exception." + source}));
 }
 
 TEST(DelayedGui, QueueOperationsTakeTheOldestTickAndResetDropsAll) {

@@ -6,8 +6,11 @@
 #include <memory>
 #include <mutex>
 #include <numeric>
+#include <stdexcept>
+#include <utility>
 #include <vector>
 
+#include "clock_log_capture.h"
 #include "interfaces/notify.h"
 #include "midi/clocks.h"
 
@@ -117,16 +120,20 @@ TEST(MidiClockChrono, PerformanceCounterConversion) {
     EXPECT_GE(MidiClockChrono::GetTimeDifferenceNanoSeconds(a, b), 0);
 }
 
-// Records debug messages and wakes the test when one arrives.
+// Records debug messages and wakes the test when one arrives; refuses the first when asked.
 class WaitingGuiSink : public notify::RecordingGuiSink {
   public:
     void SendMidiClockDebugMessage(const std::string& text) override {
+        if (refuseFirst.exchange(false)) {
+            throw std::runtime_error("display gone");
+        }
         {
             std::scoped_lock lock(mutex_);
             texts_.push_back(text);
         }
         arrived_.notify_all();
     }
+    std::atomic<bool> refuseFirst{false};
     std::vector<std::string> WaitForTexts(std::size_t count) {
         std::unique_lock lock(mutex_);
         arrived_.wait_for(lock, std::chrono::seconds(10), [&] { return texts_.size() >= count; });
@@ -174,6 +181,33 @@ TEST_F(MidiClockChronoReport, ReportsAveragesAfterTheIntervalsSamples) {
                                         "Overhead as percentage of expected clock time = 25%\n"
                                         "GetAverageError() = 0\n"
                                         "initialPeriodicError = 4e-06\n"}));
+}
+
+TEST_F(MidiClockChronoReport, AReportThatFailsIsLoggedAndTheNextIsStillSent) {
+    // The display refuses the first report, and the log then fails once as the dispatcher writes
+    // the warning about it: the failure reaches the report thread.
+    sink_->refuseFirst = true;
+    bool logFailed = false;
+    ClockLogCapture log;
+    const kit::LogSink capture = kit::SetLogSink({});
+    kit::SetLogSink([&](const std::string& line) {
+        if (!std::exchange(logFailed, true)) {
+            throw std::runtime_error("log full");
+        }
+        capture(line);
+    });
+    ManualTime time;
+    {
+        MidiClockChrono chrono(1, time.Source());
+        chrono.StopTotal();
+        ASSERT_TRUE(log.WaitForLines(2));
+        chrono.StopTotal();
+        EXPECT_EQ(sink_->WaitForTexts(1).size(), 1u);
+    }
+    kit::SetLogSink(capture);
+    EXPECT_EQ(log.Lines(), (std::vector<std::string>{
+                               "WARNING: GUI sink threw in SendMidiClockDebugMessage: display gone",
+                               "EXCEPTION: log full (midi/Sources/midi_clock_chrono line 206)"}));
 }
 
 }  // namespace

@@ -13,6 +13,7 @@
 #include <thread>
 #include <vector>
 
+#include "clock_log_capture.h"
 #include "interfaces/kit.h"
 #include "interfaces/notify.h"
 #include "manual_send_step.h"
@@ -109,6 +110,8 @@ struct Host {
     std::vector<bool> firstFlags;
     std::atomic<int> fills{0};
     std::atomic<int> stops{0};
+    unsigned int failingPeriod = 1'000'000;  // its fill throws once the tick is set
+    std::atomic<bool> failNextStop{false};   // the stopped callback throws after counting
     std::thread::id stoppedThread;
     std::string stoppedThreadName;
     std::condition_variable stoppedCondition;
@@ -120,6 +123,9 @@ struct Host {
         firstFlags.push_back(buffer.GetIsFirstBuffer());
         unsigned int period = nextPeriod++;
         buffer.SetTickIndex(period);
+        if (period == failingPeriod) {
+            throw std::runtime_error("fill failed");
+        }
         if (period >= lastPeriod) {
             buffer.SetIsLastBuffer(true);
             return;
@@ -134,6 +140,9 @@ struct Host {
         stoppedThreadName = kit::threadNames.GetNameOfCurrentThread();
         ++stops;
         stoppedCondition.notify_all();
+        if (failNextStop.exchange(false)) {
+            throw 7;
+        }
     }
     bool WaitForStops(int count) {
         std::unique_lock lock(mutex);
@@ -328,6 +337,37 @@ TEST(MidiOutput, StopSignalsGivenWhileTheStoppedCallbackRunsAreAllDelivered) {
     for (int i = 0; i < 5; ++i)
         output->SignalAsyncStoppedCallback();
     EXPECT_TRUE(host.WaitForStops(5));
+}
+
+TEST(MidiOutput, HostCallbacksThatThrowAreLoggedAndTheirThreadsGoOn) {
+    ClockLogCapture log;
+    Host host;
+    host.failingPeriod = 5;
+    host.failNextStop = true;
+    FakeClock clock;
+    auto output = MakeOutput(host, clock);
+    Prime(*output);
+    ASSERT_TRUE(output->ArmPlayback());
+    // The failed fill's period goes out as far as it was filled (its tick, no note), and the
+    // filler goes on with the next.
+    for (int i = 0; i < 12; ++i) {
+        ASSERT_EQ(SendOnePeriod(*output), Sent::buffer) << "period " << i;
+    }
+    const auto sent = output->ports.Sent();
+    EXPECT_EQ(MainTicks(sent), Range(0, 12));
+    EXPECT_TRUE(sent[5].events.empty());
+    EXPECT_EQ(sent[6].events.size(), 1u);
+
+    output->SignalAsyncStoppedCallback();
+    ASSERT_TRUE(host.WaitForStops(1));
+    output->SignalAsyncStoppedCallback();  // the first stop's failure does not cost this one
+    EXPECT_TRUE(host.WaitForStops(2));
+    output->ExitThreads();
+    EXPECT_EQ(log.Lines(),
+              (std::vector<std::string>{"EXCEPTION: fill failed (midi/Sources/midi_queue_thread "
+                                        "line 122) in thread midi_queue_run",
+                                        "EXCEPTION: Unknown exception. (midi/Sources/midi_output "
+                                        "line 624) in thread MidiOutput::AsyncStoppedThread"}));
 }
 
 TEST(MidiOutput, InjectedAndSetTrackMessagesLeaveInOneShotPackets) {

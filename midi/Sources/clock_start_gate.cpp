@@ -8,13 +8,14 @@ bool ClockStartGate::WaitForStart() {
     }
     startRequested_ = false;
     runLive_ = true;
+    runEnding_ = false;
     return true;
 }
 
 void ClockStartGate::RequestStart() {
     {
         std::scoped_lock lock(mutex_);
-        if (runLive_) {
+        if (runLive_ && !runEnding_) {
             return;
         }
         startRequested_ = true;
@@ -22,10 +23,16 @@ void ClockStartGate::RequestStart() {
     condition_.notify_all();
 }
 
+void ClockStartGate::RunEnding() {
+    std::scoped_lock lock(mutex_);
+    runEnding_ = runLive_;
+}
+
 void ClockStartGate::EndRun() {
     {
         std::scoped_lock lock(mutex_);
         runLive_ = false;
+        runEnding_ = false;
     }
     condition_.notify_all();
 }

@@ -2,12 +2,19 @@
 #include <sstream>
 
 #include "interfaces/notify.h"
+#include "midi/Sources/logged_exceptions.h"
 #include "midi/clocks.h"
 #include "platform/mmsystem.h"
 
 namespace {
 
 constexpr std::int64_t kNanosecondsPerSecond = 1'000'000'000;
+
+// Source positions quoted when the report thread logs an exception: the thread's own, which ends
+// it, and a report's, after which the thread goes on with the next one.
+constexpr const char* kSourcePath = "midi/Sources/midi_clock_chrono";
+constexpr int kThreadLine = 38;
+constexpr int kReportLine = 206;
 
 }  // namespace
 
@@ -27,7 +34,8 @@ MidiClockChrono::MidiClockChrono(unsigned int reportInterval, TimeSource timeSou
     : reportInterval_(reportInterval),
       timeSource_(timeSource ? std::move(timeSource) : TimeSource(&MidiClockChrono::Now)),
       periodicErrors_(kPeriodicErrorCount, 0.0),
-      reportThread_([this] { RunLoop(); }) {}
+      reportThread_(
+          [this] { RunLoggingExceptions(kSourcePath, kThreadLine, [this] { RunLoop(); }); }) {}
 
 MidiClockChrono::~MidiClockChrono() {
     {
@@ -193,8 +201,10 @@ void MidiClockChrono::RunLoop() {
                      << "initialPeriodicError = " << correction_ << "\n";
             }
         }
-        // Sent without the mutex: the host's sink may take its own time or locks.
-        notify::guiDispatcher.SendMidiClockDebugMessage(text.str());
+        // Sent without the mutex: the host's sink may take its own time or locks. A report that
+        // cannot be sent is lost, not the ones after it.
+        RunLoggingExceptions(kSourcePath, kReportLine,
+                             [&] { notify::guiDispatcher.SendMidiClockDebugMessage(text.str()); });
     }
 }
 

@@ -1,10 +1,10 @@
 #include "midi/midi_output.h"
 
-#include <exception>
 #include <stdexcept>
 
 #include "interfaces/kit.h"
 #include "interfaces/notify.h"
+#include "midi/Sources/logged_exceptions.h"
 #include "midi/velt_midi_error.h"
 
 namespace {
@@ -86,7 +86,10 @@ void MidiOutput::Initialize(unsigned char portCount) {
     GetPorts().RegisterMidiBuffer(oneShotBuffer_);
 
     queueThread_ = std::make_shared<MidiQueueThread>(*this, threadManager_);
-    asyncStoppedThread_ = std::thread([this] { AsyncStoppedThread_(); });
+    asyncStoppedThread_ = std::thread([this] {
+        RunLoggingExceptions(outputSource, asyncStoppedThreadLine,
+                             [this] { AsyncStoppedThread_(); });
+    });
 }
 
 bool MidiOutput::ArmPlayback() {
@@ -303,13 +306,7 @@ void MidiOutput::DoTimeCodeCallback(double a, double b, double c) {
         std::scoped_lock lock(outputMutex_);
         callback = timeCodeCallback_;
     }
-    try {
-        callback(a, b, c);
-    } catch (const std::exception& error) {
-        VeltLogException(error.what(), outputSource, timeCodeCallbackLine);
-    } catch (...) {
-        VeltLogException("Unknown exception.", outputSource, timeCodeCallbackLine);
-    }
+    RunLoggingExceptions(outputSource, timeCodeCallbackLine, [&] { callback(a, b, c); });
 }
 
 void MidiOutput::SetTimeCodeCallback(TimeCodeCallback callback) {
@@ -327,25 +324,19 @@ void MidiOutput::SignalAsyncStoppedCallback() {
 
 void MidiOutput::AsyncStoppedThread_() {
     kit::threadNames.SetNameOfCurrentThread("MidiOutput::AsyncStoppedThread");
-    try {
-        std::unique_lock lock(asyncStoppedMutex_);
-        while (true) {
-            asyncStoppedCondition_.wait(lock,
-                                        [this] { return exitAsyncStopped_ || pendingStops_ > 0; });
-            if (exitAsyncStopped_) {
-                return;
-            }
-            --pendingStops_;
-            // The client may call back into the output (to prime again, say) from here, so no
-            // lock of ours is held while it runs.
-            lock.unlock();
-            DoStoppedCallback();
-            lock.lock();
+    std::unique_lock lock(asyncStoppedMutex_);
+    while (true) {
+        asyncStoppedCondition_.wait(lock,
+                                    [this] { return exitAsyncStopped_ || pendingStops_ > 0; });
+        if (exitAsyncStopped_) {
+            return;
         }
-    } catch (const std::exception& error) {
-        VeltLogException(error.what(), outputSource, asyncStoppedThreadLine);
-    } catch (...) {
-        VeltLogException("Unknown exception.", outputSource, asyncStoppedThreadLine);
+        --pendingStops_;
+        // The client may call back into the output (to prime again, say) from here, so no lock of
+        // ours is held while it runs. A client that fails on one stop is still told of the next.
+        lock.unlock();
+        RunLoggingExceptions(outputSource, asyncStoppedThreadLine, [this] { DoStoppedCallback(); });
+        lock.lock();
     }
 }
 

@@ -1,12 +1,11 @@
-#include <exception>
-
 #include "interfaces/kit.h"
 #include "interfaces/notify.h"
+#include "midi/Sources/logged_exceptions.h"
 #include "midi/midi_output.h"
 #include "platform/mmsystem.h"
 
 namespace {
-// Source position quoted when an exception ends the thread.
+// Source position quoted when an exception ends the thread or fails a fill.
 constexpr const char* queueThreadSource = "midi/Sources/midi_queue_thread";
 constexpr int queueThreadLine = 122;
 }  // namespace
@@ -21,20 +20,16 @@ MidiQueueThread::~MidiQueueThread() {
 }
 
 void MidiQueueThread::ThreadEntry_() {
-    // The filler must never fall behind the send step, so it asks for the highest priority the
-    // platform grants; a refusal is logged and playback goes on at normal priority.
-    if (!SetThreadPriority(GetCurrentThread(), THREAD_PRIORITY_HIGHEST)) {
-        kit::CoutBuffer() << "Unable to SetThreadPriority of midi clock. dwError = "
-                          << GetLastError() << kit::endl;
-    }
-    kit::threadNames.SetNameOfCurrentThread("midi_queue_run");
-    try {
+    RunLoggingExceptions(queueThreadSource, queueThreadLine, [this] {
+        // The filler must never fall behind the send step, so it asks for the highest priority
+        // the platform grants; a refusal is logged and playback goes on at normal priority.
+        if (!SetThreadPriority(GetCurrentThread(), THREAD_PRIORITY_HIGHEST)) {
+            kit::CoutBuffer() << "Unable to SetThreadPriority of midi clock. dwError = "
+                              << GetLastError() << kit::endl;
+        }
+        kit::threadNames.SetNameOfCurrentThread("midi_queue_run");
         Run();
-    } catch (const std::exception& error) {
-        VeltLogException(error.what(), queueThreadSource, queueThreadLine);
-    } catch (...) {
-        VeltLogException("Unknown exception.", queueThreadSource, queueThreadLine);
-    }
+    });
 }
 
 void MidiQueueThread::Run() {
@@ -57,7 +52,14 @@ void MidiQueueThread::Run() {
         // The buffer's mutex is held around the fill, as PrimeBuffers holds it: the fill
         // callback always runs under it, so locks of the host's come after it on every path.
         std::scoped_lock lock(buffer->GetMutex());
-        output_.DoFillMidiBufferCallback(*buffer, false);  // resets the buffer, then fills it
+        const bool filled = RunLoggingExceptions(queueThreadSource, queueThreadLine, [&] {
+            output_.DoFillMidiBufferCallback(*buffer, false);  // resets the buffer, then fills it
+        });
+        if (!filled) {
+            // A fill that failed still hands its buffer on as far as it got, so the ring keeps
+            // turning: a filler that stopped here would leave the send step waiting for good.
+            buffer->SetHasData(true);
+        }
         output_.IncrementFillBufferIndex();
     }
 }

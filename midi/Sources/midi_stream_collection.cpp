@@ -21,8 +21,8 @@ MidiStreamCollection::~MidiStreamCollection() {
 
 void MidiStreamCollection::StartLoadStreamsThread() {
     loadingThread_ = std::thread([this] {
-        kit::threadNames.SetNameOfCurrentThread("run_load_streams");
         try {
+            kit::threadNames.SetNameOfCurrentThread("run_load_streams");
             LoadStreams();
         } catch (const std::exception& e) {
             VeltLogException(e.what(), kSourcePath, kLoadThreadCatchLine);

@@ -128,8 +128,14 @@ bool StandardMidiClock::GetPlaybackIsArmed() {
 }
 
 bool StandardMidiClock::AdvanceClock() {
-    if (!GetPlaybackIsArmed()) {
-        return false;
+    {
+        // The stop and RunEnding under one hold of the clock mutex, as at the caesura below: a
+        // control thread that arms and starts the clock again comes after both.
+        std::scoped_lock lock(clockMutex_);
+        if (!GetPlaybackIsArmed()) {
+            RunEnding();
+            return false;
+        }
     }
     // The callback is the output's send step, which takes the host's mutex: calling it with the
     // clock mutex held would cross the lock order of a host thread calling the setters.
@@ -145,6 +151,7 @@ bool StandardMidiClock::AdvanceClock() {
     }
     if (caesuraPending_ && caesuraTickIndex_ == tickIndex) {
         caesuraPending_ = false;
+        RunEnding();
         return false;
     }
     SetClockTimer(clockState_.GetClockTime());

@@ -14,7 +14,8 @@
 /// Threads: the send step's thread schedules ticks, a worker thread delivers them, the client's
 /// thread changes the delay, resets and destroys. Locks: the state mutex (guards the run flag,
 /// the delay and the pending queue) and the wake mutex (pairs with the wake condition); the wake
-/// mutex is taken first when both are held. The callback runs on the worker without any lock.
+/// mutex is taken first when both are held. The callback runs on the worker without any lock; an
+/// exception it throws is logged (VeltLogException) and the worker goes on with the next tick.
 ///
 /// One tick is delivered per timer wait, so ticks scheduled together reach the display one delay
 /// apart rather than all at once: pacing, not batching.

@@ -21,8 +21,8 @@
 /// Threads: one clock thread runs every clock of a run (asking the system for time-critical
 /// priority; a refusal is logged once and the clock runs at normal priority); control threads
 /// call the setters and StartClock; the owner destroys it. Locks: the clock mutex (AdvanceClock
-/// calls SetClockTimer with it held), then the gate's mutex (taken alone). The deadlines are
-/// touched by the clock thread only.
+/// calls SetClockTimer and tells the gate that a run is ending with it held), then the gate's
+/// mutex. The deadlines are touched by the clock thread only.
 class PrecisionMidiClockImpl : public StandardMidiClock {
   public:
     /// How long before each deadline the clock thread stops sleeping and spins on the clock, to
@@ -46,8 +46,10 @@ class PrecisionMidiClockImpl : public StandardMidiClock {
     /// Sets the next clock's deadline `seconds` after this clock's. Called on the clock thread
     /// (from AdvanceClock); does not wait.
     void SetClockTimer(double seconds) override;
-    /// Starts a run; ignored while a run is live.
+    /// Starts a run; ignored while a run is live and not yet decided over.
     void StartClock() override;
+    /// Marks the live run as ending, so that a start from now on starts the next one.
+    void RunEnding() override { gate_.RunEnding(); }
 
   private:
     void RunLoop();

@@ -20,7 +20,8 @@
 /// one-shot, so at most one clock is pending and clocks never overlap.
 /// Locks, in order: the clock mutex (AdvanceClock calls SetClockTimer with it held), then the
 /// timer mutex (pending timer, stop flag, callbacks in flight), then the chrono's mutex or the
-/// platform timer service's. The gate's mutex is taken alone.
+/// platform timer service's. The gate's mutex comes last: AdvanceClock tells the gate that a run
+/// is ending with the clock mutex held; otherwise it is taken alone.
 class StandardMidiClockImpl : public StandardMidiClock {
   public:
     /// The report interval of the chrono's statistics.
@@ -43,16 +44,19 @@ class StandardMidiClockImpl : public StandardMidiClock {
     /// (corrected by the chrono). Throws VeltMidiError, after logging "[ERROR] ", when the timer
     /// cannot be set.
     void SetClockTimer(double seconds) override;
-    /// Starts a run; ignored while a run is live.
+    /// Starts a run; ignored while a run is live and not yet decided over.
     void StartClock() override;
+    /// Marks the live run as ending, so that a start from now on starts the next one.
+    void RunEnding() override { gate_.RunEnding(); }
 
   private:
     static void CALLBACK DoTimerCallbackFromThread(UINT timerId, UINT message, DWORD_PTR user,
                                                    DWORD_PTR, DWORD_PTR);
     /// One clock: starts the chrono's measurement of the period and advances the clock; ends the
-    /// run when the clock stops (or throws).
+    /// run when the clock stops. Its callers log an exception and end the run.
     void DoTimerCallback();
-    /// The clock thread's body: one run per start request.
+    /// The clock thread's body: one run per start request; a run that fails is logged and ends,
+    /// and the thread waits for the next start.
     void RunLoop();
     void EndRun_();
 

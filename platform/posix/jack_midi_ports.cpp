@@ -368,12 +368,15 @@ class JackSession {
     static int Process_(jack_nframes_t frames, void* self) {
         auto& session = *static_cast<JackSession*>(self);
         session.callbacks_.fetch_add(1);
-        for (OutputSlot& output : session.outputs_) {
-            session.PlayOutput_(output, frames);
-        }
-        for (InputSlot& input : session.inputs_) {
-            session.DeliverInput_(input, frames);
-        }
+        // A cycle that fails is reported and the next one runs as usual.
+        RunReportingFailure("JACK process cycle", [&] {
+            for (OutputSlot& output : session.outputs_) {
+                session.PlayOutput_(output, frames);
+            }
+            for (InputSlot& input : session.inputs_) {
+                session.DeliverInput_(input, frames);
+            }
+        });
         session.callbacks_.fetch_add(1);
         session.WakeWaiters_();
         return 0;

@@ -197,6 +197,11 @@ MMRESULT CopyResultText(MMRESULT result, LPWSTR text, UINT cchText) {
     return MMSYSERR_NOERROR;
 }
 
+void ReportFailure(const char* what, const std::exception* error) noexcept {
+    std::fprintf(stderr, "%s threw: %s\n", what,
+                 error != nullptr ? error->what() : "a non-standard exception");
+}
+
 void CallbackTarget::Invoke(const void* handle, UINT message, DWORD_PTR param1,
                             DWORD_PTR param2) const {
     if (kind != CALLBACK_FUNCTION || function == 0) {

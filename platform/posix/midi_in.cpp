@@ -47,7 +47,8 @@ class InputHandle final : public InputSink {
     }
 
     void Start() {
-        service_ = std::thread([this] { Run_(); });
+        service_ =
+            std::thread([this] { RunReportingFailure("MIDI input service", [this] { Run_(); }); });
     }
     const std::shared_ptr<InputPort>& Port() const { return port_; }
     void Notify(UINT message) const { callback_.Invoke(this, message, 0, 0); }

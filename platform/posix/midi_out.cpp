@@ -122,7 +122,8 @@ class OutputHandle {
     }
 
     void Start() {
-        service_ = std::thread([this] { Run_(); });
+        service_ =
+            std::thread([this] { RunReportingFailure("MIDI output service", [this] { Run_(); }); });
     }
 
     bool IsStream() const { return isStream_; }
@@ -382,8 +383,16 @@ class OutputHandle {
             }
         }
         for (const Bytes& off : offs) {
-            port_->Send(off, std::nullopt);
+            SendFromService_(off, std::nullopt);
         }
+    }
+
+    // A device that throws loses that message (MMSYSERR_ERROR); the service goes on with the
+    // rest, so that the buffers it holds still come back to their owner.
+    MMRESULT SendFromService_(const Bytes& message, std::optional<std::uint64_t> packet) {
+        MMRESULT result = MMSYSERR_ERROR;
+        RunReportingFailure("MIDI output device", [&] { result = port_->Send(message, packet); });
+        return result;
     }
 
     void Run_() {
@@ -423,7 +432,7 @@ class OutputHandle {
         const Bytes message(header->lpData, header->lpData + header->dwBufferLength);
         longInFlight_ = true;
         lock.unlock();
-        port_->Send(message, std::nullopt);
+        SendFromService_(message, std::nullopt);
         lock.lock();
         longInFlight_ = false;
         MarkDone(header);
@@ -511,7 +520,7 @@ class OutputHandle {
         if (!message.empty()) {
             const std::uint64_t index = packet.ticket.index;
             lock.unlock();
-            const MMRESULT sent = port_->Send(message, index);
+            const MMRESULT sent = SendFromService_(message, index);
             lock.lock();
             // A stop or close may have emptied the queue while the lock was released; then the
             // packets are already on their way back.

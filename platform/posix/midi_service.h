@@ -4,10 +4,12 @@
 
 #include <chrono>
 #include <cstdint>
+#include <exception>
 #include <memory>
 #include <optional>
 #include <span>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "mm_midi.h"
@@ -106,6 +108,23 @@ const char* ResultText(MMRESULT result);
 
 // Copies a result text into a caller's buffer as midiOutGetErrorTextW documents.
 MMRESULT CopyResultText(MMRESULT result, LPWSTR text, UINT cchText);
+
+// Runs `work` and reports an exception that leaves it as one line on the standard error stream,
+// naming `what` failed. No exception may leave a thread of the service, nor reach a thread of a
+// system library that calls into it. Returns whether `work` completed.
+void ReportFailure(const char* what, const std::exception* error) noexcept;
+template <typename Work>
+bool RunReportingFailure(const char* what, Work&& work) noexcept {
+    try {
+        std::forward<Work>(work)();
+        return true;
+    } catch (const std::exception& error) {
+        ReportFailure(what, &error);
+    } catch (...) {
+        ReportFailure(what, nullptr);
+    }
+    return false;
+}
 
 // Callback target chosen at open. Invoke reports and swallows exceptions thrown by it.
 struct CallbackTarget {

@@ -58,7 +58,15 @@ class TimerService {
             return 0;
         }
         if (!thread_.joinable()) {
-            thread_ = std::thread([this] { Run_(); });
+            thread_ = std::thread([this] {
+                try {
+                    Run_();
+                } catch (const std::exception& e) {
+                    std::fprintf(stderr, "timer thread ended: %s\n", e.what());
+                } catch (...) {
+                    std::fprintf(stderr, "timer thread ended: a non-standard exception\n");
+                }
+            });
         }
         UINT id = nextId_++;
         if (nextId_ == 0) {

@@ -163,7 +163,9 @@ class RtMidiInputPort final : public InputPort {
     static void OnMessage_(double /*delta*/, std::vector<unsigned char>* message, void* self) {
         InputSink* sink = static_cast<RtMidiInputPort*>(self)->sink_.load();
         if (sink != nullptr && message != nullptr && !message->empty()) {
-            sink->Receive(Bytes(message->begin(), message->end()), NowNs());
+            RunReportingFailure("MIDI input", [&] {
+                sink->Receive(Bytes(message->begin(), message->end()), NowNs());
+            });
         }
     }
 

@@ -4,10 +4,16 @@
 #include <system_error>
 
 #include "interfaces/kit.h"
+#include "midi/Sources/logged_exceptions.h"
 
 namespace {
 // A timer wait never lasts longer than this, so shutdown is never held up for long.
 constexpr DWORD maximumTimerWaitMilliseconds = 2000;
+// Source positions quoted when the worker logs an exception: the worker's own, which ends it,
+// and the downbeat callback's, after which the worker goes on.
+constexpr const char* delayedGuiSource = "midi/Sources/win32/delayed_gui";
+constexpr int workerLine = 27;
+constexpr int callbackLine = 114;
 }  // namespace
 
 DelayedGui::DelayedGui(Callback callback, double secondsDelay)
@@ -17,7 +23,8 @@ DelayedGui::DelayedGui(Callback callback, double secondsDelay)
         throw std::system_error(static_cast<int>(GetLastError()), std::system_category(),
                                 "CreateWaitableTimerW");
     }
-    worker_ = std::thread([this] { RunLoop(); });
+    worker_ = std::thread(
+        [this] { RunLoggingExceptions(delayedGuiSource, workerLine, [this] { RunLoop(); }); });
 }
 
 DelayedGui::~DelayedGui() {
@@ -103,7 +110,8 @@ void DelayedGui::RunLoop() {
         }
         std::uint32_t tickIndex = 0;
         if (GetNextTickIndex(&tickIndex)) {
-            callback_(tickIndex);
+            // A display that fails on one downbeat must not cost the next ones.
+            RunLoggingExceptions(delayedGuiSource, callbackLine, [&] { callback_(tickIndex); });
         }
     }
 }

@@ -2,10 +2,10 @@
 
 #include <algorithm>
 #include <cmath>
-#include <exception>
 
 #include "interfaces/kit.h"
 #include "interfaces/notify.h"
+#include "midi/Sources/logged_exceptions.h"
 #include "platform/mmsystem.h"
 
 namespace {
@@ -41,7 +41,9 @@ class OneMillisecondTimerResolution {
 }  // namespace
 
 PrecisionMidiClockImpl::PrecisionMidiClockImpl(std::chrono::nanoseconds spin)
-    : spinNanoseconds_(spin.count()), clockThread_([this] { RunLoop(); }) {}
+    : spinNanoseconds_(spin.count()),
+      clockThread_([this] { RunLoggingExceptions(kSourceName, __LINE__, [this] { RunLoop(); }); }) {
+}
 
 PrecisionMidiClockImpl::~PrecisionMidiClockImpl() {
     gate_.Shut();
@@ -70,14 +72,10 @@ void PrecisionMidiClockImpl::RunLoop() {
     VeltPreciseWaitUntil(0, 0);  // whatever a thread's first wait sets up, done before any clock
     while (gate_.WaitForStart()) {
         // A failing run is logged and ends; the thread stays ready for the next start.
-        try {
+        RunLoggingExceptions(kSourceName, __LINE__, [this] {
             const OneMillisecondTimerResolution resolution;
             Run_();
-        } catch (const std::exception& e) {
-            VeltLogException(e.what(), kSourceName, __LINE__);
-        } catch (...) {
-            VeltLogException("Unknown exception.", kSourceName, __LINE__);
-        }
+        });
         gate_.EndRun();
     }
 }

@@ -1,9 +1,8 @@
 #include "midi/win32/standard_midi_clock_impl.h"
 
-#include <exception>
-
 #include "interfaces/kit.h"
 #include "interfaces/notify.h"
+#include "midi/Sources/logged_exceptions.h"
 #include "midi/velt_midi_error.h"
 
 namespace {
@@ -18,15 +17,8 @@ constexpr UINT kTimerPeriodMilliseconds = 1;
 }  // namespace
 
 StandardMidiClockImpl::StandardMidiClockImpl()
-    : clockThread_([this] {
-          try {
-              RunLoop();
-          } catch (const std::exception& e) {
-              VeltLogException(e.what(), kSourceName, kClockThreadLine);
-          } catch (...) {
-              VeltLogException("Unknown exception.", kSourceName, kClockThreadLine);
-          }
-      }) {}
+    : clockThread_(
+          [this] { RunLoggingExceptions(kSourceName, kClockThreadLine, [this] { RunLoop(); }); }) {}
 
 StandardMidiClockImpl::~StandardMidiClockImpl() {
     gate_.Shut();
@@ -59,14 +51,20 @@ void StandardMidiClockImpl::StartClock() {
 
 void StandardMidiClockImpl::RunLoop() {
     while (gate_.WaitForStart()) {
-        if (timeBeginPeriod(kTimerPeriodMilliseconds) != TIMERR_NOERROR) {
-            kit::CoutBuffer() << "timeBeginPeriod(1) failed." << kit::endl;
-        } else {
-            std::scoped_lock lock(timerMutex_);
-            timerPeriodRaised_ = true;
+        // A run that fails is logged and ends; the thread stays ready for the next start.
+        const bool ok = RunLoggingExceptions(kSourceName, kClockThreadLine, [this] {
+            if (timeBeginPeriod(kTimerPeriodMilliseconds) != TIMERR_NOERROR) {
+                kit::CoutBuffer() << "timeBeginPeriod(1) failed." << kit::endl;
+            } else {
+                std::scoped_lock lock(timerMutex_);
+                timerPeriodRaised_ = true;
+            }
+            chrono_.ResetErrorCorrectionForRun();
+            DoTimerCallback();  // the first clock of the run fires at once, on this thread
+        });
+        if (!ok) {
+            EndRun_();
         }
-        chrono_.ResetErrorCorrectionForRun();
-        DoTimerCallback();  // the first clock of the run fires at once, on this thread
     }
 }
 
@@ -82,12 +80,8 @@ void CALLBACK StandardMidiClockImpl::DoTimerCallbackFromThread(UINT, UINT, DWORD
     }
     // Nothing may escape into the platform's timer thread: a failure ends the run and is logged
     // as a clock-thread failure would be.
-    try {
-        clock->DoTimerCallback();
-    } catch (const std::exception& e) {
-        VeltLogException(e.what(), kSourceName, __LINE__);
-    } catch (...) {
-        VeltLogException("Unknown exception.", kSourceName, __LINE__);
+    if (!RunLoggingExceptions(kSourceName, __LINE__, [clock] { clock->DoTimerCallback(); })) {
+        clock->EndRun_();
     }
     {
         std::scoped_lock lock(clock->timerMutex_);
@@ -98,14 +92,7 @@ void CALLBACK StandardMidiClockImpl::DoTimerCallbackFromThread(UINT, UINT, DWORD
 
 void StandardMidiClockImpl::DoTimerCallback() {
     chrono_.Start(GetClockState().GetClockTime());
-    bool goOn = false;
-    try {
-        goOn = AdvanceClock();
-    } catch (...) {
-        EndRun_();
-        throw;
-    }
-    if (!goOn) {
+    if (!AdvanceClock()) {
         EndRun_();
     }
 }
