@@ -204,6 +204,9 @@ class MidiOutput {
     void SetAllTracksVolume(const std::map<unsigned short, unsigned char>& volumes);
     void SetAllTracksPan(const std::map<unsigned short, unsigned char>& pans);
     void SetAllTracksProgramId(const std::map<unsigned short, unsigned char>& programs);
+    /// The events, in order, as one one-shot packet per port (each event's track id picks its
+    /// port and channel). For a host that releases notes itself, for instance when it stops.
+    void InjectEvents(const std::vector<velt_midi::VoiceEvent>& events);
     /// Does nothing on this platform.
     void MidiRestart() {}
 

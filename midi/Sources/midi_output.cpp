@@ -416,6 +416,20 @@ void MidiOutput::SetAllTracksCc_(const std::map<unsigned short, unsigned char>& 
     GetPorts().SendMidiBuffer(*oneShotBuffer_);
 }
 
+void MidiOutput::InjectEvents(const std::vector<velt_midi::VoiceEvent>& events) {
+    std::scoped_lock lock(outputMutex_, oneShotBuffer_->GetMutex());
+    try {
+        oneShotBuffer_->Reset();
+        for (const auto& event : events) {
+            oneShotBuffer_->AddEventToBuffer(event.port, event);
+        }
+        oneShotBuffer_->DoneAddingEventsToBuffer();
+        GetPorts().SendMidiBuffer(*oneShotBuffer_);
+    } catch (const InvalidVoiceEvent&) {
+        LogInvalidVoiceEvent("MidiOutput::InjectEvents");
+    }
+}
+
 void MidiOutput::SetAllTracksProgramId(const std::map<unsigned short, unsigned char>& programs) {
     std::scoped_lock lock(outputMutex_, oneShotBuffer_->GetMutex());
     try {

@@ -1,0 +1,740 @@
+#include "apps/show_session.h"
+
+#include <algorithm>
+#include <cctype>
+#include <cmath>
+#include <stdexcept>
+#include <string_view>
+#include <utility>
+
+#include "interfaces/kit.h"
+#include "interfaces/notify.h"
+#include "midi/velt_midi_error.h"
+#include "midi/win32/midi_buffer_win32.h"
+#include "midi/win32/midi_device_info.h"
+#include "midi/win32/precision_midi_clock_impl.h"
+#include "midi/win32/standard_midi_clock_impl.h"
+#include "velt_core/show_loader.h"
+
+namespace velt_play {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr double minimumTempoScale = 0.5;
+constexpr double maximumTempoScale = 2.0;
+constexpr int maximumTransposition = 24;
+// How long a stop waits for the clock's thread to finish its period.
+constexpr auto clockStopLimit = 10s;
+
+// A caesura is a marker whose text begins with "caesura" (any case): the score holds there until
+// the performer plays on.
+bool IsCaesura(const std::string& text) {
+    static constexpr std::string_view word = "caesura";
+    if (text.size() < word.size()) {
+        return false;
+    }
+    return std::equal(word.begin(), word.end(), text.begin(), [](char a, char b) {
+        return a == std::tolower(static_cast<unsigned char>(b));
+    });
+}
+
+unsigned char PortCount(const std::vector<SessionSong>& songs) {
+    int ports = 1;
+    for (const auto& entry : songs) {
+        if (!entry.song) {
+            continue;
+        }
+        for (const auto& [id, track] : entry.song->GetVoiceData()) {
+            ports = std::max(ports, (id >> 4) + 1);
+        }
+    }
+    return static_cast<unsigned char>(std::min(ports, 255));
+}
+
+}  // namespace
+
+const char* ToString(PlayState state) {
+    switch (state) {
+        case PlayState::cued:
+            return "cued";
+        case PlayState::playing:
+            return "playing";
+        case PlayState::caesura:
+            return "caesura";
+        case PlayState::stopped:
+            return "stopped";
+        case PlayState::ended:
+            return "ended";
+    }
+    return "?";
+}
+
+ShowSession::ShowSession(std::vector<SessionSong> songs, std::shared_ptr<pv::ParvelShowData> show,
+                         SessionOptions options)
+    : songs_(std::move(songs)), show_(std::move(show)), options_(std::move(options)) {
+    const auto playable =
+        std::find_if(songs_.begin(), songs_.end(), [](const auto& entry) { return entry.song; });
+    if (playable == songs_.end()) {
+        throw std::invalid_argument("the show has no song that can be played");
+    }
+    portCount_ = PortCount(songs_);
+    if (options_.clock == ClockKind::precision) {
+        auto clock = std::make_unique<PrecisionMidiClockImpl>();
+        waitForClockStop_ = [raw = clock.get()](auto limit) { return raw->WaitUntilStopped(limit); };
+        clock_ = std::move(clock);
+    } else {
+        auto clock = std::make_unique<StandardMidiClockImpl>();
+        waitForClockStop_ = [raw = clock.get()](auto limit) { return raw->WaitUntilStopped(limit); };
+        clock_ = std::move(clock);
+    }
+    position_ = std::make_unique<HowToPlayWithMidiClock>(controls_, *clock_);
+    streams_ = std::make_unique<ParvelMidiStreamCollection>(*show_);
+    output_ = std::make_unique<MidiOutputWin32>(
+        portCount_, [this](MidiBuffer& buffer) { Fill_(buffer); },
+        [this](unsigned int tick) { Downbeat_(tick); }, [this] { Stopped_(); }, [] {},
+        [this](unsigned int tick) { return PeriodSent_(tick); }, *clock_, &clientMutex_);
+    output_->Initialize(portCount_);
+    if (options_.device.empty()) {
+        output_->CreateSynthOutput();
+    } else {
+        output_->CreateSynthOutput(options_.device);
+    }
+    notify::callbackDispatcher.AddCallback(notify::names::midiOutputDeviceLost, this,
+                                           [this](void*) { Publish_(); });
+    SelectSong(static_cast<int>(playable - songs_.begin()) + 1);
+}
+
+ShowSession::~ShowSession() {
+    notify::callbackDispatcher.RemoveCallbacksForTarget(this);
+    try {
+        Stop();
+    } catch (const std::exception& error) {
+        kit::CoutBuffer() << "WARNING: stopping the show failed: " << error.what() << kit::endl;
+    }
+    output_->PrepareForExit();
+    waitForClockStop_(clockStopLimit);
+    output_.reset();
+}
+
+void ShowSession::SetStatusListener(StatusListener listener) {
+    std::scoped_lock lock(statusMutex_);
+    listener_ = std::move(listener);
+}
+
+const velt_midi::SongData& ShowSession::Song_() const {
+    return *songs_.at(static_cast<std::size_t>(songIndex_)).song;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Songs and positions
+
+void ShowSession::SelectSong(int number) {
+    std::scoped_lock transport(transportMutex_);
+    if (number < 1 || number > static_cast<int>(songs_.size())) {
+        throw std::out_of_range("no song " + std::to_string(number) + " (the show has " +
+                                std::to_string(songs_.size()) + ")");
+    }
+    const SessionSong& entry = songs_[static_cast<std::size_t>(number - 1)];
+    if (!entry.song) {
+        throw std::runtime_error("song " + std::to_string(number) + " \"" + entry.name +
+                                 "\" cannot be played: " + entry.error);
+    }
+    if (State_() == PlayState::playing) {
+        Halt_(PlayState::stopped);
+    }
+    const velt_midi::SongData& song = *entry.song;
+    {
+        std::scoped_lock lock(positionMutex_);
+        songIndex_ = number - 1;
+        stream_ = &streams_->GetStream(song.GetSongName());
+        ticksPerClock_ = std::max<std::uint32_t>(1, song.GetTicksPerQuarter() / 24);
+        position_->SetData(song.GetSongLog(), song.GetTimeline(), song.GetTicksPerQuarter());
+    }
+    {
+        std::scoped_lock lock(sentMutex_);
+        caesuras_.clear();
+        for (const auto& marker : song.GetSongLog().GetMarkers()) {
+            if (IsCaesura(marker.text)) {
+                caesuras_.insert(marker.tick_index);
+            }
+        }
+        caesuraReached_ = false;
+        ticksPerClockSent_ = std::max<std::uint32_t>(1, song.GetTicksPerQuarter() / 24);
+    }
+    {
+        std::scoped_lock lock(statusMutex_);
+        ticksPerClockShown_ = std::max<std::uint32_t>(1, song.GetTicksPerQuarter() / 24);
+        display_ = std::make_unique<HowToPlay>(controls_);
+        display_->SetData(song.GetSongLog(), song.GetTimeline(), song.GetTicksPerQuarter());
+    }
+    Cue_(song.GetSongStartTickIndex());
+    SetState_(PlayState::cued);
+    Publish_();
+}
+
+void ShowSession::NextSong() {
+    const int current = Status().songNumber;
+    for (int number = current + 1; number <= static_cast<int>(songs_.size()); ++number) {
+        if (songs_[static_cast<std::size_t>(number - 1)].song) {
+            SelectSong(number);
+            return;
+        }
+    }
+    throw std::out_of_range("there is no song after this one");
+}
+
+void ShowSession::PreviousSong() {
+    const int current = Status().songNumber;
+    for (int number = current - 1; number >= 1; --number) {
+        if (songs_[static_cast<std::size_t>(number - 1)].song) {
+            SelectSong(number);
+            return;
+        }
+    }
+    throw std::out_of_range("there is no song before this one");
+}
+
+// Positions the stream and the position at `tick` without playing: nothing sounds afterwards.
+void ShowSession::Cue_(std::uint32_t tick) {
+    {
+        std::scoped_lock lock(positionMutex_);
+        position_->Seek(tick);
+        stream_->Seek(tick);
+        nextTick_ = tick;
+        resumeTick_ = tick;
+        firstFill_ = FirstFill::strike;
+    }
+    {
+        std::scoped_lock lock(statusMutex_);
+        shownTick_ = tick;
+        display_->Seek(tick);
+    }
+}
+
+std::uint32_t ShowSession::ResumeTick_() {
+    std::scoped_lock lock(positionMutex_);
+    return resumeTick_;
+}
+
+void ShowSession::Play() {
+    std::scoped_lock transport(transportMutex_);
+    switch (State_()) {
+        case PlayState::playing:
+            return;
+        case PlayState::ended:
+            Cue_(Song_().GetSongStartTickIndex());
+            break;
+        default:
+            break;
+    }
+    Start_(ResumeTick_());
+}
+
+void ShowSession::Resume() {
+    std::scoped_lock transport(transportMutex_);
+    if (State_() == PlayState::playing) {
+        return;
+    }
+    if (State_() == PlayState::ended) {
+        throw std::logic_error("the song has ended; play it again or choose another");
+    }
+    Start_(ResumeTick_());
+}
+
+void ShowSession::Stop() {
+    std::scoped_lock transport(transportMutex_);
+    if (State_() == PlayState::playing) {
+        Halt_(PlayState::stopped);
+        Publish_();
+    }
+}
+
+void ShowSession::SeekToBar(int bar) {
+    std::scoped_lock transport(transportMutex_);
+    const auto tick = velt_core::FindBarBeat(Song_().GetTimeline(), bar, 1);
+    if (!tick) {
+        throw std::out_of_range("the song has no bar " + std::to_string(bar));
+    }
+    MoveTo_(*tick);
+}
+
+bool ShowSession::NextMarker() {
+    std::scoped_lock transport(transportMutex_);
+    const std::uint32_t from = Status().tick;
+    for (const auto& marker : Song_().GetSongLog().GetMarkers()) {
+        if (marker.tick_index > from) {
+            MoveTo_(marker.tick_index);
+            return true;
+        }
+    }
+    return false;
+}
+
+bool ShowSession::PreviousMarker() {
+    std::scoped_lock transport(transportMutex_);
+    const std::uint32_t from = Status().tick;
+    const auto& markers = Song_().GetSongLog().GetMarkers().GetVector();
+    for (auto marker = markers.rbegin(); marker != markers.rend(); ++marker) {
+        if (marker->tick_index < from) {
+            MoveTo_(marker->tick_index);
+            return true;
+        }
+    }
+    return false;
+}
+
+// While playing: a jump that goes on playing, with what sounds there chased. Otherwise a cue.
+void ShowSession::MoveTo_(std::uint32_t tick) {
+    if (State_() != PlayState::playing) {
+        if (State_() == PlayState::caesura) {
+            // What the caesura left held is released: the music starts afresh at the cue.
+            ReleaseSoundingNotes_(true);
+        }
+        Cue_(tick);
+        SetState_(PlayState::cued);
+        Publish_();
+        return;
+    }
+    Halt_(PlayState::playing);
+    {
+        std::scoped_lock lock(positionMutex_);
+        firstFill_ = FirstFill::chase;
+    }
+    Start_(tick);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Running and halting
+
+void ShowSession::Start_(std::uint32_t tick) {
+    int clocksPerClick = 0;
+    double clockTime = 0;
+    int clockNumber = 0;
+    {
+        std::scoped_lock lock(positionMutex_);
+        if (firstFill_ == FirstFill::chase) {
+            SyncStreamWithDevice_();
+        }
+        position_->Seek(tick);
+        stream_->Seek(tick);
+        nextTick_ = tick;
+        clocksPerClick = position_->GetLastSeekClocksPerClick();
+        clockTime = position_->GetLastSeekClockTime();
+        clockNumber = position_->GetClockNumber();
+    }
+    {
+        std::scoped_lock lock(sentMutex_);
+        filledNotes_.clear();
+        caesuraReached_ = false;
+        lastSentEnd_ = tick;
+    }
+    output_->Seek(tick);
+    clock_->ArmPlayback(ticksPerClock_, clocksPerClick, clockTime, tick, clockNumber);
+    {
+        std::unique_lock lock(output_->GetMutex());
+        output_->PrimeBuffers(lock);
+    }
+    if (!output_->ArmPlayback()) {
+        throw std::logic_error("the output refused to arm after priming");
+    }
+    SetState_(PlayState::playing);
+    clock_->ContinuousMode();
+    Publish_();
+}
+
+// The ring runs up to four periods ahead of the device, so the stream's own idea of what sounds
+// is that of the last period filled. Before a jump with chase it is brought back to what the
+// device has actually received: a seek to the end of the last period sent and an empty first
+// period into a scratch buffer that is never sent. The notes the device holds are then what the
+// stream releases or keeps at the jump.
+void ShowSession::SyncStreamWithDevice_() {
+    std::uint32_t deviceTick = 0;
+    {
+        std::scoped_lock lock(sentMutex_);
+        deviceTick = lastSentEnd_;
+    }
+    if (!scratch_) {
+        scratch_ = CreateMidiBuffer(portCount_, MidiOutput::bufferCapacity, "Session Scratch");
+    }
+    const auto transposition = static_cast<signed char>(position_->GetTranspositionPair().second);
+    stream_->Seek(deviceTick);
+    scratch_->Reset();
+    stream_->EnqueueEventsWithPersistence(deviceTick, transposition, transposition, *scratch_,
+                                          false);
+}
+
+// Stops sending. `why` is the state afterwards; for a jump (playing) nothing is released, as the
+// restart chases; otherwise every note the device holds gets its note-off, then the resets.
+void ShowSession::Halt_(PlayState why) {
+    output_->DisarmPlayback();
+    std::uint32_t resumeTick = 0;
+    {
+        // A send step already under way finishes before the device is touched again.
+        std::scoped_lock client(clientMutex_);
+        std::scoped_lock lock(sentMutex_);
+        resumeTick = lastSentEnd_;
+    }
+    waitForClockStop_(clockStopLimit);
+    {
+        std::scoped_lock lock(positionMutex_);
+        resumeTick_ = resumeTick;
+        firstFill_ = FirstFill::strike;
+    }
+    if (why != PlayState::playing) {
+        ReleaseSoundingNotes_(true);
+        ShowStoppedAt_(resumeTick);
+        SetState_(why);
+    }
+}
+
+void ShowSession::ReleaseSoundingNotes_(bool resets) {
+    std::scoped_lock client(clientMutex_);
+    std::vector<velt_midi::VoiceEvent> offs;
+    {
+        std::scoped_lock lock(sentMutex_);
+        for (const NoteKey key : sounding_) {
+            const auto port = static_cast<std::uint16_t>(key >> 16);
+            const auto status = static_cast<std::uint8_t>(0x80 | ((key >> 8) & 0x0F));
+            offs.emplace_back(0, status, static_cast<std::uint16_t>(port << 4),
+                              static_cast<std::uint8_t>(key & 0x7F), 0);
+        }
+        sounding_.clear();
+    }
+    if (!offs.empty()) {
+        output_->InjectEvents(offs);
+    }
+    if (resets) {
+        output_->AllNotesOff();
+    }
+}
+
+// ---------------------------------------------------------------------------------------------
+// The engine's callbacks
+
+void ShowSession::Fill_(MidiBuffer& buffer) {
+    std::unique_lock lock(positionMutex_);
+    const std::uint32_t tick = nextTick_;
+    buffer.SetTickIndex(tick);
+    if (tick > Song_().GetTimeline().lastTickIndex) {
+        buffer.SetIsLastBuffer(true);
+        return;
+    }
+    position_->AdvanceToTickIndexWithLock(tick, lock);
+    buffer.SetClockNumber(position_->GetClockNumber());
+    const auto [now, before] = position_->GetTranspositionPair();
+    const auto transposition = static_cast<signed char>(now);
+    const std::uint32_t periodEnd = tick + ticksPerClock_;
+    switch (std::exchange(firstFill_, FirstFill::none)) {
+        case FirstFill::strike:
+            stream_->EnqueueAttacca(periodEnd, transposition, buffer);
+            break;
+        case FirstFill::chase:
+            stream_->EnqueueEventsWithPersistence(periodEnd, static_cast<signed char>(before),
+                                                  transposition, buffer, false);
+            break;
+        case FirstFill::none:
+            if (now != before) {
+                // Notes sounding move to the new key: released at the old pitch, struck anew.
+                stream_->Seek(stream_->GetCurrentTick());
+                stream_->EnqueueEventsWithPersistence(periodEnd, static_cast<signed char>(before),
+                                                      transposition, buffer, false);
+            } else {
+                stream_->EnqueueEvents(periodEnd, transposition, buffer, false);
+            }
+            break;
+    }
+    nextTick_ = periodEnd;
+    RecordFilledNotes_(tick, buffer);
+    buffer.SetHasData(true);
+}
+
+// Remembers the note messages of a filled period, as the device will receive them.
+void ShowSession::RecordFilledNotes_(std::uint32_t tick, MidiBuffer& buffer) {
+    auto& packets = dynamic_cast<MidiBufferWin32&>(buffer);
+    std::vector<std::pair<NoteKey, NoteChange>> notes;
+    for (unsigned char port = 0; port < portCount_; ++port) {
+        const auto& packet = *packets.GetDataBuffer(port);
+        for (std::uint16_t i = 0; i < packet.GetEventCount(); ++i) {
+            const DWORD word = packet.GetMidiMessageAtMessageIndex(i).dwEvent;
+            const auto status = static_cast<std::uint8_t>(word & 0xFF);
+            const auto data1 = static_cast<std::uint8_t>((word >> 8) & 0x7F);
+            const auto data2 = static_cast<std::uint8_t>((word >> 16) & 0x7F);
+            const NoteKey channel = (NoteKey{port} << 16) | (NoteKey{status & 0x0Fu} << 8);
+            const std::uint8_t kind = status & 0xF0;
+            if (kind == 0x90 && data2 > 0) {
+                notes.emplace_back(channel | data1, NoteChange::on);
+            } else if (kind == 0x80 || kind == 0x90) {
+                notes.emplace_back(channel | data1, NoteChange::off);
+            } else if (kind == 0xB0 && data1 == 123) {
+                notes.emplace_back(channel, NoteChange::channelOff);
+            }
+        }
+    }
+    std::scoped_lock lock(sentMutex_);
+    filledNotes_[tick] = std::move(notes);
+}
+
+// The send step has sent the period starting at `tick`: what it carried now sounds at the device.
+// Returns whether playback stops here (the period holds a caesura).
+bool ShowSession::PeriodSent_(unsigned int tick) {
+    std::scoped_lock lock(sentMutex_);
+    if (const auto filled = filledNotes_.find(tick); filled != filledNotes_.end()) {
+        for (const auto& [key, change] : filled->second) {
+            if (change == NoteChange::on) {
+                sounding_.insert(key);
+            } else if (change == NoteChange::off) {
+                sounding_.erase(key);
+            } else {
+                std::erase_if(sounding_, [key](NoteKey note) { return (note & ~0xFFu) == key; });
+            }
+        }
+        filledNotes_.erase(filledNotes_.begin(), std::next(filled));
+    }
+    lastSentEnd_ = tick + ticksPerClockSent_;
+    const auto caesura = caesuras_.lower_bound(tick);
+    if (caesura != caesuras_.end() && *caesura < tick + ticksPerClockSent_) {
+        caesuraReached_ = true;
+        return true;
+    }
+    return false;
+}
+
+void ShowSession::Stopped_() {
+    bool caesura = false;
+    std::uint32_t stoppedAt = 0;
+    {
+        std::scoped_lock lock(sentMutex_);
+        caesura = caesuraReached_;
+        stoppedAt = lastSentEnd_;
+    }
+    if (!caesura) {
+        // The song's end sent the controller resets; notes whose note-offs lie past the song's
+        // last tick still get theirs.
+        ReleaseSoundingNotes_(false);
+    }
+    {
+        std::scoped_lock lock(positionMutex_);
+        resumeTick_ = stoppedAt;
+        firstFill_ = caesura ? FirstFill::chase : FirstFill::strike;
+    }
+    ShowStoppedAt_(stoppedAt);
+    SetState_(caesura ? PlayState::caesura : PlayState::ended);
+    Publish_();
+}
+
+// A stop drops the downbeats still waiting for the display delay: the display jumps to where
+// playback stopped, the start of the last period sent.
+void ShowSession::ShowStoppedAt_(std::uint32_t end) {
+    std::scoped_lock lock(statusMutex_);
+    shownTick_ = end >= ticksPerClockShown_ ? end - ticksPerClockShown_ : 0;
+}
+
+void ShowSession::Downbeat_(unsigned int tick) {
+    {
+        std::scoped_lock lock(statusMutex_);
+        shownTick_ = tick;
+    }
+    Publish_();
+}
+
+// ---------------------------------------------------------------------------------------------
+// Live adjustments
+
+void ShowSession::SetTempoScale(double scale) {
+    std::scoped_lock transport(transportMutex_);
+    if (!(scale >= minimumTempoScale && scale <= maximumTempoScale)) {
+        throw std::out_of_range("a tempo scale must lie between 0.5 and 2.0");
+    }
+    controls_.SetTempoScale(scale);
+    {
+        // The clock takes the new period at once; the position schedules the scale's later
+        // changes itself.
+        std::unique_lock lock(positionMutex_);
+        const double clockTime = position_->GetClockTime();
+        lock.unlock();
+        clock_->SetClockTime(clockTime, 0);
+    }
+    Publish_();
+}
+
+void ShowSession::SetTransposition(int semitones) {
+    std::scoped_lock transport(transportMutex_);
+    if (semitones < -maximumTransposition || semitones > maximumTransposition) {
+        throw std::out_of_range("a transposition must lie between -24 and 24 semitones");
+    }
+    controls_.SetTransposition(semitones);
+    Publish_();
+}
+
+void ShowSession::MuteTrack(unsigned short trackId) {
+    std::scoped_lock transport(transportMutex_);
+    if (!Tracks().contains(trackId)) {
+        throw std::out_of_range("the show has no track " + std::to_string(trackId));
+    }
+    {
+        std::scoped_lock lock(positionMutex_);
+        streams_->MuteTrack(trackId);
+        stream_->SendAllNotesOffForMutedTracks();
+    }
+    Publish_();
+}
+
+void ShowSession::UnmuteTrack(unsigned short trackId) {
+    std::scoped_lock transport(transportMutex_);
+    if (!Tracks().contains(trackId)) {
+        throw std::out_of_range("the show has no track " + std::to_string(trackId));
+    }
+    {
+        std::scoped_lock lock(positionMutex_);
+        streams_->UnmuteTrack(trackId);
+    }
+    Publish_();
+}
+
+void ShowSession::MuteGroup(unsigned char group) {
+    std::scoped_lock transport(transportMutex_);
+    if (show_->GetGroups().GetGroup(group).empty()) {
+        throw std::out_of_range("the show has no group " + std::to_string(group));
+    }
+    {
+        std::scoped_lock lock(positionMutex_);
+        streams_->MuteGroup(group);
+        stream_->SendAllNotesOffForMutedTracks();
+    }
+    Publish_();
+}
+
+void ShowSession::UnmuteGroup(unsigned char group) {
+    std::scoped_lock transport(transportMutex_);
+    if (show_->GetGroups().GetGroup(group).empty()) {
+        throw std::out_of_range("the show has no group " + std::to_string(group));
+    }
+    {
+        std::scoped_lock lock(positionMutex_);
+        streams_->UnmuteGroup(group);
+    }
+    Publish_();
+}
+
+void ShowSession::SetTrackTrim(unsigned short trackId, unsigned char trim) {
+    std::scoped_lock transport(transportMutex_);
+    if (!Tracks().contains(trackId)) {
+        throw std::out_of_range("the show has no track " + std::to_string(trackId));
+    }
+    if (trim > 127) {
+        throw std::out_of_range("a trim lies between 0 and 127");
+    }
+    {
+        std::scoped_lock lock(positionMutex_);
+        streams_->SetTrackTrim(trackId, trim);
+    }
+    Publish_();
+}
+
+void ShowSession::ChooseDevice(const std::string& deviceName) {
+    std::scoped_lock transport(transportMutex_);
+    output_->CreateSynthOutput(deviceName);
+    Publish_();
+}
+
+void ShowSession::IncreaseDisplayDelay() {
+    output_->IncreaseGuiDelay();
+    Publish_();
+}
+
+void ShowSession::DecreaseDisplayDelay() {
+    output_->DecreaseGuiDelay();
+    Publish_();
+}
+
+// ---------------------------------------------------------------------------------------------
+// Queries
+
+std::map<unsigned short, std::string> ShowSession::Tracks() const {
+    std::map<unsigned short, std::string> tracks;
+    for (const auto& entry : songs_) {
+        if (!entry.song) {
+            continue;
+        }
+        for (const auto& [id, track] : entry.song->GetVoiceData()) {
+            tracks.emplace(id, track->GetTrackName());
+        }
+    }
+    return tracks;
+}
+
+PlayState ShowSession::State_() {
+    std::scoped_lock lock(statusMutex_);
+    return state_;
+}
+
+void ShowSession::SetState_(PlayState state) {
+    {
+        std::scoped_lock lock(statusMutex_);
+        state_ = state;
+    }
+    stateChanged_.notify_all();
+}
+
+bool ShowSession::WaitUntilNotPlaying(std::chrono::milliseconds timeout) {
+    std::unique_lock lock(statusMutex_);
+    return stateChanged_.wait_for(lock, timeout,
+                                  [this] { return state_ != PlayState::playing; });
+}
+
+SessionStatus ShowSession::Status() {
+    SessionStatus status;
+    {
+        std::scoped_lock lock(positionMutex_);
+        status.songNumber = songIndex_ + 1;
+        status.songName = songIndex_ >= 0 ? Song_().GetSongName() : std::string();
+        status.mutedTracks = streams_->GetMutedTracks();
+    }
+    status.tempoScale = controls_.GetTempoScale();
+    status.transposition = controls_.GetTransposition();
+    status.device = output_->GetSynthDeviceName();
+    status.deviceLost = output_->GetSynthIsLost();
+    status.displayDelay = output_->GetGuiDelay();
+    std::scoped_lock lock(statusMutex_);
+    status.state = state_;
+    status.tick = shownTick_;
+    if (display_) {
+        if (shownTick_ < display_->GetTickIndex()) {
+            display_->Seek(shownTick_);
+        } else {
+            display_->AdvanceToTickIndex(shownTick_);
+        }
+        // A song may lack a kind of record (no markers, no pages): its queries then throw
+        // std::out_of_range, and the display shows nothing for it.
+        const auto shown = [](auto query, auto fallback) {
+            try {
+                return query();
+            } catch (const std::out_of_range&) {
+                return decltype(query())(fallback);
+            }
+        };
+        const HowToPlay& at = *display_;
+        status.bar = shown([&] { return at.GetBarBeat().bar; }, 0);
+        status.beat = shown([&] { return at.GetBarBeat().bar_beat; }, 0);
+        status.tempo = shown([&] { return at.GetTempoDouble(); }, 0.0);
+        status.key = shown([&] { return at.GetKeyString(); }, "");
+        status.marker = shown([&] { return at.GetMarkerString(); }, "");
+        status.page = shown([&] { return at.GetPageNumberValue(); }, 0);
+        status.clicksToEnd = shown([&] { return at.GetClicksToSongEnd(); }, 0);
+    }
+    return status;
+}
+
+void ShowSession::Publish_() {
+    StatusListener listener;
+    {
+        std::scoped_lock lock(statusMutex_);
+        listener = listener_;
+    }
+    if (listener) {
+        listener(Status());
+    }
+}
+
+}  // namespace velt_play
