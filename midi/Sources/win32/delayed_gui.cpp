@@ -1,11 +1,12 @@
 #include "midi/win32/delayed_gui.h"
 
 #include <cmath>
-#include <system_error>
 
 #include "interfaces/kit.h"
+#include "midi/velt_midi_error.h"
 
 namespace {
+constexpr const char* delayedGuiSource = "midi/Sources/win32/delayed_gui";
 // A timer wait never lasts longer than this, so shutdown is never held up for long.
 constexpr DWORD maximumTimerWaitMilliseconds = 2000;
 }  // namespace
@@ -14,8 +15,8 @@ DelayedGui::DelayedGui(Callback callback, double secondsDelay)
     : secondsDelay_(secondsDelay), callback_(std::move(callback)) {
     timer_ = CreateWaitableTimerW(nullptr, FALSE, VELT_WTEXT("DelayedCallbackTimer"));
     if (timer_ == nullptr) {
-        throw std::system_error(static_cast<int>(GetLastError()), std::system_category(),
-                                "CreateWaitableTimerW");
+        LogAndThrowErrorNumber(delayedGuiSource, __LINE__, static_cast<int>(GetLastError()),
+                               "CreateWaitableTimerW");
     }
     worker_ = std::thread([this] { RunLoop(); });
 }
