@@ -360,6 +360,9 @@ TEST_F(ShowManifest, ShowLevelFaultsAndMissingFilesAreNamed) {
     ExpectError(R"({"name": "S", "songs": [{"file": "a.mid"},)", "not valid JSON");
     ExpectError(R"({"name": "S", "songs": [{"file": "a.mid"}, {"file": "missing.mid"}]})",
                 "missing.mid: cannot open the file");
+    // A folder (an empty name is the manifest's own) is refused before it is read.
+    ExpectError<velt_core::SmfError>(R"({"name": "S", "songs": [{"file": ""}]})",
+                                     "not a regular file");
 }
 
 }  // namespace
