@@ -44,6 +44,17 @@ VELT_MIDI_DECLARE_ERROR(QuarterFrameIndexError, MidiTimeCodeError);
 
 #undef VELT_MIDI_DECLARE_ERROR
 
+/// The common failure path of a platform call: writes "[ERROR] " and the failure text of
+/// kit::CreateFailureMessage(source, line, action, detail) as one log line, then throws
+/// VeltMidiError with that text. `source` is the calling module's path, `line` its line.
+[[noreturn]] void LogAndThrowFailure(const char* source, unsigned int line,
+                                     const std::string& action, const std::string& detail);
+/// The same path for a failure that carries an error number rather than an action text:
+/// "<source> line <line>: Error <number> <detail>.", or "<source> line <line>: Error <number>."
+/// when the detail is empty.
+[[noreturn]] void LogAndThrowErrorNumber(const char* source, unsigned int line, int errorNumber,
+                                         const std::string& detail);
+
 /// A three-byte MIDI message: the whole status byte (kind and channel), then two data bytes.
 struct MIDIMessage {
     std::uint8_t status = 0;

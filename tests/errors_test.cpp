@@ -2,8 +2,13 @@
 #include <gtest/gtest.h>
 
 #include <cstddef>
+#include <functional>
+#include <string>
 #include <type_traits>
+#include <typeinfo>
+#include <vector>
 
+#include "captured_log.h"
 #include "midi/velt_midi_error.h"
 
 namespace {
@@ -61,6 +66,28 @@ TEST(Errors, AHandlerForTheRootSeesTimeCodeErrorsWithTheirText) {
     } catch (const MidiImplementationError& error) {
         EXPECT_STREQ(error.what(), "CreateSynthOutput() error 4, busy");
     }
+}
+
+// Both forms of the common failure path: the text is logged after "[ERROR] " as one line and is
+// the text of the VeltMidiError thrown (the root class itself, not a subclass).
+TEST(Errors, FailurePathsLogTheTextAndThrowItAsVeltMidiError) {
+    const auto expectFailure = [](const std::function<void()>& fail, const std::string& text) {
+        SCOPED_TRACE(text);
+        CapturedLog log;
+        try {
+            fail();
+            ADD_FAILURE() << "nothing thrown";
+        } catch (const VeltMidiError& error) {
+            EXPECT_EQ(error.what(), text);
+            EXPECT_EQ(typeid(error), typeid(VeltMidiError));
+        }
+        EXPECT_EQ(log.lines(), std::vector<std::string>{"[ERROR] " + text});
+    };
+    expectFailure([] { LogAndThrowFailure("src/a", 57, "calling midiStreamOut", "device busy"); },
+                  "src/a line 57: calling midiStreamOut failed. device busy");
+    expectFailure([] { LogAndThrowErrorNumber("src/b", 206, 8, "CreateWaitableTimerW"); },
+                  "src/b line 206: Error 8 CreateWaitableTimerW.");
+    expectFailure([] { LogAndThrowErrorNumber("src/b", 7, -1, ""); }, "src/b line 7: Error -1.");
 }
 
 TEST(MidiMessage, SplitsKindAndChannelAndOnlyThreeKindsAreAccepted) {

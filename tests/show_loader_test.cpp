@@ -287,6 +287,70 @@ TEST_F(ShowManifest, FaultsNameTheSongAndTheKey) {
     ExpectSongError(R"({"name": "No File"})", R"(song 1 "No File": key "file": missing)");
 }
 
+// Numbers that no field can hold, of the wrong type or sign, wherever the manifest takes a
+// number: every one is a ShowError naming the manifest and the key, never an exception of the
+// JSON reader or of a number conversion. A number too large for any type is found while the
+// text is parsed, where the key is the path from the manifest's root.
+TEST_F(ShowManifest, NumbersOutOfRangeOrOfTheWrongTypeAreShowErrorsNamingTheKey) {
+    const auto song = [](const std::string& keys) {
+        return R"({"name": "S", "songs": [{"file": "a.mid", )" + keys + "}]}";
+    };
+    const auto paired = [&](const std::string& list, const std::string& valueKey,
+                            const std::string& value) {
+        return song("\"" + list + R"(": [{"start": 0, "end": 10, ")" + valueKey + "\": " + value +
+                    "}]");
+    };
+    const struct {
+        std::string json;
+        std::string key;
+    } cases[] = {
+        {R"({"name": "S", "songs": 1e400})", "songs"},
+        {song(R"("start": "1:99999999999")"), "start"},
+        {song(R"("start": "99999999999:1")"), "start"},
+        {song(R"("start": "4294967297:1")"), "start"},
+        {song(R"("start": "1:9999999999999999")"), "start"},
+        {song(R"("start": -1)"), "start"},
+        {song(R"("start": 1e400)"), "songs[0].start"},
+        {song(R"("start": 18446744073709551616)"), "start"},
+        {song(R"("start": 1.5)"), "start"},
+        {song(R"("number": -1)"), "number"},
+        {song(R"("number": 1e400)"), "songs[0].number"},
+        {paired("clicks", "notated_32nds", "9223372036854775808"), "clicks[0].notated_32nds"},
+        {paired("clicks", "notated_32nds", "-1"), "clicks[0].notated_32nds"},
+        {paired("clicks", "notated_32nds", "\"12\""), "clicks[0].notated_32nds"},
+        {paired("clicks", "notated_32nds", "-1e400"), "songs[0].clicks[0].notated_32nds"},
+        {paired("tempo_scales", "factor", "1e400"), "songs[0].tempo_scales[0].factor"},
+        {paired("tempo_scales", "factor", "-0.5"), "tempo_scales[0].factor"},
+        {paired("tempo_scales", "factor", "1e-400"), "tempo_scales[0].factor"},
+        {paired("transpositions", "semitones", "-9223372036854775809"),
+         "transpositions[0].semitones"},
+        {paired("transpositions", "semitones", "2.5"), "transpositions[0].semitones"},
+        {song(R"("pages": [{"at": 0, "page": 2147483648}])"), "pages[0].page"},
+        {song(R"("pages": [{"at": 0, "page": -1}])"), "pages[0].page"},
+        {song(R"("pages": [{"at": "1:1", "page": 1e999}])"), "songs[0].pages[0].page"},
+        {song(R"("markers": [{"at": "2147483648:1", "text": "m"}])"), "markers[0].at"},
+        {song(R"("ranges": {"17": [-1, 60]})"), "ranges.17[0]"},
+        {song(R"("ranges": {"17": [60, 1e400]})"), "songs[0].ranges.17[1]"},
+        {song(R"("ranges": {"99999999999": [60, 70]})"), "ranges.99999999999"},
+        {R"({"name": "S", "groups": {"1": [-1]}, "songs": [{"file": "a.mid"}]})", "groups.1[0]"},
+        {R"({"name": "S", "groups": {"1": [0, 1e400]}, "songs": [{"file": "a.mid"}]})",
+         "groups.1[1]"},
+    };
+    const std::string manifest = (dir_ / "show.json").string();
+    for (const auto& c : cases) {
+        try {
+            Load(c.json);
+            ADD_FAILURE() << "no error for " << c.json;
+        } catch (const velt_core::ShowError& e) {
+            const std::string text = e.what();
+            EXPECT_EQ(text.rfind(manifest + ": ", 0), 0u) << text;
+            EXPECT_NE(text.find("key \"" + c.key + "\": "), std::string::npos) << text;
+        } catch (const std::exception& e) {
+            ADD_FAILURE() << "not a ShowError for " << c.json << ": " << e.what();
+        }
+    }
+}
+
 TEST_F(ShowManifest, ShowLevelFaultsAndMissingFilesAreNamed) {
     ExpectError(R"({"name": "S", "songs": [], "extra": 1})", R"(key "extra": unknown key)");
     ExpectError(R"({"name": "S", "songs": []})", R"(key "songs": expected a non-empty array)");
@@ -296,6 +360,9 @@ TEST_F(ShowManifest, ShowLevelFaultsAndMissingFilesAreNamed) {
     ExpectError(R"({"name": "S", "songs": [{"file": "a.mid"},)", "not valid JSON");
     ExpectError(R"({"name": "S", "songs": [{"file": "a.mid"}, {"file": "missing.mid"}]})",
                 "missing.mid: cannot open the file");
+    // A folder (an empty name is the manifest's own) is refused before it is read.
+    ExpectError<velt_core::SmfError>(R"({"name": "S", "songs": [{"file": ""}]})",
+                                     "not a regular file");
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstring>
+#include <iomanip>
 #include <sstream>
 #include <type_traits>
 
@@ -82,9 +83,13 @@ TEST(SongLayout, VoiceEventIsEightBytesWithTheTrackIdSplitIntoChannelAndPortAndV
     EXPECT_FALSE(VoiceEvent(0, 0x90, 0, 60, 128).IsValidVoiceEvent());
     EXPECT_FALSE(VoiceEvent(0, 0xF0, 0, 0, 0).IsValidVoiceEvent());
 
+    // The text form pads the status with zeros and leaves the stream's format as it found it:
+    // a padded number written after it is padded with spaces, in decimal.
     std::ostringstream text;
     VoiceEvent(480, 0x90, 0x03, 60, 100).WriteString(text);
-    EXPECT_EQ(text.str(), "480 0x93 60 100");
+    VoiceEvent(7, 0x80, 0x01, 1, 2).WriteString(text << "; ");
+    text << ";" << std::setw(4) << 42;
+    EXPECT_EQ(text.str(), "480 0x93 60 100; 7 0x81 1 2;  42");
 }
 
 TEST(SongLayout, TempoAccessorsAreCorrectlyRounded) {

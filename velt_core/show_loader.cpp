@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <bit>
+#include <charconv>
 #include <filesystem>
 #include <fstream>
 #include <limits>
@@ -526,12 +527,17 @@ class SongEntryReader {
         if (text == "end") {
             return last;
         }
-        std::int32_t bar = 0;
-        std::int32_t beat = 0;
+        std::uint64_t bar = 0;
+        std::uint64_t beat = 0;
         if (!ParseBarBeat_(text, bar, beat)) {
             Fail_(key, "\"" + text + "\" is not a tick, \"bar:beat\" or \"end\"");
         }
-        const auto tick = FindBarBeat(song_->GetTimeline(), bar, beat);
+        // Bars and beats are counted in 32 bits: a larger number names no beat of the song.
+        std::optional<std::uint32_t> tick;
+        if (bar <= INT32_MAX && beat <= INT32_MAX) {
+            tick = FindBarBeat(song_->GetTimeline(), static_cast<std::int32_t>(bar),
+                               static_cast<std::int32_t>(beat));
+        }
         if (!tick) {
             Fail_(key,
                   "the song has no bar " + std::to_string(bar) + " beat " + std::to_string(beat));
@@ -539,21 +545,20 @@ class SongEntryReader {
         return *tick;
     }
 
-    static bool ParseBarBeat_(const std::string& text, std::int32_t& bar, std::int32_t& beat) {
+    // Two runs of decimal digits around a colon. An unsigned conversion takes no sign, and one
+    // that does not fit reports it instead of throwing.
+    static bool ParseBarBeat_(const std::string& text, std::uint64_t& bar, std::uint64_t& beat) {
         const auto colon = text.find(':');
-        if (colon == std::string::npos || colon == 0 || colon + 1 == text.size() ||
-            text.size() > 16) {
+        if (colon == std::string::npos || text.size() > 16) {
             return false;
         }
-        auto digits = [](const std::string& part, std::int32_t& out) {
-            if (part.empty() || !std::all_of(part.begin(), part.end(),
-                                             [](char c) { return c >= '0' && c <= '9'; })) {
-                return false;
-            }
-            out = std::stoi(part);
-            return true;
+        auto digits = [](const char* first, const char* last, std::uint64_t& out) {
+            const auto [end, error] = std::from_chars(first, last, out);
+            return first != last && error == std::errc() && end == last;
         };
-        return digits(text.substr(0, colon), bar) && digits(text.substr(colon + 1), beat);
+        const char* begin = text.data();
+        return digits(begin, begin + colon, bar) &&
+               digits(begin + colon + 1, begin + text.size(), beat);
     }
 
     const Json& Array_(const Json& entry, const std::string& key) const {
@@ -734,28 +739,31 @@ class SongEntryReader {
     velt_midi::SongData* song_ = nullptr;
 };
 
+[[noreturn]] void FailAtKey(const std::string& manifest, const std::string& key,
+                            const std::string& what) {
+    throw ShowError(manifest + ": key \"" + key + "\": " + what);
+}
+
 // "groups": {"<group number 0..255>": [track id, ...]}
 void ReadGroups(const Json& groups, const std::string& manifest, velt_midi::Groups& out) {
-    auto fail = [&](const std::string& key, const std::string& what) {
-        throw ShowError(manifest + ": key \"" + key + "\": " + what);
-    };
     if (!groups.is_object()) {
-        fail("groups", "expected an object of group number to track ids");
+        FailAtKey(manifest, "groups", "expected an object of group number to track ids");
     }
     for (const auto& [numberText, ids] : groups.items()) {
         const std::string key = "groups." + numberText;
         const auto number = SongEntryReader::ParseTrackId(numberText);
         if (!number || *number > 255 || numberText.starts_with("0x")) {
-            fail(key, "\"" + numberText + "\" is not a group number 0..255");
+            FailAtKey(manifest, key, "\"" + numberText + "\" is not a group number 0..255");
         }
         if (!ids.is_array()) {
-            fail(key, "expected an array of track ids");
+            FailAtKey(manifest, key, "expected an array of track ids");
         }
         std::set<unsigned short> members;
         for (std::size_t i = 0; i < ids.size(); ++i) {
             const Json& id = ids[i];
             if (!id.is_number_unsigned() || id.get<std::uint64_t>() > maxTrackId) {
-                fail(key + "[" + std::to_string(i) + "]", "expected a track id 0..4095");
+                FailAtKey(manifest, key + "[" + std::to_string(i) + "]",
+                          "expected a track id 0..4095");
             }
             members.insert(static_cast<unsigned short>(id.get<std::uint64_t>()));
         }
@@ -763,48 +771,116 @@ void ReadGroups(const Json& groups, const std::string& manifest, velt_midi::Grou
     }
 }
 
-}  // namespace
+// Follows the parser through the manifest's text as a key path ("songs[1].clicks[0].end": the
+// element being read), so that a fault found while the text is parsed (bad syntax, a number too
+// large for any type) names its key like the faults found in the parsed manifest.
+class KeyPath {
+  public:
+    // The parser's callback: called for every start and end of an object or array, every key and
+    // every finished plain value. Keeps everything.
+    bool Follow(Json::parse_event_t event, const Json& parsed) {
+        using Event = Json::parse_event_t;
+        switch (event) {
+            case Event::object_start:
+            case Event::array_start:
+                levels_.push_back(Level{event == Event::array_start, 0, std::nullopt});
+                break;
+            case Event::key:
+                levels_.back().key = parsed.get<std::string>();
+                break;
+            case Event::object_end:
+            case Event::array_end:
+                levels_.pop_back();
+                ElementDone_();
+                break;
+            case Event::value:
+                ElementDone_();
+                break;
+        }
+        return true;
+    }
+
+    std::string Text() const {
+        std::string text;
+        for (const Level& level : levels_) {
+            if (level.array) {
+                text += "[" + std::to_string(level.index) + "]";
+            } else if (level.key) {
+                text += (text.empty() ? "" : ".") + *level.key;
+            }
+        }
+        return text;
+    }
+
+  private:
+    // An array counts its elements; an object holds the key whose value is being read, none
+    // between a value and the next key.
+    struct Level {
+        bool array = false;
+        std::size_t index = 0;
+        std::optional<std::string> key;
+    };
+
+    void ElementDone_() {
+        if (levels_.empty()) {
+            return;
+        }
+        if (levels_.back().array) {
+            ++levels_.back().index;
+        } else {
+            levels_.back().key.reset();
+        }
+    }
+
+    std::vector<Level> levels_;
+};
+
+Json ParseManifest(std::istream& stream, const std::string& manifest) {
+    KeyPath path;
+    auto at = [&path] {
+        const std::string key = path.Text();
+        return key.empty() ? std::string() : ": key \"" + key + "\"";
+    };
+    try {
+        return Json::parse(stream, [&path](int, Json::parse_event_t event, Json& parsed) {
+            return path.Follow(event, parsed);
+        });
+    } catch (const Json::parse_error& e) {
+        throw ShowError(manifest + ": byte " + std::to_string(e.byte) + at() +
+                        ": not valid JSON: " + e.what());
+    } catch (const Json::exception& e) {
+        // A number beyond the range of every number type.
+        throw ShowError(manifest + at() + ": " + e.what());
+    }
+}
 
 // Manifest layout (docs/show-format.md):
 //   {"name": <show name>, "groups": {...}, "songs": [<song>, ...]}
-std::shared_ptr<pv::ParvelShowData> LoadShow(const std::string& location) {
-    std::filesystem::path manifestPath(location);
-    if (std::filesystem::is_directory(manifestPath)) {
-        manifestPath /= "show.json";
-    }
-    const std::string manifest = manifestPath.string();
+std::shared_ptr<pv::ParvelShowData> ReadShow(const std::filesystem::path& manifestPath,
+                                             const std::string& manifest) {
     std::ifstream stream(manifestPath);
     if (!stream) {
         throw ShowError(manifest + ": cannot open the show manifest");
     }
-    Json root;
-    try {
-        root = Json::parse(stream);
-    } catch (const Json::parse_error& e) {
-        throw ShowError(manifest + ": byte " + std::to_string(e.byte) +
-                        ": not valid JSON: " + e.what());
-    }
-    auto fail = [&](const std::string& key, const std::string& what) {
-        throw ShowError(manifest + ": key \"" + key + "\": " + what);
-    };
+    Json root = ParseManifest(stream, manifest);
     if (!root.is_object()) {
         throw ShowError(manifest + ": expected an object with \"name\" and \"songs\"");
     }
     for (const auto& [key, value] : root.items()) {
         if (key != "name" && key != "songs" && key != "groups") {
-            fail(key, "unknown key");
+            FailAtKey(manifest, key, "unknown key");
         }
     }
     auto show = std::make_shared<pv::ParvelShowData>();
     if (!root.contains("name") || !root["name"].is_string()) {
-        fail("name", "expected the show's name as a string");
+        FailAtKey(manifest, "name", "expected the show's name as a string");
     }
     show->SetShowName(root["name"].get<std::string>());
     if (root.contains("groups")) {
         ReadGroups(root["groups"], manifest, show->GetGroups());
     }
     if (!root.contains("songs") || !root["songs"].is_array() || root["songs"].empty()) {
-        fail("songs", "expected a non-empty array of songs");
+        FailAtKey(manifest, "songs", "expected a non-empty array of songs");
     }
     const std::filesystem::path directory = manifestPath.parent_path();
     const Json& songs = root["songs"];
@@ -812,6 +888,28 @@ std::shared_ptr<pv::ParvelShowData> LoadShow(const std::string& location) {
         show->AddSong(SongEntryReader(manifest, directory, i + 1).Read(songs[i]));
     }
     return show;
+}
+
+}  // namespace
+
+std::shared_ptr<pv::ParvelShowData> LoadShow(const std::string& location) {
+    std::filesystem::path manifestPath(location);
+    std::error_code error;  // a location that cannot be examined is opened as a file, and fails
+    if (std::filesystem::is_directory(manifestPath, error)) {
+        manifestPath /= "show.json";
+    }
+    const std::string manifest = manifestPath.string();
+    try {
+        return ReadShow(manifestPath, manifest);
+    } catch (const ShowError&) {
+        throw;
+    } catch (const SmfError&) {
+        throw;  // a song file's fault, named by the song file
+    } catch (const std::exception& e) {
+        // Every value is checked before it is used; whatever else fails is still a fault of this
+        // manifest to the host, which handles the loader's two errors.
+        throw ShowError(manifest + ": " + e.what());
+    }
 }
 
 }  // namespace velt_core

@@ -69,8 +69,9 @@ SmfFile SmfFromSong(const velt_midi::SongData& song);
 velt_midi::SongData LoadSongFile(const std::string& path);
 
 /// Loads the show whose manifest is `location` (a file) or `location`/show.json (a directory).
-/// Song files are found relative to the manifest's directory. Throws ShowError for a manifest
-/// fault and SmfError for a song file fault.
+/// Song files are found relative to the manifest's directory. Throws SmfError for a song file
+/// fault and ShowError for every other failure, naming the manifest (and the key, for a fault
+/// in the manifest's text or values).
 std::shared_ptr<pv::ParvelShowData> LoadShow(const std::string& location);
 
 /// The tick of a position "bar:beat" (bar and beat counted from 1, beat as displayed) in the

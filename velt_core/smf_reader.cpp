@@ -1,6 +1,7 @@
 #include "velt_core/smf_reader.h"
 
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <limits>
@@ -359,13 +360,27 @@ SmfFile ParseSmf(std::span<const std::uint8_t> bytes, const std::string& name) {
 }
 
 SmfFile ReadSmf(const std::string& path) {
+    // Only a regular file is read: a folder fails inside the stream with an exception of its
+    // own, a device may never end (/dev/zero) and a pipe may never open.
+    std::error_code error;
+    const auto type = std::filesystem::status(path, error).type();
+    if (type != std::filesystem::file_type::not_found && type != std::filesystem::file_type::none &&
+        type != std::filesystem::file_type::regular) {
+        throw SmfError(path, std::nullopt, "not a regular file");
+    }
     std::ifstream stream(path, std::ios::binary);
     if (!stream) {
         throw SmfError(path, std::nullopt, "cannot open the file");
     }
-    std::vector<std::uint8_t> bytes((std::istreambuf_iterator<char>(stream)),
-                                    std::istreambuf_iterator<char>());
-    if (stream.bad()) {
+    // The stream reports a failed read either in its state or, from the buffer, as an exception.
+    std::vector<std::uint8_t> bytes;
+    bool failed = false;
+    try {
+        bytes.assign(std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>());
+    } catch (const std::ios_base::failure&) {
+        failed = true;
+    }
+    if (failed || stream.bad()) {
         throw SmfError(path, std::nullopt, "read error");
     }
     return ParseSmf(bytes, path);

@@ -101,7 +101,8 @@ struct SmfFile {
 /// Throws SmfError for anything it cannot read.
 SmfFile ParseSmf(std::span<const std::uint8_t> bytes, const std::string& name);
 
-/// Reads and parses the file at `path`. Throws SmfError when it cannot be opened or read.
+/// Reads and parses the file at `path`. Throws SmfError when it cannot be opened or read, or is
+/// not a regular file (a folder, a device, a pipe).
 SmfFile ReadSmf(const std::string& path);
 
 }  // namespace velt_core

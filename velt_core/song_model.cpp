@@ -150,12 +150,10 @@ void Marker::WriteString(std::ostream& out) const {
 
 namespace velt_midi {
 
+// The status is formatted on its own, so the caller's stream keeps its fill, base and case.
 void VoiceEvent::WriteString(std::ostream& out) const {
-    std::ios_base::fmtflags flags = out.flags();
-    out << time << " 0x" << std::hex << std::uppercase << std::setw(2) << std::setfill('0')
-        << static_cast<int>(status);
-    out.flags(flags);
-    out << ' ' << static_cast<int>(data1) << ' ' << static_cast<int>(data2);
+    out << time << " 0x" << kit::format("%02X", static_cast<unsigned>(status)) << ' '
+        << static_cast<int>(data1) << ' ' << static_cast<int>(data2);
 }
 
 std::set<unsigned short> Groups::GetGroup(unsigned char group) const {

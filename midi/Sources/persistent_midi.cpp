@@ -16,8 +16,7 @@ bool IsNoRange(PersistentMIDI::Range range) {
     return range.first >= kNoRange && range.second == kNoRange;
 }
 
-// One line per entry: the key's name padded to 8 characters, then the event's text form. The
-// padding is done here because the event's text form leaves its own fill character behind.
+// One line per entry: the key's name padded to 8 characters, then the event's text form.
 void PrintEntries(kit::CoutBuffer& out, const PersistentMIDI::EventMap& entries, bool asNotes) {
     for (const auto& [key, event] : entries) {
         std::string name = asNotes ? kit::midi::GetNoteName(key) : std::to_string(key);

@@ -24,7 +24,8 @@ class DelayedGui {
     using Callback = std::function<void(std::uint32_t tickIndex)>;
 
     /// Creates the auto-reset timer "DelayedCallbackTimer" and starts the worker thread.
-    /// Throws std::system_error when the timer cannot be created.
+    /// Logs "[ERROR] " and throws VeltMidiError, both with the error number, when the timer
+    /// cannot be created.
     DelayedGui(Callback callback, double secondsDelay);
     DelayedGui(const DelayedGui&) = delete;
     DelayedGui& operator=(const DelayedGui&) = delete;

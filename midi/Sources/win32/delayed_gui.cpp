@@ -1,10 +1,10 @@
 #include "midi/win32/delayed_gui.h"
 
 #include <cmath>
-#include <system_error>
 
 #include "interfaces/kit.h"
 #include "midi/Sources/logged_exceptions.h"
+#include "midi/velt_midi_error.h"
 
 namespace {
 // A timer wait never lasts longer than this, so shutdown is never held up for long.
@@ -13,6 +13,8 @@ constexpr DWORD maximumTimerWaitMilliseconds = 2000;
 // and the downbeat callback's, after which the worker goes on.
 constexpr const char* delayedGuiSource = "midi/Sources/win32/delayed_gui";
 constexpr int workerLine = 27;
+// Quoted when the display timer cannot be created.
+constexpr int createTimerLine = 24;
 constexpr int callbackLine = 114;
 }  // namespace
 
@@ -20,8 +22,8 @@ DelayedGui::DelayedGui(Callback callback, double secondsDelay)
     : secondsDelay_(secondsDelay), callback_(std::move(callback)) {
     timer_ = CreateWaitableTimerW(nullptr, FALSE, VELT_WTEXT("DelayedCallbackTimer"));
     if (timer_ == nullptr) {
-        throw std::system_error(static_cast<int>(GetLastError()), std::system_category(),
-                                "CreateWaitableTimerW");
+        LogAndThrowErrorNumber(delayedGuiSource, createTimerLine, static_cast<int>(GetLastError()),
+                               "CreateWaitableTimerW");
     }
     worker_ = std::thread(
         [this] { RunLoggingExceptions(delayedGuiSource, workerLine, [this] { RunLoop(); }); });

@@ -131,10 +131,7 @@ void StandardMidiClockImpl::SetClockTimer(double seconds) {
         timeSetEvent(delayMilliseconds, 0, &StandardMidiClockImpl::DoTimerCallbackFromThread,
                      reinterpret_cast<DWORD_PTR>(this), TIME_ONESHOT);
     if (timer == 0) {
-        const std::string message =
-            kit::CreateFailureMessage(kSourceName, kTimeSetEventLine, action, "");
-        kit::CoutBuffer() << "[ERROR] " << message << kit::endl;
-        throw VeltMidiError(message);
+        LogAndThrowFailure(kSourceName, kTimeSetEventLine, action, "");
     }
     pendingTimer_ = timer;
     kit::LogFilter(kit::LogSuccess, kSourceName, kTimeSetEventLine, action, logCalls);
