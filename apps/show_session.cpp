@@ -81,11 +81,15 @@ ShowSession::ShowSession(std::vector<SessionSong> songs, std::shared_ptr<pv::Par
     portCount_ = PortCount(songs_);
     if (options_.clock == ClockKind::precision) {
         auto clock = std::make_unique<PrecisionMidiClockImpl>();
-        waitForClockStop_ = [raw = clock.get()](auto limit) { return raw->WaitUntilStopped(limit); };
+        waitForClockStop_ = [raw = clock.get()](auto limit) {
+            return raw->WaitUntilStopped(limit);
+        };
         clock_ = std::move(clock);
     } else {
         auto clock = std::make_unique<StandardMidiClockImpl>();
-        waitForClockStop_ = [raw = clock.get()](auto limit) { return raw->WaitUntilStopped(limit); };
+        waitForClockStop_ = [raw = clock.get()](auto limit) {
+            return raw->WaitUntilStopped(limit);
+        };
         clock_ = std::move(clock);
     }
     position_ = std::make_unique<HowToPlayWithMidiClock>(controls_, *clock_);
@@ -567,69 +571,65 @@ void ShowSession::SetTransposition(int semitones) {
     Publish_();
 }
 
-void ShowSession::MuteTrack(unsigned short trackId) {
-    std::scoped_lock transport(transportMutex_);
+void ShowSession::RequireTrack_(unsigned short trackId) const {
     if (!Tracks().contains(trackId)) {
         throw std::out_of_range("the show has no track " + std::to_string(trackId));
     }
+}
+
+void ShowSession::RequireGroup_(unsigned char group) const {
+    if (show_->GetGroups().GetGroup(group).empty()) {
+        throw std::out_of_range("the show has no group " + std::to_string(group));
+    }
+}
+
+// Mutes and trims change the collection (which remembers them across songs) and the current
+// stream, both of which the fill reads.
+void ShowSession::ChangeStreams_(const std::function<void()>& change) {
     {
         std::scoped_lock lock(positionMutex_);
-        streams_->MuteTrack(trackId);
-        stream_->SendAllNotesOffForMutedTracks();
+        change();
     }
     Publish_();
+}
+
+void ShowSession::MuteTrack(unsigned short trackId) {
+    std::scoped_lock transport(transportMutex_);
+    RequireTrack_(trackId);
+    ChangeStreams_([&] {
+        streams_->MuteTrack(trackId);
+        stream_->SendAllNotesOffForMutedTracks();
+    });
 }
 
 void ShowSession::UnmuteTrack(unsigned short trackId) {
     std::scoped_lock transport(transportMutex_);
-    if (!Tracks().contains(trackId)) {
-        throw std::out_of_range("the show has no track " + std::to_string(trackId));
-    }
-    {
-        std::scoped_lock lock(positionMutex_);
-        streams_->UnmuteTrack(trackId);
-    }
-    Publish_();
+    RequireTrack_(trackId);
+    ChangeStreams_([&] { streams_->UnmuteTrack(trackId); });
 }
 
 void ShowSession::MuteGroup(unsigned char group) {
     std::scoped_lock transport(transportMutex_);
-    if (show_->GetGroups().GetGroup(group).empty()) {
-        throw std::out_of_range("the show has no group " + std::to_string(group));
-    }
-    {
-        std::scoped_lock lock(positionMutex_);
+    RequireGroup_(group);
+    ChangeStreams_([&] {
         streams_->MuteGroup(group);
         stream_->SendAllNotesOffForMutedTracks();
-    }
-    Publish_();
+    });
 }
 
 void ShowSession::UnmuteGroup(unsigned char group) {
     std::scoped_lock transport(transportMutex_);
-    if (show_->GetGroups().GetGroup(group).empty()) {
-        throw std::out_of_range("the show has no group " + std::to_string(group));
-    }
-    {
-        std::scoped_lock lock(positionMutex_);
-        streams_->UnmuteGroup(group);
-    }
-    Publish_();
+    RequireGroup_(group);
+    ChangeStreams_([&] { streams_->UnmuteGroup(group); });
 }
 
 void ShowSession::SetTrackTrim(unsigned short trackId, unsigned char trim) {
     std::scoped_lock transport(transportMutex_);
-    if (!Tracks().contains(trackId)) {
-        throw std::out_of_range("the show has no track " + std::to_string(trackId));
-    }
+    RequireTrack_(trackId);
     if (trim > 127) {
         throw std::out_of_range("a trim lies between 0 and 127");
     }
-    {
-        std::scoped_lock lock(positionMutex_);
-        streams_->SetTrackTrim(trackId, trim);
-    }
-    Publish_();
+    ChangeStreams_([&] { streams_->SetTrackTrim(trackId, trim); });
 }
 
 void ShowSession::ChooseDevice(const std::string& deviceName) {
@@ -679,8 +679,7 @@ void ShowSession::SetState_(PlayState state) {
 
 bool ShowSession::WaitUntilNotPlaying(std::chrono::milliseconds timeout) {
     std::unique_lock lock(statusMutex_);
-    return stateChanged_.wait_for(lock, timeout,
-                                  [this] { return state_ != PlayState::playing; });
+    return stateChanged_.wait_for(lock, timeout, [this] { return state_ != PlayState::playing; });
 }
 
 SessionStatus ShowSession::Status() {

@@ -185,6 +185,9 @@ class ShowSession {
     void ReleaseSoundingNotes_(bool resets);
     void ShowStoppedAt_(std::uint32_t end);
     void RecordFilledNotes_(std::uint32_t tick, MidiBuffer& buffer);
+    void RequireTrack_(unsigned short trackId) const;
+    void RequireGroup_(unsigned char group) const;
+    void ChangeStreams_(const std::function<void()>& change);
     std::uint32_t ResumeTick_();
     PlayState State_();
     void SetState_(PlayState state);
