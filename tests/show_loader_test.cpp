@@ -1,12 +1,14 @@
 // Mapping a MIDI file into the song model, and the show manifest.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
 #include <string>
 #include <vector>
 
+#include "captured_log.h"
 #include "velt_core/show_loader.h"
 #include "velt_core/smf_writer.h"
 #include "velt_core/song_builder.h"
@@ -126,23 +128,78 @@ TEST(SongFromSmf, TimelineHasRecordsAtTickZeroAndBarsFollowTheMeters) {
     EXPECT_EQ(song.GetSongLog().GetMarkers()[0].text, "Verse");
 }
 
-TEST(SongFromSmf, CoarseResolutionIsScaledToAMultipleOf24AndHugeSongsAreRefused) {
+// Seconds from tick 0 to `tick` along a tempo map (records sorted, the first at tick 0).
+double SecondsAt(const std::vector<TL::Tempo>& tempos, std::uint32_t tick,
+                 std::uint32_t ticksPerQuarter) {
+    double seconds = 0;
+    for (std::size_t i = 0; i < tempos.size() && tempos[i].tick_index < tick; ++i) {
+        const std::uint32_t end =
+            i + 1 < tempos.size() ? std::min(tempos[i + 1].tick_index, tick) : tick;
+        seconds += double(end - tempos[i].tick_index) / ticksPerQuarter *
+                   tempos[i].microseconds_per_quarter / 1e6;
+    }
+    return seconds;
+}
+
+// The engine's MIDI clock lasts ticksPerQuarter / 24 ticks (integer division), so any other
+// resolution than a multiple of 24 would play slow: every tick is multiplied by the least factor
+// that makes it one, and the music keeps its time in seconds.
+TEST(SongFromSmf, ResolutionIsScaledToAMultipleOf24KeepingTheTimeInSeconds) {
+    const struct {
+        std::uint16_t fileResolution;
+        std::uint32_t resolution;
+    } cases[] = {{100, 600}, {128, 384}, {256, 768}, {96, 96}, {480, 480}, {10, 120}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.fileResolution);
+        const std::uint32_t q = c.fileResolution;
+        const std::uint32_t factor = c.resolution / q;
+        SmfFile file;
+        file.ticksPerQuarter = c.fileResolution;
+        SmfTrack track;
+        track.events = {Tempo(0, 700001), SmfEvent::Channel(q + 7, 0x90, 60, 1),
+                        Tempo(3 * q / 2 + 1, 400000),
+                        SmfEvent::MetaText(2 * q + 1, meta::marker, "M")};
+        track.endTick = 8 * q + 3;
+        file.tracks = {track};
+        std::vector<std::string> warnings;
+        const auto song = Map(file, &warnings);
+        const TL::Timeline& t = song.GetTimeline();
+        EXPECT_EQ(song.GetTicksPerQuarter(), c.resolution);
+        EXPECT_EQ(song.GetVoiceData().at(0).events[0].time, (q + 7) * factor);
+        EXPECT_EQ(t.GetTempos()[1].tick_index, (3 * q / 2 + 1) * factor);
+        EXPECT_EQ(song.GetSongLog().GetMarkers()[0].tick_index, (2 * q + 1) * factor);
+        EXPECT_EQ(t.lastTickIndex, (8 * q + 3) * factor);
+        EXPECT_EQ(velt_core::FindBarBeat(t, 2, 1), 4 * c.resolution);
+        const std::vector<TL::Tempo> fileTempos = {{0, 700001}, {3 * q / 2 + 1, 400000}};
+        EXPECT_DOUBLE_EQ(
+            SecondsAt(t.GetTempos().GetVector(), t.lastTickIndex, song.GetTicksPerQuarter()),
+            SecondsAt(fileTempos, track.endTick, q));
+        if (factor == 1) {
+            EXPECT_TRUE(warnings.empty());
+        } else {
+            ASSERT_EQ(warnings.size(), 1u);
+            EXPECT_EQ(warnings[0], "m.mid: resolution of " + std::to_string(q) +
+                                       " ticks per quarter is not a multiple of 24; ticks scaled "
+                                       "by " +
+                                       std::to_string(factor) + " to " +
+                                       std::to_string(c.resolution));
+        }
+    }
+}
+
+TEST(SongFromSmf, TicksOverflowingWhenScaledAndHugeSongsAreRefused) {
     SmfFile file;
-    file.ticksPerQuarter = 10;
+    file.ticksPerQuarter = 100;
     SmfTrack track;
-    track.events = {SmfEvent::Channel(3, 0x90, 60, 1), Tempo(5, 400000)};
-    track.endTick = 7;
+    track.endTick = 0x30000000;  // times 6 passes 2^32
     file.tracks = {track};
     std::vector<std::string> warnings;
-    const auto song = Map(file, &warnings);
-    EXPECT_EQ(song.GetTicksPerQuarter(), 120u);  // 10 * 12
-    EXPECT_EQ(song.GetVoiceData().at(0).events[0].time, 36u);
-    EXPECT_EQ(song.GetTimeline().GetTempos()[1].tick_index, 60u);
-    EXPECT_EQ(song.GetTimeline().lastTickIndex, 84u);
-    ASSERT_EQ(warnings.size(), 1u);
-    EXPECT_EQ(warnings[0],
-              "m.mid: resolution of 10 ticks per quarter is below 24; ticks scaled by 12");
-
+    try {
+        Map(file, &warnings);
+        ADD_FAILURE() << "no error";
+    } catch (const velt_core::SmfError& e) {
+        EXPECT_STREQ(e.what(), "m.mid: tick 805306368 overflows when scaled by 6");
+    }
     file.ticksPerQuarter = 96;
     file.tracks[0].endTick = 0xF0000000;
     EXPECT_THROW(Map(file, &warnings), velt_core::SmfError);
@@ -363,6 +420,89 @@ TEST_F(ShowManifest, ShowLevelFaultsAndMissingFilesAreNamed) {
     // A folder (an empty name is the manifest's own) is refused before it is read.
     ExpectError<velt_core::SmfError>(R"({"name": "S", "songs": [{"file": ""}]})",
                                      "not a regular file");
+}
+
+// A player's show: every song of the manifest has an entry, the playable ones are the show.
+TEST_F(ShowManifest, PlayableShowFromAFolderAManifestOrASingleMidiFile) {
+    // 100 ticks per quarter: rescaled by 6, the manifest's tick positions with it.
+    auto coarse = velt_core::SongBuilder("", 100)
+                      .Meter(0, 4, 4)
+                      .Track(0x000, "Piano", 0)
+                      .Note(0x000, 150, 60, 100, 50)
+                      .Bars(4)
+                      .Build();
+    velt_core::WriteSmf(velt_core::SmfFromSong(*coarse), (dir_ / "coarse.mid").string());
+    std::ofstream(dir_ / "show.json") << R"({"name": "Two", "songs": [
+        {"name": "One", "file": "a.mid"},
+        {"file": "coarse.mid", "start": 150, "markers": [{"at": "2:1", "text": "B"}]}]})";
+    for (const auto& location : {dir_, dir_ / "show.json"}) {
+        SCOPED_TRACE(location);
+        const auto playable = velt_core::LoadPlayableShow(location.string());
+        EXPECT_EQ(playable.show->GetShowName(), "Two");
+        ASSERT_EQ(playable.show->GetSongs().size(), 2u);
+        ASSERT_EQ(playable.songs.size(), 2u);
+        EXPECT_EQ(playable.songs[0].name, "One");
+        EXPECT_EQ(playable.songs[1].name, "coarse");  // the file names no song
+        for (std::size_t i = 0; i < 2; ++i) {
+            EXPECT_EQ(playable.songs[i].song, playable.show->GetSongs()[i]);
+            EXPECT_EQ(playable.songs[i].error, "");
+        }
+        const auto& second = *playable.songs[1].song;
+        EXPECT_EQ(second.GetTicksPerQuarter(), 600u);
+        EXPECT_EQ(second.GetVoiceData().at(0x000).events[0].time, 900u);
+        EXPECT_EQ(second.GetSongStartTickIndex(), 900u);
+        EXPECT_EQ(second.GetSongLog().GetMarkers()[0].tick_index, 2400u);
+    }
+    // A MIDI file by its extension or by its first bytes: a show of one song, named after it.
+    std::filesystem::copy_file(dir_ / "a.mid", dir_ / "take 2",
+                               std::filesystem::copy_options::overwrite_existing);
+    for (const std::string file : {"a.mid", "take 2"}) {
+        SCOPED_TRACE(file);
+        const auto playable = velt_core::LoadPlayableShow((dir_ / file).string());
+        EXPECT_EQ(playable.show->GetShowName(), file == "a.mid" ? "a" : file);
+        ASSERT_EQ(playable.show->GetSongs().size(), 1u);
+        ASSERT_EQ(playable.songs.size(), 1u);
+        EXPECT_EQ(playable.songs[0].name, "From File");
+        EXPECT_EQ(playable.songs[0].song, playable.show->GetSongs()[0]);
+        EXPECT_EQ(playable.songs[0].song->GetSongLog().GetSongNumber(), "1");
+    }
+}
+
+TEST_F(ShowManifest, APlayableShowGoesOnWithoutASongFileThatCannotBeRead) {
+    std::ofstream(dir_ / "bad.mid") << "MThd";  // too short for a header
+    // The broken song's start cannot be checked without its bars.
+    std::ofstream(dir_ / "show.json") << R"({"name": "S", "songs": [{"file": "a.mid"},
+        {"name": "Broken", "file": "bad.mid", "start": "9:9"}, {"file": "a.mid"}]})";
+    CapturedLog log;
+    const auto playable = velt_core::LoadPlayableShow(dir_.string());
+    ASSERT_EQ(playable.songs.size(), 3u);
+    ASSERT_EQ(playable.show->GetSongs().size(), 2u);
+    const std::string error =
+        (dir_ / "bad.mid").string() +
+        ": byte 0: missing header: not a Standard MIDI File (no \"MThd\" chunk)";
+    EXPECT_EQ(playable.songs[1].name, "Broken");
+    EXPECT_EQ(playable.songs[1].song, nullptr);
+    EXPECT_EQ(playable.songs[1].error, error);
+    EXPECT_EQ(playable.songs[2].song, playable.show->GetSongs()[1]);
+    EXPECT_EQ(playable.songs[2].song->GetSongLog().GetSongNumber(), "3");
+    EXPECT_EQ(log.lines(),
+              std::vector<std::string>{"WARNING: " + (dir_ / "show.json").string() +
+                                       ": song 2 \"Broken\" cannot be played: " + error});
+
+    // The strict loader still refuses the show; a manifest fault still fails the player's show,
+    // also in the broken song's entry; a single file that cannot be read is refused.
+    EXPECT_THROW(velt_core::LoadShow(dir_.string()), velt_core::SmfError);
+    std::ofstream(dir_ / "show.json")
+        << R"({"name": "S", "songs": [{"file": "a.mid"}, {"file": "bad.mid", "tempo": 1}]})";
+    try {
+        velt_core::LoadPlayableShow(dir_.string());
+        ADD_FAILURE() << "no error";
+    } catch (const velt_core::ShowError& e) {
+        EXPECT_NE(std::string(e.what()).find(R"(song 2 "bad": key "tempo": unknown key)"),
+                  std::string::npos)
+            << e.what();
+    }
+    EXPECT_THROW(velt_core::LoadPlayableShow((dir_ / "bad.mid").string()), velt_core::SmfError);
 }
 
 }  // namespace

@@ -5,9 +5,11 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <fstream>
 #include <string>
 #include <vector>
 
+#include "captured_log.h"
 #include "velt_core/show_loader.h"
 #include "velt_core/smf_reader.h"
 #include "velt_core/smf_writer.h"
@@ -141,14 +143,37 @@ TEST(SmfReader, ToleratesDamageWhoseMeaningIsClearWithAWarning) {
     ASSERT_EQ(events.size(), 4u);
     EXPECT_EQ(events[2], SmfEvent::Channel(16, 0x90, 0x3C, 0x00));
     EXPECT_EQ(events[3], SmfEvent::Channel(16, 0x90, 0x3E, 0x40));
+    // The system messages are counted, not warned of one by one: the mapping reports them.
     const std::vector<std::string> expected = {
         "t.mid: byte 32: running status carried over a meta event or SysEx",
-        "t.mid: byte 35: system message 0xF8 in a track skipped",
-        "t.mid: byte 37: system message 0xF2 in a track skipped",
         "t.mid: byte 43: track ends without an end-of-track event",
         "t.mid: byte 43: 1 stray bytes after the last chunk ignored",
         "t.mid: byte 10: header announces 2 tracks, the file holds 1"};
     EXPECT_EQ(file.warnings, expected);
+    EXPECT_EQ(file.systemMessages, 2u);
+}
+
+// What the engine does not play is reported in one line per file, however many messages: a
+// SysEx split into packets (F0 without its closing F7, then F7 continuations) counts once, an F7
+// packet of its own (an escape) counts once, and system messages stepped over are added.
+TEST(SmfImport, SystemExclusiveAndSystemMessagesAreReportedInOneLinePerFile) {
+    const Bytes body = {0x00, 0xF0, 0x03, 0x7E, 0x7F, 0x09,  // first packet of a split SysEx
+                        0x10, 0xF7, 0x02, 0x01, 0xF7,        // its last packet
+                        0x00, 0xF8,                          // a real-time message
+                        0x00, 0xF0, 0x02, 0x43, 0xF7,        // a whole SysEx
+                        0x00, 0xF7, 0x03, 0xF0, 0x7E, 0xF7,  // an escape
+                        0x00, 0x90, 0x3C, 0x40, 0x00, 0xFF, 0x2F, 0x00};
+    const std::string path = ::testing::TempDir() + "sysex.mid";
+    const Bytes bytes = OneTrack(body);
+    std::ofstream(path, std::ios::binary)
+        .write(reinterpret_cast<const char*>(bytes.data()), std::streamsize(bytes.size()));
+    CapturedLog log;
+    const auto song = velt_core::LoadSongFile(path);
+    EXPECT_EQ(song.GetVoiceData().at(0).events.size(), 1u);
+    EXPECT_EQ(log.lines(),
+              std::vector<std::string>{"WARNING: " + path +
+                                       ": 3 System Exclusive messages and 1 system common or "
+                                       "real-time message are not played."});
 }
 
 TEST(SmfReader, SkipsUnknownChunksAndReadsSeveralFormat0TracksAsFormat1) {

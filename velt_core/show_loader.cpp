@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <bit>
+#include <cctype>
 #include <charconv>
 #include <filesystem>
 #include <fstream>
@@ -9,6 +10,7 @@
 #include <map>
 #include <numeric>
 #include <set>
+#include <string_view>
 
 #include <nlohmann/json.hpp>
 
@@ -79,19 +81,23 @@ class SongMapper {
         std::stable_sort(markers.begin(), markers.end(),
                          [](const auto& a, const auto& b) { return a.tick_index < b.tick_index; });
         song.GetSongLog().SetSongName(songName_);
+        WarnNotPlayed_();
         return song;
     }
 
   private:
-    // The engine counts in MIDI clocks of ticksPerQuarter / 24 ticks, so a coarser resolution is
-    // multiplied by the least factor that makes it a multiple of 24.
+    // The engine counts in MIDI clocks of ticksPerQuarter / 24 ticks (integer division): any
+    // other resolution than a multiple of 24 would make every clock too short and the song play
+    // slow (100 ticks per quarter: 4 ticks a clock instead of 4 1/6, 4.2 % slow). It is multiplied
+    // by the least factor that makes it a multiple of 24, and every tick with it, so the song
+    // keeps its time in seconds.
     void ChooseResolution_() {
-        ticksPerQuarter_ = file_.ticksPerQuarter;
-        if (ticksPerQuarter_ < 24) {
-            scale_ = 24 / std::gcd(ticksPerQuarter_, 24u);
-            ticksPerQuarter_ *= scale_;
+        scale_ = 24 / std::gcd(std::uint32_t{file_.ticksPerQuarter}, 24u);
+        ticksPerQuarter_ = file_.ticksPerQuarter * scale_;
+        if (scale_ != 1) {
             Warn_("resolution of " + std::to_string(file_.ticksPerQuarter) +
-                  " ticks per quarter is below 24; ticks scaled by " + std::to_string(scale_));
+                  " ticks per quarter is not a multiple of 24; ticks scaled by " +
+                  std::to_string(scale_) + " to " + std::to_string(ticksPerQuarter_));
         }
     }
 
@@ -107,12 +113,43 @@ class SongMapper {
 
     void Warn_(const std::string& what) { warnings_.push_back(name_ + ": " + what); }
 
+    // The engine plays channel messages only. What else the file would send is reported in one
+    // line per file: a file may hold thousands of such messages.
+    void WarnNotPlayed_() {
+        auto count = [](std::size_t n, const std::string& what) {
+            return std::to_string(n) + " " + what + (n == 1 ? " message" : " messages");
+        };
+        std::string text;
+        if (sysExMessages_ != 0) {
+            text = count(sysExMessages_, "System Exclusive");
+        }
+        if (file_.systemMessages != 0) {
+            text += (text.empty() ? "" : " and ") +
+                    count(file_.systemMessages, "system common or real-time");
+        }
+        if (!text.empty()) {
+            const bool one = sysExMessages_ + file_.systemMessages == 1;
+            Warn_(text + (one ? " is" : " are") + " not played.");
+        }
+    }
+
+    // A SysEx message may be sent in packets: F0 with the first bytes, then F7 packets until one
+    // ends with F7. An F7 packet that continues no message is an escape, a message of its own.
+    void CountSysEx_(const SmfEvent& event, bool& unfinished) {
+        const bool closes = !event.bytes.empty() && event.bytes.back() == 0xF7;
+        if (event.status == smf_status::sysEx || !unfinished) {
+            ++sysExMessages_;
+        }
+        unfinished = event.status == smf_status::sysEx ? !closes : unfinished && !closes;
+    }
+
     void WalkTrack_(std::size_t index) {
         const SmfTrack& track = file_.tracks[index];
         std::uint8_t port = 0;
         std::string trackName;
         bool named = false;
         std::set<std::uint16_t> fed;
+        bool sysExUnfinished = false;
         for (const SmfEvent& event : track.events) {
             const std::uint32_t tick = Tick_(event.tick);
             lastTick_ = std::max(lastTick_, tick);
@@ -134,6 +171,8 @@ class SongMapper {
                 } else {
                     AddTimelineMeta_(tick, event);
                 }
+            } else {
+                CountSysEx_(event, sysExUnfinished);
             }
         }
         lastTick_ = std::max(lastTick_, Tick_(track.endTick));
@@ -295,6 +334,7 @@ class SongMapper {
     std::uint32_t ticksPerQuarter_ = 480;
     std::uint32_t scale_ = 1;
     std::uint32_t lastTick_ = 0;
+    std::size_t sysExMessages_ = 0;
     std::map<std::uint16_t, TrackDraft> drafts_;
     std::map<std::uint16_t, std::string> names_;
     std::vector<TL::Tempo> tempos_;
@@ -310,6 +350,20 @@ void LogWarnings(const std::vector<std::string>& warnings) {
     }
 }
 
+// A song file's song and the factor its ticks were multiplied by (1 when the file's resolution
+// is a multiple of 24), which ticks written elsewhere against the file (the manifest's
+// positions) need too.
+struct ImportedSong {
+    velt_midi::SongData song;
+    std::uint32_t tickScale = 1;
+};
+
+// The name of a song that no one named: the file's song name, else the file's name without its
+// extension.
+std::string DefaultSongName(const std::string& fromFile, const std::filesystem::path& file) {
+    return fromFile.empty() ? file.stem().string() : fromFile;
+}
+
 }  // namespace
 
 velt_midi::SongData SongFromSmf(const SmfFile& file, const std::string& name,
@@ -317,11 +371,20 @@ velt_midi::SongData SongFromSmf(const SmfFile& file, const std::string& name,
     return SongMapper(file, name, warnings).Map();
 }
 
-velt_midi::SongData LoadSongFile(const std::string& path) {
+namespace {
+
+ImportedSong ImportSongFile(const std::string& path) {
     SmfFile file = ReadSmf(path);
-    velt_midi::SongData song = SongFromSmf(file, path, file.warnings);
+    ImportedSong imported{SongFromSmf(file, path, file.warnings)};
+    imported.tickScale = imported.song.GetTicksPerQuarter() / file.ticksPerQuarter;
     LogWarnings(file.warnings);
-    return song;
+    return imported;
+}
+
+}  // namespace
+
+velt_midi::SongData LoadSongFile(const std::string& path) {
+    return ImportSongFile(path).song;
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -422,38 +485,18 @@ class SongEntryReader {
                     std::size_t position)
         : manifest_(manifest), directory_(directory), position_(position) {}
 
+    /// Throws SmfError when the song's file cannot be read, ShowError for a fault of the entry.
     std::shared_ptr<velt_midi::SongData> Read(const Json& entry) {
-        if (!entry.is_object()) {
-            Fail_("", "a song is an object");
-        }
-        if (entry.contains("name")) {
-            label_ = String_(entry["name"], "name");
-        }
-        if (!entry.contains("file")) {
-            Fail_("file", "missing");
-        }
-        const std::string file = String_(entry["file"], "file");
-        auto song = std::make_shared<velt_midi::SongData>(
-            LoadSongFile((directory_ / std::filesystem::path(file)).string()));
+        const std::string file = File_(entry);
+        ImportedSong imported = ImportSongFile((directory_ / std::filesystem::path(file)).string());
+        auto song = std::make_shared<velt_midi::SongData>(std::move(imported.song));
         song_ = song.get();
+        tickScale_ = imported.tickScale;
         CL::SongLog& log = song->GetSongLog();
-        if (entry.contains("name")) {
-            log.SetSongName(label_);
-        } else if (log.GetSongName().empty()) {
-            log.SetSongName(std::filesystem::path(file).stem().string());
-        }
+        log.SetSongName(entry.contains("name") ? label_ : DefaultSongName(log.GetSongName(), file));
         label_ = log.GetSongName();
-        // Checked once the song's name is known, so that the fault names the song.
-        static const std::set<std::string> known = {
-            "number",       "name",           "file",    "start", "clicks",
-            "tempo_scales", "transpositions", "markers", "pages", "ranges"};
-        for (const auto& [key, value] : entry.items()) {
-            if (!known.contains(key)) {
-                Fail_(key, "unknown key");
-            }
-        }
-        log.SetSongNumber(entry.contains("number") ? Number_(entry["number"])
-                                                   : std::to_string(position_));
+        CheckSongKeys_(entry);
+        log.SetSongNumber(Number_(entry));
         if (entry.contains("start")) {
             song->SetSongStartTickIndex(Position_(entry["start"], "start"));
         }
@@ -466,6 +509,19 @@ class SongEntryReader {
         ReadPages_(entry, song->GetTimeline().GetPageNums().GetVector());
         ReadRanges_(entry, *song);
         return song;
+    }
+
+    /// For an entry whose song file Read could not read: checks what can be checked without the
+    /// song (every key but the positions and ranges, which need its bars and tracks) and returns
+    /// the song's name, the manifest's or the file's. Throws ShowError for a fault.
+    std::string ReadUnplayable(const Json& entry) {
+        const std::string file = File_(entry);
+        if (!entry.contains("name")) {
+            label_ = DefaultSongName("", file);
+        }
+        CheckSongKeys_(entry);
+        Number_(entry);
+        return label_;
     }
 
   private:
@@ -487,7 +543,38 @@ class SongEntryReader {
         return value.get<std::string>();
     }
 
-    std::string Number_(const Json& value) const {
+    // The entry's object, name and file (returned), read before the song is.
+    std::string File_(const Json& entry) {
+        if (!entry.is_object()) {
+            Fail_("", "a song is an object");
+        }
+        if (entry.contains("name")) {
+            label_ = String_(entry["name"], "name");
+        }
+        if (!entry.contains("file")) {
+            Fail_("file", "missing");
+        }
+        return String_(entry["file"], "file");
+    }
+
+    // Checked once the song's name is known, so that the fault names the song.
+    void CheckSongKeys_(const Json& entry) const {
+        static const std::set<std::string> known = {
+            "number",       "name",           "file",    "start", "clicks",
+            "tempo_scales", "transpositions", "markers", "pages", "ranges"};
+        for (const auto& [key, value] : entry.items()) {
+            if (!known.contains(key)) {
+                Fail_(key, "unknown key");
+            }
+        }
+    }
+
+    // The song number, default its position in the show.
+    std::string Number_(const Json& entry) const {
+        if (!entry.contains("number")) {
+            return std::to_string(position_);
+        }
+        const Json& value = entry["number"];
         if (value.is_number_unsigned()) {
             return std::to_string(value.get<std::uint64_t>());
         }
@@ -514,11 +601,13 @@ class SongEntryReader {
     }
 
     // A position: a tick (non-negative integer), "bar:beat" (as displayed, from 1) or "end"
-    // (the song's last tick). Positions lie within the song.
+    // (the song's last tick). Positions lie within the song. A tick counts in the file's ticks,
+    // as the author read them there, and is scaled with the song's ticks.
     std::uint32_t Position_(const Json& value, const std::string& key) const {
         const std::uint32_t last = song_->GetTimeline().lastTickIndex;
         if (value.is_number_integer()) {
-            return static_cast<std::uint32_t>(Integer_(value, key, 0, last));
+            return static_cast<std::uint32_t>(Integer_(value, key, 0, last / tickScale_)) *
+                   tickScale_;
         }
         if (!value.is_string()) {
             Fail_(key, "expected a tick, \"bar:beat\" or \"end\"");
@@ -737,6 +826,7 @@ class SongEntryReader {
     std::size_t position_;
     std::string label_;
     velt_midi::SongData* song_ = nullptr;
+    std::uint32_t tickScale_ = 1;
 };
 
 [[noreturn]] void FailAtKey(const std::string& manifest, const std::string& key,
@@ -856,8 +946,11 @@ Json ParseManifest(std::istream& stream, const std::string& manifest) {
 
 // Manifest layout (docs/show-format.md):
 //   {"name": <show name>, "groups": {...}, "songs": [<song>, ...]}
+// Without `entries`, a song file that cannot be read fails the show (SmfError); with them, the
+// song is left out of the show and its entry carries the error.
 std::shared_ptr<pv::ParvelShowData> ReadShow(const std::filesystem::path& manifestPath,
-                                             const std::string& manifest) {
+                                             const std::string& manifest,
+                                             std::vector<ShowEntry>* entries) {
     std::ifstream stream(manifestPath);
     if (!stream) {
         throw ShowError(manifest + ": cannot open the show manifest");
@@ -885,14 +978,27 @@ std::shared_ptr<pv::ParvelShowData> ReadShow(const std::filesystem::path& manife
     const std::filesystem::path directory = manifestPath.parent_path();
     const Json& songs = root["songs"];
     for (std::size_t i = 0; i < songs.size(); ++i) {
-        show->AddSong(SongEntryReader(manifest, directory, i + 1).Read(songs[i]));
+        SongEntryReader reader(manifest, directory, i + 1);
+        if (entries == nullptr) {
+            show->AddSong(reader.Read(songs[i]));
+            continue;
+        }
+        try {
+            auto song = reader.Read(songs[i]);
+            show->AddSong(song);
+            entries->push_back(ShowEntry{song->GetSongName(), song, {}});
+        } catch (const SmfError& e) {
+            ShowEntry entry{reader.ReadUnplayable(songs[i]), nullptr, e.what()};
+            kit::CoutBuffer() << "WARNING: " << manifest << ": song " << i + 1 << " \""
+                              << entry.name << "\" cannot be played: " << entry.error << kit::endl;
+            entries->push_back(std::move(entry));
+        }
     }
     return show;
 }
 
-}  // namespace
-
-std::shared_ptr<pv::ParvelShowData> LoadShow(const std::string& location) {
+std::shared_ptr<pv::ParvelShowData> LoadManifest(const std::string& location,
+                                                 std::vector<ShowEntry>* entries) {
     std::filesystem::path manifestPath(location);
     std::error_code error;  // a location that cannot be examined is opened as a file, and fails
     if (std::filesystem::is_directory(manifestPath, error)) {
@@ -900,7 +1006,7 @@ std::shared_ptr<pv::ParvelShowData> LoadShow(const std::string& location) {
     }
     const std::string manifest = manifestPath.string();
     try {
-        return ReadShow(manifestPath, manifest);
+        return ReadShow(manifestPath, manifest, entries);
     } catch (const ShowError&) {
         throw;
     } catch (const SmfError&) {
@@ -910,6 +1016,57 @@ std::shared_ptr<pv::ParvelShowData> LoadShow(const std::string& location) {
         // manifest to the host, which handles the loader's two errors.
         throw ShowError(manifest + ": " + e.what());
     }
+}
+
+// A Standard MIDI File by its extension (any case), else by its first four bytes. A folder, or
+// a file that cannot be opened, is not: it is taken for a show and fails as one.
+bool IsMidiFile(const std::filesystem::path& path) {
+    std::error_code error;
+    if (std::filesystem::is_directory(path, error)) {
+        return false;
+    }
+    std::string extension = path.extension().string();
+    std::transform(extension.begin(), extension.end(), extension.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    if (extension == ".mid" || extension == ".midi" || extension == ".smf") {
+        return true;
+    }
+    if (!std::filesystem::is_regular_file(path, error)) {
+        return false;
+    }
+    char magic[4] = {};
+    std::ifstream stream(path, std::ios::binary);
+    return stream.read(magic, sizeof magic) && std::string_view(magic, sizeof magic) == "MThd";
+}
+
+// One MIDI file as a show of one song, both named after the file unless the file names its song.
+PlayableShow LoadMidiFileShow(const std::filesystem::path& path) {
+    ImportedSong imported = ImportSongFile(path.string());
+    auto song = std::make_shared<velt_midi::SongData>(std::move(imported.song));
+    CL::SongLog& log = song->GetSongLog();
+    log.SetSongName(DefaultSongName(log.GetSongName(), path));
+    log.SetSongNumber("1");
+    PlayableShow playable;
+    playable.show = std::make_shared<pv::ParvelShowData>();
+    playable.show->SetShowName(path.stem().string());
+    playable.show->AddSong(song);
+    playable.songs.push_back(ShowEntry{log.GetSongName(), song, {}});
+    return playable;
+}
+
+}  // namespace
+
+std::shared_ptr<pv::ParvelShowData> LoadShow(const std::string& location) {
+    return LoadManifest(location, nullptr);
+}
+
+PlayableShow LoadPlayableShow(const std::string& location) {
+    if (IsMidiFile(location)) {
+        return LoadMidiFileShow(location);
+    }
+    PlayableShow playable;
+    playable.show = LoadManifest(location, &playable.songs);
+    return playable;
 }
 
 }  // namespace velt_core

@@ -2,8 +2,9 @@
 // This is where files become the song model: SongFromSmf maps a read file into a SongData
 // (tracks, timeline, markers), LoadShow reads the manifest and adds to each song what a MIDI
 // file cannot say (song number, start position, clicks, tempo scales, transpositions, markers,
-// page numbers, range overrides, track groups). The manifest format is described in
-// docs/show-format.md.
+// page numbers, range overrides, track groups). LoadPlayableShow does the same for a player,
+// which goes on without a song whose file cannot be read, and also takes a single MIDI file.
+// The manifest format is described in docs/show-format.md.
 //
 // Threads: no shared state; any thread may load shows concurrently. Warnings are written as
 // "WARNING: " log lines through kit::CoutBuffer.
@@ -49,9 +50,12 @@ inline constexpr std::uint32_t defaultMicrosecondsPerQuarter = 500000;
 /// Markers from marker meta events. The song name is the first track's name when that track
 /// plays no notes (the usual tempo track of a format 1 file).
 ///
-/// A resolution below 24 ticks per quarter (too coarse for a MIDI clock) is multiplied up to a
-/// multiple of 24. Meta events whose contents are unusable are skipped. Both are recorded in
-/// `warnings`. Throws SmfError (naming `name`) only when ticks overflow when scaled.
+/// A resolution that is not a multiple of 24 ticks per quarter (a MIDI clock must be a whole
+/// number of ticks) is multiplied by the least factor that makes it one, and every tick with it,
+/// so that the song keeps its time in seconds: 100 becomes 600, 128 becomes 384. Meta events
+/// whose contents are unusable are skipped. SysEx and system messages, which are not played,
+/// are counted in one warning for the file. All are recorded in `warnings`. Throws SmfError
+/// (naming `name`) when ticks overflow 32 bits when scaled, or the song is too long.
 velt_midi::SongData SongFromSmf(const SmfFile& file, const std::string& name,
                                 std::vector<std::string>& warnings);
 
@@ -73,6 +77,27 @@ velt_midi::SongData LoadSongFile(const std::string& path);
 /// fault and ShowError for every other failure, naming the manifest (and the key, for a fault
 /// in the manifest's text or values).
 std::shared_ptr<pv::ParvelShowData> LoadShow(const std::string& location);
+
+/// One song of a show as a player offers it, in the show's order.
+struct ShowEntry {
+    std::string name;  // the song's name (from the manifest, else the file)
+    std::shared_ptr<velt_midi::SongData> song;  // null when the song cannot be played
+    std::string error;                          // why not (the SmfError text), when null
+};
+
+struct PlayableShow {
+    std::shared_ptr<pv::ParvelShowData> show;  // the songs that can be played, in order
+    std::vector<ShowEntry> songs;              // every song of the manifest, in order
+};
+
+/// `location` is a show folder, a show.json, or a single Standard MIDI File (.mid/.midi/.smf,
+/// or any file starting with "MThd"): a one-song show named after the file. A song file that
+/// cannot be read does not stop the show: its entry carries the error and a "WARNING: " log
+/// line names it. Manifest faults still throw ShowError (of an unreadable song's entry, those
+/// that need no song: the keys, the name and the number); a single MIDI file that cannot be
+/// read throws SmfError (there is nothing else to play). Songs keep their manifest numbers, so
+/// the show's songs may skip one.
+PlayableShow LoadPlayableShow(const std::string& location);
 
 /// The tick of a position "bar:beat" (bar and beat counted from 1, beat as displayed) in the
 /// song's bars and beats, or nothing when the song has no such beat.

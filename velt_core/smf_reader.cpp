@@ -122,8 +122,9 @@ int SystemMessageDataBytes(std::uint8_t status) {
 
 class TrackParser {
   public:
-    TrackParser(Cursor& in, const std::string& name, std::vector<std::string>& warnings)
-        : in_(in), name_(name), warnings_(warnings) {}
+    TrackParser(Cursor& in, const std::string& name, std::vector<std::string>& warnings,
+                std::size_t& systemMessages)
+        : in_(in), name_(name), warnings_(warnings), systemMessages_(systemMessages) {}
 
     // Track chunk body: a sequence of <delta-time> <event>, the delta a variable-length number
     // of ticks since the previous event, ended by the meta event FF 2F 00 (end of track).
@@ -164,8 +165,9 @@ class TrackParser {
                 track.events.push_back(std::move(event));
             } else if (first > 0xF0) {
                 // A system common or real-time message has no meaning in a file; its bytes
-                // are stepped over and the running status left as it was.
-                Warn_(statusOffset, "system message " + Hex(first) + " in a track skipped");
+                // are stepped over and the running status left as it was. They are counted, not
+                // warned of one by one: a file may hold thousands (a clock at every step).
+                ++systemMessages_;
                 for (int i = 0; i < SystemMessageDataBytes(first); ++i) {
                     DataByte_("a system message");
                 }
@@ -242,6 +244,7 @@ class TrackParser {
     Cursor& in_;
     const std::string& name_;
     std::vector<std::string>& warnings_;
+    std::size_t& systemMessages_;
     std::uint8_t runningStatus_ = 0;
     std::uint8_t lastChannelStatus_ = 0;
     bool warnedCarryOver_ = false;
@@ -340,7 +343,8 @@ SmfFile ParseSmf(std::span<const std::uint8_t> bytes, const std::string& name) {
             Cursor track(bytes, chunkEnd, name);
             track.Seek(in.Offset());
             track.LimitToChunk(chunkEnd);
-            file.tracks.push_back(TrackParser(track, name, file.warnings).Parse(chunkEnd));
+            file.tracks.push_back(
+                TrackParser(track, name, file.warnings, file.systemMessages).Parse(chunkEnd));
         }
         in.Seek(chunkEnd);
     }

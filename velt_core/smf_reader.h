@@ -2,7 +2,8 @@
 //
 // The reader accepts formats 0 and 1 with a ticks-per-quarter division. It is tolerant where a
 // file is damaged in a way that leaves its music unambiguous (the damage is reported as a
-// warning in SmfFile::warnings) and strict everywhere else: anything it cannot read throws
+// warning in SmfFile::warnings; system messages inside tracks are counted in
+// SmfFile::systemMessages) and strict everywhere else: anything it cannot read throws
 // SmfError naming the file and the byte offset. It never reads outside the input and every step
 // consumes at least one byte, so no input makes it crash or loop.
 //
@@ -95,6 +96,9 @@ struct SmfFile {
     std::vector<SmfTrack> tracks;
     /// What the reader tolerated, one sentence each, with the byte offset where it applies.
     std::vector<std::string> warnings;
+    /// System common and real-time messages (F1..FE) found inside the tracks: they have no
+    /// meaning in a file and were stepped over with their data bytes.
+    std::size_t systemMessages = 0;
 };
 
 /// Parses a file's bytes. `name` is the file name the errors and warnings quote.
