@@ -551,9 +551,10 @@ void ShowSession::SetTempoScale(double scale) {
         throw std::out_of_range("a tempo scale must lie between 0.5 and 2.0");
     }
     controls_.SetTempoScale(scale);
-    {
-        // The clock takes the new period at once; the position schedules the scale's later
-        // changes itself.
+    // While playing, the clock takes the new period at once (the position schedules the later
+    // changes itself). Not while stopped: a disarmed clock would keep the change and replay it
+    // over the state of the next start, wherever that is; a start computes the period afresh.
+    if (State_() == PlayState::playing) {
         std::unique_lock lock(positionMutex_);
         const double clockTime = position_->GetClockTime();
         lock.unlock();
