@@ -757,7 +757,9 @@ SessionStatus ShowSession::Status() {
         status.beat = shown([&] { return at.GetBarBeat().bar_beat; }, 0);
         status.tempo = shown([&] { return at.GetTempoDouble(); }, 0.0);
         status.key = shown([&] { return at.GetKeyString(); }, "");
-        status.marker = shown([&] { return at.GetMarkerString(); }, "");
+        // Before its first marker a song has none in force, though the position names the first.
+        status.marker = shown(
+            [&] { return at.GetMarkerTickIndex() <= shownTick_ ? at.GetMarkerString() : ""; }, "");
         status.page = shown([&] { return at.GetPageNumberValue(); }, 0);
         status.clicksToEnd = shown([&] { return at.GetClicksToSongEnd(); }, 0);
     }

@@ -216,11 +216,13 @@ TEST(ShowSession, JumpsTransposesAndMutesMidSongLeaveNothingHanging) {
 
 TEST(ShowSession, ACaesuraHoldsTheChordUntilThePerformerPlaysOn) {
     Fixture f(TestSong(true));
+    EXPECT_EQ(f.session->Status().marker, "");  // no marker is in force before the first
     f.session->Play();
     ASSERT_TRUE(f.session->WaitUntilNotPlaying(20s));
     const auto status = f.session->Status();
     EXPECT_EQ(status.state, PlayState::caesura);
     EXPECT_EQ(status.bar, 7);
+    EXPECT_EQ(status.marker, "Caesura");
     EXPECT_FALSE(Sounding(f.Heard()).empty());  // held
 
     f.session->Resume();
