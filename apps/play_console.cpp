@@ -273,12 +273,18 @@ class Console {
             return true;
         }
         message_.clear();
-        if (key.kind == KeyKind::enter) {
+        // A q hit by mistake must not end the show: while the music plays it asks again.
+        const bool quitting = key.kind == KeyKind::character && key.character == 'q';
+        if (quitting &&
+            (std::exchange(quitAsked_, false) || session_.Status().state != PlayState::playing)) {
+            return false;
+        }
+        quitAsked_ = quitting;
+        if (quitting) {
+            message_ = "The music is playing: q again quits, any other key goes on.";
+        } else if (key.kind == KeyKind::enter) {
             Guarded_([&] { session_.Play(); });
         } else if (key.kind == KeyKind::character) {
-            if (key.character == 'q') {
-                return false;
-            }
             Guarded_([&] { Command_(key.character); });
         }
         return true;
@@ -575,6 +581,7 @@ class Console {
     std::optional<Ask> prompt_;
     std::string answer_;
     std::string message_;
+    bool quitAsked_ = false;
     int drawn_ = 0;
 };
 
@@ -591,7 +598,7 @@ const char* ConsoleHelp() {
            "  m       mute or unmute a track        g  mute or unmute a group of tracks\n"
            "  v       volume trim of a track        o  choose the output device\n"
            "  )  (    display delay up / down 10 ms\n"
-           "  ?       these keys                    q  quit (stops the music first)\n"
+           "  ?       these keys                    q  quit (asks again while playing)\n"
            "A question is answered with Enter; Esc cancels it, Backspace deletes.";
 }
 

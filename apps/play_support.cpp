@@ -172,6 +172,9 @@ std::vector<std::string> OutputDeviceNames() {
 
 std::string ResolveDevice(const std::string& spec) {
     const auto names = OutputDeviceNames();
+    if (names.empty()) {
+        throw std::out_of_range("there is no MIDI output device");
+    }
     if (IsNumber(spec)) {
         const auto number = static_cast<std::size_t>(std::stoul(spec));
         if (number >= names.size()) {

@@ -425,7 +425,7 @@ int PlayThrough(ShowSession& session, velt_play::MainEvents& events, const Optio
             if (status.state == PlayState::caesura) {
                 Print("  caesura at bar " + std::to_string(status.bar) + ": playing on");
                 session.Resume();
-            } else if (status.state == PlayState::stopped) {
+            } else if (status.state == PlayState::stopped && options.until) {
                 Print("  stopped after bar " + std::to_string(*options.until) + ", " +
                       Seconds(SecondsSince(start)));
                 break;

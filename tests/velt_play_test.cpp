@@ -51,7 +51,7 @@ class Player {
   public:
     enum class Mode { piped, terminal };
 
-    Player(Mode mode, std::vector<std::string> args) : mode_(mode) {
+    Player(Mode mode, std::vector<std::string> args) {
         args.insert(args.begin(), VELT_PLAY_BINARY);
         std::vector<char*> argv;
         for (auto& arg : args) {
@@ -203,7 +203,6 @@ class Player {
         }
     }
 
-    Mode mode_;
     pid_t pid_ = -1;
     int output_ = -1;
     int errors_ = -1;
@@ -579,6 +578,9 @@ TEST_F(PlayerTest, APerformerPlaysJumpsMutesTransposesAndQuitsAtTheTerminal) {
     player.Type("t3\r");
     player.Mark();
     ASSERT_TRUE(player.WaitForBar(12)) << player.Output();
+    player.Type("q");  // asks again while the music plays
+    ASSERT_TRUE(player.WaitForOutput(
+        [](const std::string& text) { return text.find("q again quits") != text.npos; }, 10s));
     player.Type("q");
     ASSERT_EQ(player.Wait(20s), 0) << player.Output();
     const std::string output = player.Output();
@@ -613,6 +615,28 @@ TEST_F(PlayerTest, APerformerPlaysJumpsMutesTransposesAndQuitsAtTheTerminal) {
     EXPECT_EQ(pad[1].front(), barBase + 8);
     EXPECT_TRUE(pad[2].front() - pad[1].back() == 3 || pad[2].front() - pad[1].back() == 4);
     // Quitting mid-song left nothing sounding: by note-offs, before the resets.
+    EXPECT_TRUE(EndsWithResets(heard));
+    EXPECT_TRUE(HeldAfter(heard, heard.size() - 32).empty());
+}
+
+TEST_F(PlayerTest, AScriptPlaysBarsOfASongTransposedWithATrackMuted) {
+    const std::string song = WriteCountingSong(Path("counting.mid"));
+    const std::string recording = Path("bars.mid");
+    Player player(Player::Mode::piped, {song, "--play", "1", "--from", "3", "--until", "4",
+                                        "--transpose=-2", "--mute", "echo", "--record", recording});
+    ASSERT_EQ(player.Wait(30s), 0) << player.Output() << player.Errors();
+    EXPECT_NE(player.Output().find("Song 1: Counting\n  bar 3\n  bar 4\n  stopped after bar 4"),
+              std::string::npos)
+        << player.Output();
+
+    const auto heard = ReadRecording(recording);
+    std::vector<int> beats;
+    for (int beat = 8; beat < 16; ++beat) {
+        beats.push_back(beatBase + beat - 2);
+    }
+    EXPECT_EQ(Struck(heard, 0, 100), beats);
+    EXPECT_EQ(Struck(heard, 1, 80), std::vector<int>());
+    EXPECT_EQ(Struck(heard, 2, 70), (std::vector<int>{barBase + 2 - 2, barBase + 3 - 2}));
     EXPECT_TRUE(EndsWithResets(heard));
     EXPECT_TRUE(HeldAfter(heard, heard.size() - 32).empty());
 }
