@@ -164,6 +164,7 @@ void ShowSession::SelectSong(int number) {
             }
         }
         caesuraReached_ = false;
+        stopBefore_.reset();
         ticksPerClockSent_ = std::max<std::uint32_t>(1, song.GetTicksPerQuarter() / 24);
     }
     {
@@ -223,6 +224,28 @@ std::uint32_t ShowSession::ResumeTick_() {
 
 void ShowSession::Play() {
     std::scoped_lock transport(transportMutex_);
+    Play_();
+}
+
+void ShowSession::PlayUntilBar(int bar) {
+    std::scoped_lock transport(transportMutex_);
+    const TL::Timeline& timeline = Song_().GetTimeline();
+    if (!velt_core::FindBarBeat(timeline, bar, 1)) {
+        throw std::out_of_range("the song has no bar " + std::to_string(bar));
+    }
+    // The song's own end stops a last bar, with the song's resets.
+    auto end = velt_core::FindBarBeat(timeline, bar + 1, 1);
+    if (end && *end >= timeline.lastTickIndex) {
+        end.reset();
+    }
+    {
+        std::scoped_lock lock(sentMutex_);
+        stopBefore_ = end;
+    }
+    Play_();
+}
+
+void ShowSession::Play_() {
     switch (State_()) {
         case PlayState::playing:
             return;
@@ -248,6 +271,10 @@ void ShowSession::Resume() {
 
 void ShowSession::Stop() {
     std::scoped_lock transport(transportMutex_);
+    {
+        std::scoped_lock lock(sentMutex_);
+        stopBefore_.reset();
+    }
     if (State_() == PlayState::playing) {
         Halt_(PlayState::stopped);
         Publish_();
@@ -331,6 +358,7 @@ void ShowSession::Start_(std::uint32_t tick) {
         std::scoped_lock lock(sentMutex_);
         filledNotes_.clear();
         caesuraReached_ = false;
+        stopBeforeReached_ = false;
         lastSentEnd_ = tick;
     }
     output_->Seek(tick);
@@ -480,7 +508,8 @@ void ShowSession::RecordFilledNotes_(std::uint32_t tick, MidiBuffer& buffer) {
 }
 
 // The send step has sent the period starting at `tick`: what it carried now sounds at the device.
-// Returns whether playback stops here (the period holds a caesura).
+// Returns whether playback stops here: the next period would reach PlayUntilBar's limit, or this
+// one holds a caesura.
 bool ShowSession::PeriodSent_(unsigned int tick) {
     std::scoped_lock lock(sentMutex_);
     if (const auto filled = filledNotes_.find(tick); filled != filledNotes_.end()) {
@@ -496,6 +525,10 @@ bool ShowSession::PeriodSent_(unsigned int tick) {
         filledNotes_.erase(filledNotes_.begin(), std::next(filled));
     }
     lastSentEnd_ = tick + ticksPerClockSent_;
+    if (stopBefore_ && lastSentEnd_ >= *stopBefore_) {
+        stopBeforeReached_ = true;
+        return true;
+    }
     const auto caesura = caesuras_.lower_bound(tick);
     if (caesura != caesuras_.end() && *caesura < tick + ticksPerClockSent_) {
         caesuraReached_ = true;
@@ -505,17 +538,22 @@ bool ShowSession::PeriodSent_(unsigned int tick) {
 }
 
 void ShowSession::Stopped_() {
+    bool limit = false;
     bool caesura = false;
     std::uint32_t stoppedAt = 0;
     {
         std::scoped_lock lock(sentMutex_);
-        caesura = caesuraReached_;
+        limit = std::exchange(stopBeforeReached_, false);
+        if (limit) {
+            stopBefore_.reset();
+        }
+        caesura = caesuraReached_ && !limit;
         stoppedAt = lastSentEnd_;
     }
     if (!caesura) {
-        // The song's end sent the controller resets; notes whose note-offs lie past the song's
-        // last tick still get theirs.
-        ReleaseSoundingNotes_(false);
+        // At the song's end the send step sent the controller resets; notes whose note-offs lie
+        // past the song's last tick still get theirs. At a limit the stop is the performer's.
+        ReleaseSoundingNotes_(limit);
     }
     {
         std::scoped_lock lock(positionMutex_);
@@ -523,7 +561,7 @@ void ShowSession::Stopped_() {
         firstFill_ = caesura ? FirstFill::chase : FirstFill::strike;
     }
     ShowStoppedAt_(stoppedAt);
-    SetState_(caesura ? PlayState::caesura : PlayState::ended);
+    SetState_(limit ? PlayState::stopped : caesura ? PlayState::caesura : PlayState::ended);
     Publish_();
 }
 
@@ -719,7 +757,9 @@ SessionStatus ShowSession::Status() {
         status.beat = shown([&] { return at.GetBarBeat().bar_beat; }, 0);
         status.tempo = shown([&] { return at.GetTempoDouble(); }, 0.0);
         status.key = shown([&] { return at.GetKeyString(); }, "");
-        status.marker = shown([&] { return at.GetMarkerString(); }, "");
+        // Before its first marker a song has none in force, though the position names the first.
+        status.marker = shown(
+            [&] { return at.GetMarkerTickIndex() <= shownTick_ ? at.GetMarkerString() : ""; }, "");
         status.page = shown([&] { return at.GetPageNumberValue(); }, 0);
         status.clicksToEnd = shown([&] { return at.GetClicksToSongEnd(); }, 0);
     }

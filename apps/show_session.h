@@ -115,6 +115,11 @@ class ShowSession {
     /// Plays from the cue (the song's start, a bar or marker sought while not playing); from
     /// where it stood after a stop or caesura (as Resume); from the start again after the end.
     void Play();
+    /// Plays as Play does, and stops where bar `bar` ends, before anything of the next bar
+    /// sounds, as Stop does (the state is then `stopped`); a last bar plays to the song's end.
+    /// The limit holds across jumps and caesuras until it is reached, the performer stops or
+    /// another song is selected. Throws std::out_of_range for a bar the song does not have.
+    void PlayUntilBar(int bar);
     /// Stops where it is: nothing more is sent, every note sounding at the device gets its
     /// note-off, then every channel gets controllers 123 and 121.
     void Stop();
@@ -178,6 +183,7 @@ class ShowSession {
 
     void Cue_(std::uint32_t tick);
     void MoveTo_(std::uint32_t tick);
+    void Play_();
     void Start_(std::uint32_t tick);
     void Halt_(PlayState why);
     void SyncStreamWithDevice_();
@@ -226,6 +232,8 @@ class ShowSession {
     std::uint32_t ticksPerClockSent_ = 1;
     std::uint32_t lastSentEnd_ = 0;  // the end of the last period sent
     bool caesuraReached_ = false;
+    std::optional<std::uint32_t> stopBefore_;  // PlayUntilBar's limit: nothing from here sounds
+    bool stopBeforeReached_ = false;
 
     // Guarded by statusMutex_.
     std::mutex statusMutex_;

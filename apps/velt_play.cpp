@@ -1,199 +1,560 @@
-// velt-play: plays a show, song after song, to MIDI output device 0 (the first virtual or system
-// port, or the built-in default output when the machine has none), printing each bar as it is
-// heard and what arrived at the device.
+// velt-play: plays a show to a MIDI output device.
 //
-//   velt-play [show folder | show.json] [--song N] [--tempo-scale X] [--precision]
-//             [--midi-file PATH] [--devices]
+//   velt-play SHOW [--play [SONG]] [--from BAR] [--until BAR] [--transpose N] [--mute TRACK]...
+//                  [--tempo-scale X] [--device N|NAME] [--record PATH] [--clock KIND]
+//   velt-play --list-devices
+//
+// SHOW is a show folder, its show.json, or one Standard MIDI File (a show of one song). With a
+// terminal on standard input and output the player is interactive (apps/play_console.h); with
+// --play, or without a terminal, it plays through and prints a line per bar. The program is a
+// shell over the show session: it checks what it was asked, loads the show, builds the session
+// and maps options and keys to the session's verbs. docs/velt-play.md is its manual.
+#include <unistd.h>
+
 #include <algorithm>
+#include <cctype>
 #include <chrono>
 #include <cstdio>
-#include <cstdlib>
+#include <cstring>
 #include <exception>
 #include <filesystem>
+#include <fstream>
 #include <iostream>
-#include <map>
-#include <mutex>
+#include <memory>
+#include <optional>
+#include <stdexcept>
 #include <string>
+#include <vector>
 
-#include "apps/song_player.h"
-#include "interfaces/notify.h"
-#include "midi/win32/midi_device_info.h"
-#include "midi/win32/precision_midi_clock_impl.h"
-#include "midi/win32/standard_midi_clock_impl.h"
+#include "apps/play_console.h"
+#include "apps/play_support.h"
+#include "apps/show_session.h"
 #include "platform/virtual_midi.h"
 #include "velt_core/show_loader.h"
 
 namespace {
 
-struct Options {
-    std::string show = "examples/harbour_lights";
-    int song = 0;  // 0: every song
-    double tempoScale = 1.0;
-    bool precision = false;
-    std::string midiFile;
-    bool devicesOnly = false;
+using namespace std::chrono_literals;
+using velt_play::PlayState;
+using velt_play::ShowSession;
+
+constexpr int exitFailure = 1;  // a file, a device or the recording failed
+constexpr int exitUsage = 2;    // the command line asks for something that cannot be
+
+const char* const usage =
+    "usage: velt-play SHOW [options]      SHOW: a show folder, its show.json, or a MIDI file\n"
+    "       velt-play --list-devices\n"
+    "\n"
+    "With a terminal the player is interactive (press ? for the keys). Without one, or with\n"
+    "--play, it plays through and prints a line per bar.\n"
+    "\n"
+    "  --play [SONG]       play song SONG (from 1), or every song in turn, without the keyboard\n"
+    "  --from BAR          start at bar BAR\n"
+    "  --until BAR         stop at the end of bar BAR (with --play)\n"
+    "  --transpose N       transpose by N semitones (-24 to 24)\n"
+    "  --mute TRACK        mute a track, by number or name (may be given again)\n"
+    "  --tempo-scale X     scale every tempo by X (0.5 to 2.0)\n"
+    "  --device N|NAME     play to output device N, or the one whose name contains NAME\n"
+    "  --list-devices      list the MIDI output devices\n"
+    "  --record PATH       the built-in default output writes what it receives to PATH, a\n"
+    "                      Standard MIDI File (the default output is there when no port is)\n"
+    "  --clock KIND        precision (the default) or standard\n"
+    "  --help              this text\n";
+
+// A command line that asks for something that cannot be.
+class UsageError : public std::runtime_error {
+  public:
+    using std::runtime_error::runtime_error;
 };
 
-void Usage() {
-    std::cerr << "usage: velt-play [show folder | show.json] [--song N] [--tempo-scale X] "
-                 "[--precision] [--midi-file PATH] [--devices]\n"
-                 "  --song N         play only song N (1-based)\n"
-                 "  --tempo-scale X  play faster or slower (0.5 to 2.0 take effect)\n"
-                 "  --precision      use the precision clock instead of the standard one\n"
-                 "  --midi-file PATH when the built-in default output plays, write what it\n"
-                 "                   received to this Standard MIDI File at the end\n"
-                 "  --devices        list the MIDI output devices and stop\n";
+struct Options {
+    std::string show;
+    bool help = false;
+    bool listDevices = false;
+    bool play = false;
+    std::optional<int> song;
+    std::optional<int> from;
+    std::optional<int> until;
+    std::optional<int> transposition;
+    std::optional<double> tempoScale;
+    std::vector<std::string> mutes;
+    std::optional<std::string> device;
+    std::optional<std::string> record;
+    velt_play::ClockKind clock = velt_play::ClockKind::precision;
+};
+
+bool IsDigits(const std::string& text) {
+    return !text.empty() &&
+           std::all_of(text.begin(), text.end(), [](unsigned char c) { return std::isdigit(c); });
 }
 
-bool Parse(int argc, char** argv, Options& options) {
-    for (int i = 1; i < argc; ++i) {
-        std::string arg = argv[i];
-        auto value = [&]() -> std::string {
-            if (i + 1 >= argc)
-                throw std::invalid_argument(arg + " needs a value");
-            return argv[++i];
+// The parsers' complaints are the command line's.
+template <typename Parse>
+auto Checked(Parse parse) {
+    try {
+        return parse();
+    } catch (const std::invalid_argument& error) {
+        throw UsageError(error.what());
+    } catch (const std::out_of_range& error) {
+        throw UsageError(error.what());
+    }
+}
+
+int Counted(const std::string& text, const std::string& option, const char* what) {
+    const int value = Checked([&] { return velt_play::ParseWholeNumber(text, option); });
+    if (value < 1) {
+        throw UsageError(option + " must be a " + what + " number from 1, not " + text);
+    }
+    return value;
+}
+
+Options ParseOptions(int argc, char** argv) {
+    Options options;
+    const std::vector<std::string> args(argv + 1, argv + argc);
+    for (std::size_t i = 0; i < args.size(); ++i) {
+        std::string arg = args[i];
+        std::optional<std::string> attached;  // --option=value
+        if (arg.rfind("--", 0) == 0) {
+            if (const auto equals = arg.find('='); equals != std::string::npos) {
+                attached = arg.substr(equals + 1);
+                arg.resize(equals);
+            }
+        }
+        const auto value = [&]() -> std::string {
+            if (attached) {
+                return *attached;
+            }
+            if (i + 1 >= args.size()) {
+                throw UsageError(arg + " needs a value");
+            }
+            return args[++i];
         };
-        if (arg == "--song") {
-            options.song = std::stoi(value());
+        const auto flag = [&] {
+            if (attached) {
+                throw UsageError(arg + " takes no value");
+            }
+            return true;
+        };
+        if (arg == "--help" || arg == "-h") {
+            options.help = flag();
+        } else if (arg == "--list-devices") {
+            options.listDevices = flag();
+        } else if (arg == "--play") {
+            options.play = true;
+            if (attached) {
+                options.song = Counted(*attached, arg, "song");
+            } else if (i + 1 < args.size() && IsDigits(args[i + 1])) {
+                options.song = Counted(args[++i], arg, "song");
+            }
+        } else if (arg == "--from") {
+            options.from = Counted(value(), arg, "bar");
+        } else if (arg == "--until") {
+            options.until = Counted(value(), arg, "bar");
+        } else if (arg == "--transpose") {
+            const std::string text = value();
+            options.transposition = Checked([&] { return velt_play::ParseWholeNumber(text, arg); });
+            if (*options.transposition < -24 || *options.transposition > 24) {
+                throw UsageError("--transpose must lie between -24 and 24 semitones, not " + text);
+            }
         } else if (arg == "--tempo-scale") {
-            options.tempoScale = std::stod(value());
-        } else if (arg == "--precision") {
-            options.precision = true;
-        } else if (arg == "--midi-file") {
-            options.midiFile = value();
-        } else if (arg == "--devices") {
-            options.devicesOnly = true;
-        } else if (arg == "--help" || arg == "-h") {
-            return false;
-        } else if (!arg.empty() && arg[0] == '-') {
-            throw std::invalid_argument("unknown option " + arg);
+            const std::string text = value();
+            options.tempoScale = Checked([&] { return velt_play::ParseDecimal(text, arg); });
+            if (*options.tempoScale < 0.5 || *options.tempoScale > 2.0) {
+                throw UsageError("--tempo-scale must lie between 0.5 and 2.0, not " + text);
+            }
+        } else if (arg == "--mute") {
+            options.mutes.push_back(value());
+        } else if (arg == "--device") {
+            options.device = value();
+        } else if (arg == "--record") {
+            options.record = value();
+            if (options.record->empty()) {
+                throw UsageError("--record needs a file name");
+            }
+        } else if (arg == "--clock") {
+            const std::string kind = value();
+            if (kind != "precision" && kind != "standard") {
+                throw UsageError("--clock is precision or standard, not \"" + kind + "\"");
+            }
+            options.clock = kind == "standard" ? velt_play::ClockKind::standard
+                                               : velt_play::ClockKind::precision;
+        } else if (arg.size() > 1 && arg[0] == '-') {
+            throw UsageError("there is no option " + arg + " (velt-play --help lists them)");
+        } else if (!options.show.empty()) {
+            throw UsageError("one show at a time, not \"" + options.show + "\" and \"" + arg +
+                             "\"");
         } else {
             options.show = arg;
         }
     }
-    return true;
+    if (options.help || options.listDevices) {
+        return options;
+    }
+    if (options.show.empty()) {
+        throw UsageError(
+            "which show? velt-play SHOW, where SHOW is a show folder, its show.json or a MIDI "
+            "file");
+    }
+    if (options.until && !options.play) {
+        throw UsageError("--until goes with --play");
+    }
+    if (options.from && options.until && *options.until < *options.from) {
+        throw UsageError("--until " + std::to_string(*options.until) + " comes before --from " +
+                         std::to_string(*options.from));
+    }
+    return options;
 }
 
-unsigned char PortCount(const velt_midi::ShowData& show) {
-    unsigned int ports = 1;
-    for (const auto& song : show.GetSongs()) {
-        for (const auto& [id, track] : song->GetVoiceData()) {
-            ports = std::max(ports, static_cast<unsigned int>(id >> 4) + 1);
-        }
-    }
-    return static_cast<unsigned char>(std::min(ports, 255u));
-}
+// ---------------------------------------------------------------------------------------------
+// Loading
 
-// Prints "bar N" when a bar is heard, with the marker that starts there.
-class BarPrinter {
-  public:
-    explicit BarPrinter(const velt_midi::SongData& song) {
-        for (const auto& record : song.GetTimeline().GetBarsBeats()) {
-            if (record.beat == 1)
-                bars_[record.tick_index] = record.bar;
-        }
-        for (const auto& marker : song.GetSongLog().GetMarkers()) {
-            markers_[marker.tick_index] = marker.text;
-        }
-    }
-    void Downbeat(unsigned int tick) {
-        auto bar = bars_.find(tick);
-        if (bar == bars_.end())
-            return;
-        std::scoped_lock lock(mutex_);
-        std::printf("  bar %d", bar->second);
-        auto marker = markers_.lower_bound(tick);
-        if (marker != markers_.end() && marker->first < tick + 1) {
-            std::printf("  \"%s\"", marker->second.c_str());
-        }
-        std::printf("\n");
-        std::fflush(stdout);
-    }
-
-  private:
-    std::mutex mutex_;
-    std::map<unsigned int, int> bars_;
-    std::map<unsigned int, std::string> markers_;
+// One song of a show as the player gets it: `song` is null when its file cannot be read, and
+// `error` says why.
+struct ShowEntry {
+    std::string name;
+    std::shared_ptr<velt_midi::SongData> song;
+    std::string error;
 };
 
-template <typename Clock>
-void PlaySong(const velt_midi::SongData& song, unsigned char portCount, double tempoScale) {
-    BarPrinter printer(song);
-    playback::SongPlayer<Clock> player(song, portCount,
-                                       [&printer](unsigned int tick) { printer.Downbeat(tick); });
-    player.Controls().SetTempoScale(tempoScale);
-    const auto start = std::chrono::steady_clock::now();
-    player.Play(song.GetSongStartTickIndex());
-    if (!player.WaitForStops(1)) {
-        std::printf("  (the song did not end within a minute of its last event)\n");
+struct PlayableShow {
+    std::shared_ptr<pv::ParvelShowData> show;
+    std::vector<ShowEntry> songs;
+};
+
+bool IsMidiFile(const std::string& location) {
+    std::string extension = std::filesystem::path(location).extension().string();
+    std::transform(extension.begin(), extension.end(), extension.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    return extension == ".mid" || extension == ".midi";
+}
+
+// The show at `location`: a show folder, its manifest, or one MIDI file as a show of one song
+// named after the file. Throws velt_core::ShowError or velt_core::SmfError.
+PlayableShow LoadForPlaying(const std::string& location) {
+    PlayableShow playable;
+    if (IsMidiFile(location)) {
+        auto song = std::make_shared<velt_midi::SongData>(velt_core::LoadSongFile(location));
+        const std::string stem = std::filesystem::path(location).stem().string();
+        if (song->GetSongName().empty()) {
+            song->GetSongLog().SetSongName(stem);
+        }
+        song->GetSongLog().SetSongNumber("1");
+        playable.show = std::make_shared<pv::ParvelShowData>();
+        playable.show->SetShowName(stem);
+        playable.show->AddSong(song);
+    } else {
+        playable.show = velt_core::LoadShow(location);
     }
-    const double seconds =
-        std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    std::printf("  ended after %.1f s\n", seconds);
+    for (const auto& song : playable.show->GetSongs()) {
+        playable.songs.push_back({song->GetSongName(), song, ""});
+    }
+    return playable;
+}
+
+std::string SongText(const PlayableShow& playable, int number) {
+    return "song " + std::to_string(number) + " \"" +
+           playable.songs.at(static_cast<std::size_t>(number - 1)).name + "\"";
+}
+
+// ---------------------------------------------------------------------------------------------
+// Checking everything before anything plays
+
+struct Plan {
+    std::vector<int> songs;  // what plays, in turn (interactive: the song cued first)
+    std::vector<unsigned short> mutes;
+    std::string device;
+};
+
+Plan MakePlan(const Options& options, const PlayableShow& playable) {
+    Plan plan;
+    const int count = static_cast<int>(playable.songs.size());
+    const auto playableSong = [&](int number) {
+        return playable.songs.at(static_cast<std::size_t>(number - 1)).song != nullptr;
+    };
+    if (options.song) {
+        if (*options.song > count) {
+            throw UsageError("there is no song " + std::to_string(*options.song) +
+                             ": the show has " + std::to_string(count) +
+                             (count == 1 ? " song" : " songs"));
+        }
+        if (!playableSong(*options.song)) {
+            throw std::runtime_error(
+                SongText(playable, *options.song) + " cannot be played: " +
+                playable.songs.at(static_cast<std::size_t>(*options.song - 1)).error);
+        }
+        plan.songs.push_back(*options.song);
+    } else {
+        for (int number = 1; number <= count; ++number) {
+            if (playableSong(number)) {
+                plan.songs.push_back(number);
+            }
+        }
+    }
+    if (plan.songs.empty()) {
+        throw std::runtime_error("the show has no song that can be played");
+    }
+    if (options.play && plan.songs.size() > 1 && (options.from || options.until)) {
+        throw UsageError("--from and --until go with one song: --play SONG");
+    }
+    // A song's bars are those that start before its end (the end itself is counted as the
+    // start of one more bar, which holds nothing to play).
+    const int first = plan.songs.front();
+    const auto& timeline =
+        playable.songs.at(static_cast<std::size_t>(first - 1)).song->GetTimeline();
+    int bars = 0;
+    for (const auto& record : timeline.GetBarsBeats()) {
+        if (record.tick_index < timeline.lastTickIndex) {
+            bars = std::max(bars, record.bar);
+        }
+    }
+    for (const auto& bar : {options.from, options.until}) {
+        if (bar && (*bar > bars || !velt_core::FindBarBeat(timeline, *bar, 1))) {
+            throw UsageError(SongText(playable, first) + " has no bar " + std::to_string(*bar) +
+                             " (it has " + std::to_string(bars) + ")");
+        }
+    }
+    std::map<unsigned short, std::string> tracks;
+    for (const auto& entry : playable.songs) {
+        if (entry.song) {
+            for (const auto& [id, track] : entry.song->GetVoiceData()) {
+                tracks.emplace(id, track->GetTrackName());
+            }
+        }
+    }
+    for (const auto& track : options.mutes) {
+        plan.mutes.push_back(Checked([&] { return velt_play::ResolveTrack(tracks, track); }));
+    }
+    // Without ports the platform lists the built-in default output, so there is a device 0.
+    plan.device = Checked([&] { return velt_play::ResolveDevice(options.device.value_or("0")); });
+    return plan;
+}
+
+bool IsDefaultOutput(const std::string& device) {
+    return device == velt_platform::DefaultMidiOutput().Name();
+}
+
+// Opens the recording's file for writing, so that a path that cannot be written fails now and
+// not when the device closes after the show.
+void PrepareRecording(const std::string& path, const std::string& device) {
+    if (!IsDefaultOutput(device)) {
+        throw UsageError(
+            "--record keeps what the built-in default output receives, but the "
+            "player plays to \"" +
+            device + "\" (VELT_MIDI_SYSTEM_PORTS=0 hides the system's ports)");
+    }
+    std::ofstream file(path, std::ios::binary | std::ios::trunc);
+    if (!file) {
+        throw std::runtime_error("cannot write the recording to " + path + ": " +
+                                 std::strerror(errno));
+    }
+    velt_platform::SetDefaultOutputMidiFile(path);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Playing through
+
+void Print(const std::string& line) {
+    std::fputs((line + "\n").c_str(), stdout);
+    std::fflush(stdout);
+}
+
+double SecondsSince(std::chrono::steady_clock::time_point start) {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+}
+
+std::string Seconds(double seconds) {
+    char text[32];
+    std::snprintf(text, sizeof text, "%.1f s", seconds);
+    return text;
+}
+
+// The markers that start within bar `bar` of the song, as its line shows them.
+std::string MarkersInBar(const velt_midi::SongData& song, int bar) {
+    const auto& timeline = song.GetTimeline();
+    const auto start = velt_core::FindBarBeat(timeline, bar, 1);
+    if (!start) {
+        return "";
+    }
+    const auto end = velt_core::FindBarBeat(timeline, bar + 1, 1);
+    std::string text;
+    for (const auto& marker : song.GetSongLog().GetMarkers()) {
+        if (marker.tick_index >= *start && (!end || marker.tick_index < *end)) {
+            text += "  \"" + marker.text + "\"";
+        }
+    }
+    return text;
+}
+
+// Plays the planned songs one after the other, printing each bar as it is shown (after the
+// display delay) with the markers in it. A caesura plays on at once: there is no one
+// at the keyboard to release it. Returns the exit status.
+int PlayThrough(ShowSession& session, velt_play::MainEvents& events, const Options& options,
+                const Plan& plan) {
+    for (const int number : plan.songs) {
+        if (events.StopSignal() != 0) {
+            break;
+        }
+        session.SelectSong(number);
+        if (options.from) {
+            session.SeekToBar(*options.from);
+        }
+        events.TakeStatuses();
+        Print("Song " + std::to_string(number) + ": " + session.Status().songName);
+        const auto start = std::chrono::steady_clock::now();
+        if (options.until) {
+            session.PlayUntilBar(*options.until);
+        } else {
+            session.Play();
+        }
+        const velt_midi::SongData& song =
+            *session.Songs().at(static_cast<std::size_t>(number - 1)).song;
+        int bar = -1;
+        for (;;) {
+            events.Wait(-1, 500ms);
+            if (events.StopSignal() != 0) {
+                break;
+            }
+            for (const auto& status : events.TakeStatuses()) {
+                if (status.state != PlayState::playing || status.bar == bar) {
+                    continue;
+                }
+                bar = status.bar;
+                Print("  bar " + std::to_string(bar) + MarkersInBar(song, bar));
+            }
+            const auto status = session.Status();
+            if (status.state == PlayState::caesura) {
+                Print("  caesura at bar " + std::to_string(status.bar) + ": playing on");
+                session.Resume();
+            } else if (status.state == PlayState::stopped && options.until) {
+                Print("  stopped after bar " + std::to_string(*options.until) + ", " +
+                      Seconds(SecondsSince(start)));
+                break;
+            } else if (status.state != PlayState::playing) {
+                Print("  ended after " + Seconds(SecondsSince(start)));
+                break;
+            }
+        }
+    }
+    if (const int signal = events.StopSignal(); signal != 0) {
+        session.Stop();
+        Print("Stopped by signal " + std::to_string(signal) + ".");
+        return velt_play::ExitStatusForSignal(signal);
+    }
+    return 0;
+}
+
+// ---------------------------------------------------------------------------------------------
+
+void ListDevices() {
+    const auto names = velt_play::OutputDeviceNames();
+    std::printf("MIDI output devices:\n");
+    for (std::size_t i = 0; i < names.size(); ++i) {
+        std::printf("  %zu  %s%s\n", i, names[i].c_str(),
+                    IsDefaultOutput(names[i])
+                        ? "  (no port was found; it makes no sound, --record PATH keeps what "
+                          "it receives)"
+                        : "");
+    }
+}
+
+int Run(const Options& options, velt_play::MainEvents& events) {
+    if (options.help) {
+        std::fputs(usage, stdout);
+        return 0;
+    }
+    if (options.listDevices) {
+        ListDevices();
+        return 0;
+    }
+    const PlayableShow playable = LoadForPlaying(options.show);
+    const Plan plan = MakePlan(options, playable);
+    if (options.record) {
+        PrepareRecording(*options.record, plan.device);
+    }
+
+    std::vector<velt_play::SessionSong> songs;
+    for (const auto& entry : playable.songs) {
+        songs.push_back({entry.name, entry.song, entry.error});
+    }
+    auto session = std::make_unique<ShowSession>(
+        std::move(songs), playable.show, velt_play::SessionOptions{options.clock, plan.device});
+    session->SetStatusListener(
+        [&events](const velt_play::SessionStatus& status) { events.PostStatus(status); });
+    if (options.tempoScale) {
+        session->SetTempoScale(*options.tempoScale);
+    }
+    if (options.transposition) {
+        session->SetTransposition(*options.transposition);
+    }
+    for (const unsigned short track : plan.mutes) {
+        session->MuteTrack(track);
+    }
+
+    const std::string showName = playable.show->GetShowName().empty()
+                                     ? std::filesystem::path(options.show).stem().string()
+                                     : playable.show->GetShowName();
+    const auto songCount = playable.songs.size();
+    Print(showName + ": " + std::to_string(songCount) + (songCount == 1 ? " song" : " songs") +
+          ", playing to \"" + plan.device + "\"");
+    for (int number = 1; number <= static_cast<int>(songCount); ++number) {
+        const auto& entry = playable.songs[static_cast<std::size_t>(number - 1)];
+        if (!entry.song) {
+            std::cerr << "velt-play: " << SongText(playable, number)
+                      << " cannot be played: " << entry.error << "\n";
+        }
+    }
+    std::string recordingNote;
+    if (IsDefaultOutput(plan.device)) {
+        recordingNote = options.record ? "No MIDI port: the built-in default output records to " +
+                                             *options.record + " (it makes no sound)"
+                                       : "No MIDI port: the built-in default output makes no "
+                                         "sound (--record PATH keeps what it receives)";
+        Print(recordingNote);
+    }
+
+    int status = 0;
+    if (!options.play && isatty(STDIN_FILENO) && isatty(STDOUT_FILENO)) {
+        if (options.from) {
+            session->SeekToBar(*options.from);
+        }
+        status = velt_play::RunConsole(*session, events, {showName, playable.show, recordingNote});
+    } else {
+        status = PlayThrough(*session, events, options, plan);
+    }
+    // Closing the device writes the recording.
+    session.reset();
+    if (options.record) {
+        std::error_code error;
+        if (std::filesystem::file_size(*options.record, error) == 0 || error) {
+            throw std::runtime_error("the recording could not be written to " + *options.record);
+        }
+        Print("The recording is in " + *options.record + " (" +
+              std::to_string(velt_platform::DefaultMidiOutput().Messages().size()) + " messages).");
+    }
+    return status;
+}
+
+// One line, whatever the text holds.
+void Fail(const std::string& text) {
+    std::string line = text;
+    std::replace(line.begin(), line.end(), '\n', ' ');
+    std::cerr << "velt-play: " << line << std::endl;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    Options options;
     try {
-        if (!Parse(argc, argv, options)) {
-            Usage();
-            return 0;
+        velt_play::MainEvents events;
+        velt_play::StopSignals signals([&events](int signal) { events.PostSignal(signal); });
+        try {
+            return Run(ParseOptions(argc, argv), events);
+        } catch (const UsageError& error) {
+            Fail(error.what());
+            return exitUsage;
         }
     } catch (const std::exception& error) {
-        std::cerr << "velt-play: " << error.what() << "\n";
-        Usage();
-        return 2;
+        Fail(error.what());
+        return exitFailure;
     }
-    if (options.devicesOnly) {
-        std::printf("%s\n", CreateMidiDeviceSummary().c_str());
-        return 0;
-    }
-    try {
-        auto show = velt_core::LoadShow(options.show);
-        Directories::SetShowDirectory(options.show);
-        MIDIOUTCAPSW device{};
-        midiOutGetDevCapsW(0, &device, sizeof(device));
-        const unsigned char portCount = PortCount(*show);
-        std::printf("Show \"%s\": %zu songs, %d output port(s), playing to \"%s\"\n",
-                    show->GetShowName().c_str(), show->GetSongs().size(), portCount,
-                    GetProductName(device.szPname).c_str());
-        int number = 0;
-        for (const auto& song : show->GetSongs()) {
-            ++number;
-            if (options.song != 0 && options.song != number)
-                continue;
-            if (!options.midiFile.empty()) {
-                // The default output writes its file at every close, that is after every song:
-                // with several songs each gets its own file.
-                std::filesystem::path path = options.midiFile;
-                if (options.song == 0 && show->GetSongs().size() > 1) {
-                    path.replace_filename(path.stem().string() + "-" + std::to_string(number) +
-                                          path.extension().string());
-                }
-                velt_platform::SetDefaultOutputMidiFile(path);
-            }
-            std::printf("Song %d: %s\n", number, song->GetSongName().c_str());
-            std::fflush(stdout);
-            if (options.precision) {
-                PlaySong<PrecisionMidiClockImpl>(*song, portCount, options.tempoScale);
-            } else {
-                PlaySong<StandardMidiClockImpl>(*song, portCount, options.tempoScale);
-            }
-        }
-        const auto received = velt_platform::DefaultMidiOutput().Messages().size();
-        if (received > 0) {
-            std::printf("The built-in default output received %zu messages.\n", received);
-            if (!options.midiFile.empty()) {
-                const bool several = options.song == 0 && show->GetSongs().size() > 1;
-                std::printf("What it received is in %s%s.\n", options.midiFile.c_str(),
-                            several ? " (one file per song, numbered)" : "");
-            }
-        }
-    } catch (const std::exception& error) {
-        std::cerr << "velt-play: " << error.what() << "\n";
-        return 1;
-    }
-    return 0;
 }

@@ -12,10 +12,10 @@
 #include <map>
 #include <vector>
 
-#include "apps/song_player.h"
 #include "midi/win32/precision_midi_clock_impl.h"
 #include "midi/win32/standard_midi_clock_impl.h"
 #include "platform/virtual_midi.h"
+#include "tests/support/song_player.h"
 #include "velt_core/song_builder.h"
 
 namespace {

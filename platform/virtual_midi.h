@@ -5,6 +5,11 @@
 // Virtual devices come first in the device lists of platform/mmsystem.h, in creation order, so
 // that a test or host program decides which device ids the engine sees. They exist on POSIX
 // only (on Windows the system's own devices are used).
+//
+// The system's own ports (the ALSA sequencer's and the JACK server's) follow them, unless the
+// environment variable VELT_MIDI_SYSTEM_PORTS is "0" when the process first uses this layer: then
+// only the virtual devices and the built-in default output are listed, whatever the machine has.
+// Tests and scripts that must play into the built-in default output set it.
 #pragma once
 
 #include <chrono>

@@ -18,7 +18,6 @@
 #include <thread>
 #include <vector>
 
-#include "apps/song_player.h"
 #include "interfaces/kit.h"
 #include "interfaces/notify.h"
 #include "midi/how_to_play.h"
@@ -30,6 +29,7 @@
 #include "midi/win32/midi_output_win32.h"
 #include "midi/win32/standard_midi_clock_impl.h"
 #include "platform/virtual_midi.h"
+#include "tests/support/song_player.h"
 #include "velt_core/show_loader.h"
 #include "velt_core/song_builder.h"
 

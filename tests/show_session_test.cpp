@@ -159,6 +159,39 @@ TEST(ShowSession, StopReleasesEveryHeldNoteAndResumeStrikesWhatSoundsThere) {
     EXPECT_TRUE(Sounding(f.Heard()).empty());
 }
 
+TEST(ShowSession, PlayingUntilABarStopsBeforeTheNextBarSoundsAndResumePlaysOnFromThere) {
+    Fixture f(TestSong());
+    EXPECT_THROW(f.session->PlayUntilBar(10), std::out_of_range);
+    f.session->SeekToBar(2);
+    f.session->PlayUntilBar(3);
+    ASSERT_TRUE(f.session->WaitUntilNotPlaying(20s));
+    const auto status = f.session->Status();
+    EXPECT_EQ(status.state, PlayState::stopped);
+    EXPECT_EQ(status.bar, 3);
+    const auto heard = f.Heard();
+    EXPECT_TRUE(Sounding(heard).empty());
+    EXPECT_EQ(heard.back(), (Message{0xBF, 121, 0}));
+    // The bass of bars 2 and 3 sounded, nothing of bar 4: not even the trill's note on its first
+    // tick, which the ring had filled ahead.
+    const auto count = [](const std::vector<Message>& messages, const Message& message) {
+        return std::count(messages.begin(), messages.end(), message);
+    };
+    auto ons = NoteOns(heard);
+    EXPECT_EQ(count(ons, {0x91, 37, 90}), 1);
+    EXPECT_EQ(count(ons, {0x91, 38, 90}), 1);
+    EXPECT_EQ(count(ons, {0x91, 39, 90}), 0);
+    std::erase_if(ons, [](const Message& m) { return m[0] != 0x92; });
+    EXPECT_EQ(ons.back(), (Message{0x92, 86, 60}));
+
+    f.device.ClearMessages();
+    f.session->Resume();  // the limit was reached: on to the song's end
+    ASSERT_TRUE(f.session->WaitUntilNotPlaying(20s));
+    EXPECT_EQ(f.session->Status().state, PlayState::ended);
+    const auto resumed = NoteOns(f.Heard());
+    EXPECT_EQ(count(resumed, {0x91, 37, 90}), 0);
+    EXPECT_EQ(count(resumed, {0x91, 39, 90}), 1);
+}
+
 TEST(ShowSession, JumpsTransposesAndMutesMidSongLeaveNothingHanging) {
     Fixture f(TestSong());
     f.session->Play();
@@ -183,11 +216,13 @@ TEST(ShowSession, JumpsTransposesAndMutesMidSongLeaveNothingHanging) {
 
 TEST(ShowSession, ACaesuraHoldsTheChordUntilThePerformerPlaysOn) {
     Fixture f(TestSong(true));
+    EXPECT_EQ(f.session->Status().marker, "");  // no marker is in force before the first
     f.session->Play();
     ASSERT_TRUE(f.session->WaitUntilNotPlaying(20s));
     const auto status = f.session->Status();
     EXPECT_EQ(status.state, PlayState::caesura);
     EXPECT_EQ(status.bar, 7);
+    EXPECT_EQ(status.marker, "Caesura");
     EXPECT_FALSE(Sounding(f.Heard()).empty());  // held
 
     f.session->Resume();

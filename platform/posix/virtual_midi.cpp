@@ -13,6 +13,7 @@
 #include <exception>
 #include <mutex>
 #include <set>
+#include <string_view>
 
 #include "../virtual_midi.h"
 #include "midi_service.h"
@@ -202,6 +203,12 @@ namespace {
 
 constexpr const char* kDefaultOutputName = "Built-in Default Output";
 constexpr const char* kDefaultOutputFileVariable = "VELT_DEFAULT_OUTPUT_SMF";
+constexpr const char* kSystemPortsVariable = "VELT_MIDI_SYSTEM_PORTS";
+
+bool SystemPortsShown() {
+    const char* shown = std::getenv(kSystemPortsVariable);
+    return shown == nullptr || std::string_view(shown) != "0";
+}
 
 class Registry {
   public:
@@ -231,7 +238,9 @@ class Registry {
             std::scoped_lock lock(mutex_);
             ports.assign(outputs_.begin(), outputs_.end());
         }
-        AppendSystemOutputs(ports);
+        if (systemPorts_) {
+            AppendSystemOutputs(ports);
+        }
         if (ports.empty()) {
             ports.push_back(defaultOutput_);
         }
@@ -244,7 +253,9 @@ class Registry {
             std::scoped_lock lock(mutex_);
             ports.assign(inputs_.begin(), inputs_.end());
         }
-        AppendSystemInputs(ports);
+        if (systemPorts_) {
+            AppendSystemInputs(ports);
+        }
         return ports;
     }
 
@@ -264,6 +275,7 @@ class Registry {
     std::vector<std::shared_ptr<VirtualOutputState>> outputs_;
     std::vector<std::shared_ptr<VirtualInputState>> inputs_;
     const std::shared_ptr<VirtualOutputState> defaultOutput_;
+    const bool systemPorts_ = SystemPortsShown();
 };
 
 Registry& TheRegistry() {

@@ -2,7 +2,7 @@
 // platform output, assembled and driven the way the engine expects its host to. The fill
 // callback advances the position and lets the song's stream enqueue the period's events; it also
 // records what each fill put into port 0's packets, so that tests can compare it with what a
-// device received. Used by the player program, the playback tests and the timing benchmark.
+// device received. The harness of the playback tests and the timing benchmark.
 #pragma once
 
 #include <atomic>
