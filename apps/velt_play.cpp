@@ -210,46 +210,7 @@ Options ParseOptions(int argc, char** argv) {
 
 // One song of a show as the player gets it: `song` is null when its file cannot be read, and
 // `error` says why.
-struct ShowEntry {
-    std::string name;
-    std::shared_ptr<velt_midi::SongData> song;
-    std::string error;
-};
-
-struct PlayableShow {
-    std::shared_ptr<pv::ParvelShowData> show;
-    std::vector<ShowEntry> songs;
-};
-
-bool IsMidiFile(const std::string& location) {
-    std::string extension = std::filesystem::path(location).extension().string();
-    std::transform(extension.begin(), extension.end(), extension.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    return extension == ".mid" || extension == ".midi";
-}
-
-// The show at `location`: a show folder, its manifest, or one MIDI file as a show of one song
-// named after the file. Throws velt_core::ShowError or velt_core::SmfError.
-PlayableShow LoadForPlaying(const std::string& location) {
-    PlayableShow playable;
-    if (IsMidiFile(location)) {
-        auto song = std::make_shared<velt_midi::SongData>(velt_core::LoadSongFile(location));
-        const std::string stem = std::filesystem::path(location).stem().string();
-        if (song->GetSongName().empty()) {
-            song->GetSongLog().SetSongName(stem);
-        }
-        song->GetSongLog().SetSongNumber("1");
-        playable.show = std::make_shared<pv::ParvelShowData>();
-        playable.show->SetShowName(stem);
-        playable.show->AddSong(song);
-    } else {
-        playable.show = velt_core::LoadShow(location);
-    }
-    for (const auto& song : playable.show->GetSongs()) {
-        playable.songs.push_back({song->GetSongName(), song, ""});
-    }
-    return playable;
-}
+using velt_core::PlayableShow;
 
 std::string SongText(const PlayableShow& playable, int number) {
     return "song " + std::to_string(number) + " \"" +
@@ -466,7 +427,7 @@ int Run(const Options& options, velt_play::MainEvents& events) {
         ListDevices();
         return 0;
     }
-    const PlayableShow playable = LoadForPlaying(options.show);
+    const PlayableShow playable = velt_core::LoadPlayableShow(options.show);
     const Plan plan = MakePlan(options, playable);
     if (options.record) {
         PrepareRecording(*options.record, plan.device);
