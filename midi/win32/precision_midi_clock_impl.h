@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <thread>
 
 #include "midi/clock_start_gate.h"
@@ -29,9 +30,22 @@ class PrecisionMidiClockImpl : public StandardMidiClock {
     /// take the sleep's wake-up latency out of the clock's timing. Costs that much processor time
     /// per clock: about 1% of one core at 120 clicks per minute, 24 clocks per click.
     static constexpr std::chrono::nanoseconds kDefaultSpin{200'000};
+    /// Where the clock reads the time and how it waits for the last stretch before a deadline:
+    /// nanoseconds of one monotonic clock. The wait need not be interruptible: the clock sleeps
+    /// interruptibly until shortly before each deadline and only then calls it. Tests pass a
+    /// clock of their own whose wait moves it on to the deadline.
+    struct Timing {
+        std::function<std::int64_t()> now;
+        std::function<void(std::int64_t deadline)> waitUntil;
+    };
+    /// The platform's high-resolution clock and absolute wait, the last `spin` of each wait spent
+    /// polling the clock (see kDefaultSpin).
+    static Timing PreciseTiming(std::chrono::nanoseconds spin);
 
     /// Starts the clock thread, idle until StartClock. `spin`: see kDefaultSpin (0 for none).
     explicit PrecisionMidiClockImpl(std::chrono::nanoseconds spin = kDefaultSpin);
+    /// The same, on the clock and wait given.
+    explicit PrecisionMidiClockImpl(Timing timing);
     /// Ends a live run and the clock thread; returns within a few milliseconds (no clock fires
     /// once the destructor has begun).
     ~PrecisionMidiClockImpl() override;
@@ -55,11 +69,11 @@ class PrecisionMidiClockImpl : public StandardMidiClock {
     void RunLoop();
     /// One run: clocks until AdvanceClock says stop or the clock is destroyed.
     void Run_();
-    /// Waits until the deadline (nanoseconds of the precise-wait clock). Returns false when the
+    /// Waits until the deadline (nanoseconds of the timing's clock). Returns false when the
     /// clock is being destroyed.
     bool WaitForDeadline_(std::int64_t deadline);
 
-    const std::int64_t spinNanoseconds_;
+    const Timing timing_;
     ClockStartGate gate_;
     std::int64_t deadline_ = 0;      // this clock's deadline
     std::int64_t nextDeadline_ = 0;  // the next clock's, set by SetClockTimer

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <utility>
 
 #include "interfaces/kit.h"
 #include "interfaces/notify.h"
@@ -40,8 +41,23 @@ class OneMillisecondTimerResolution {
 
 }  // namespace
 
+PrecisionMidiClockImpl::Timing PrecisionMidiClockImpl::PreciseTiming(
+    std::chrono::nanoseconds spin) {
+    return Timing{[] { return static_cast<std::int64_t>(VeltPreciseTimeNow()); },
+                  [spinNanoseconds = spin.count()](std::int64_t deadline) {
+                      if (!VeltPreciseWaitUntil(deadline, spinNanoseconds)) {
+                          // The system refused the precise wait; the clock's sleep has brought
+                          // the thread close, so the last stretch is spent spinning.
+                          VeltPreciseWaitUntil(deadline, deadline - VeltPreciseTimeNow());
+                      }
+                  }};
+}
+
 PrecisionMidiClockImpl::PrecisionMidiClockImpl(std::chrono::nanoseconds spin)
-    : spinNanoseconds_(spin.count()),
+    : PrecisionMidiClockImpl(PreciseTiming(spin)) {}
+
+PrecisionMidiClockImpl::PrecisionMidiClockImpl(Timing timing)
+    : timing_(std::move(timing)),
       clockThread_([this] { RunLoggingExceptions(kSourceName, __LINE__, [this] { RunLoop(); }); }) {
 }
 
@@ -56,7 +72,7 @@ void PrecisionMidiClockImpl::StartClock() {
 
 void PrecisionMidiClockImpl::SetClockTimer(double seconds) {
     const auto period = static_cast<std::int64_t>(std::llround(seconds * 1e9));
-    const std::int64_t now = VeltPreciseTimeNow();
+    const std::int64_t now = timing_.now();
     nextDeadline_ = deadline_ + period;
     if (now - deadline_ > period) {
         // Stalled for more than a whole period: start a new grid here rather than catch up.
@@ -81,7 +97,7 @@ void PrecisionMidiClockImpl::RunLoop() {
 }
 
 void PrecisionMidiClockImpl::Run_() {
-    nextDeadline_ = VeltPreciseTimeNow() + kStartLeadNanoseconds;
+    nextDeadline_ = timing_.now() + kStartLeadNanoseconds;
     for (bool first = true;; first = false) {
         deadline_ = nextDeadline_;
         if (!WaitForDeadline_(deadline_)) {
@@ -90,7 +106,7 @@ void PrecisionMidiClockImpl::Run_() {
         if (first) {
             // The grid starts where the first clock really fell, so that a late first wake-up
             // does not shift every clock after it.
-            deadline_ = VeltPreciseTimeNow();
+            deadline_ = timing_.now();
         }
         if (!AdvanceClock()) {
             return;
@@ -100,14 +116,10 @@ void PrecisionMidiClockImpl::Run_() {
 
 bool PrecisionMidiClockImpl::WaitForDeadline_(std::int64_t deadline) {
     const std::int64_t sleepFor =
-        std::max<std::int64_t>(0, deadline - kPreciseWaitNanoseconds - VeltPreciseTimeNow());
+        std::max<std::int64_t>(0, deadline - kPreciseWaitNanoseconds - timing_.now());
     if (!gate_.SleepUntil(std::chrono::steady_clock::now() + std::chrono::nanoseconds(sleepFor))) {
         return false;
     }
-    if (!VeltPreciseWaitUntil(deadline, spinNanoseconds_)) {
-        // The system refused the precise wait; the sleep above has brought the thread close, so
-        // the last stretch is spent spinning.
-        VeltPreciseWaitUntil(deadline, deadline - VeltPreciseTimeNow());
-    }
+    timing_.waitUntil(deadline);
     return true;
 }
