@@ -332,4 +332,22 @@ TEST(PrecisionMidiClockImpl, LateClocksCatchUpWithTheGridWhichStartsAgainOnlyPas
                                                  "behind its grid; a new grid starts here."});
 }
 
+TEST(PrecisionMidiClockImpl, EachPeriodLastsAsItsOwnTempoSaysAndAnImmediateChangeCountsAtOnce) {
+    SteppedRun run;
+    run.clock.ArmPlayback(20, 24, 0.02, 0, 0);
+    // The tempo doubles with the period at tick 60: the period at 40 still lasts 20 ms.
+    run.clock.SetClockTime(0.01, 60);
+    run.atClock = [&](std::size_t clock) {
+        if (clock == 5) {
+            // A tempo scale changed while the period at 100 is sent: that period already has it.
+            run.clock.SetClockTime(0.015, 0);
+        }
+    };
+    run.clock.SetCaesura(160, 0.015, 24);
+    run.clock.ContinuousMode();
+    ASSERT_TRUE(run.clock.WaitUntilStopped(10s));
+    // Clocks at ticks 0, 20, ..., 140.
+    EXPECT_EQ(run.Offsets(), (std::vector<double>{0, 20, 40, 60, 70, 80, 95, 110}));
+}
+
 }  // namespace

@@ -12,14 +12,15 @@
 #include "midi/clocks.h"
 
 /// Same state machine, AdvanceClock and callback as StandardMidiClockImpl; different timing.
-/// The clocks fall on a grid: each clock is due one clock time after the previous clock's due
-/// time. A late wake-up delays that one clock but not the ones after it, and a clock that comes
-/// due while the thread is held up (a slow send, a stall of the system) fires at once, the next
-/// ones too until the clock is back on its grid: the tempo is exact over any length of run and a
-/// stall shifts nothing after it. Only a clock more than kMaxLag behind its grid starts the grid
-/// again from itself, with a warning line. The grid is anchored at the start of each run on the
-/// first clock (which comes 1 ms after the start), and again on the first clock after each
-/// ArmPlayback.
+/// The clocks fall on a grid: each clock is due one interval after the previous clock's due time,
+/// the interval being the clock time of the period that clock sent, so that a change of tempo
+/// takes effect with the period at its tick, not one clock before. A late wake-up delays that one
+/// clock but not the ones after it, and a clock that comes due while the thread is held up (a
+/// slow send, a stall of the system) fires at once, the next ones too until the clock is back on
+/// its grid: the tempo is exact over any length of run and a stall shifts nothing after it. Only
+/// a clock more than kMaxLag behind its grid starts the grid again from itself, with a warning
+/// line. The grid is anchored at the start of each run on the first clock (which comes 1 ms after
+/// the start), and again on the first clock after each ArmPlayback.
 ///
 /// The system timer resolution is raised to 1 ms for each run, as StandardMidiClockImpl does.
 ///
@@ -78,6 +79,8 @@ class PrecisionMidiClockImpl : public StandardMidiClock {
     void StartClock() override;
     /// Marks the live run as ending, so that a start from now on starts the next one.
     void RunEnding() override { gate_.RunEnding(); }
+    /// Each period lasts as its own tempo says.
+    bool TimesEachPeriodAtItsOwnTempo() const override { return true; }
 
   private:
     void RunLoop();
