@@ -269,9 +269,9 @@ constexpr std::int64_t kMs = 1'000'000;  // nanoseconds
 // Records when each clock fired (on the stepped clock) and runs the action given for it.
 struct SteppedRun {
     SteppedTime time;
-    PrecisionMidiClockImpl clock{time.Timing()};
     std::vector<std::int64_t> stamps;  // written by the clock thread, read once it has stopped
     std::function<void(std::size_t clock)> atClock = [](std::size_t) {};
+    PrecisionMidiClockImpl clock{time.Timing()};  // last: its thread goes first
 
     SteppedRun() {
         clock.SetMidiClockCallback([this](double) {

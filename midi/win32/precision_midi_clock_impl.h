@@ -42,8 +42,9 @@ class PrecisionMidiClockImpl : public StandardMidiClock {
 
     /// Where the clock reads the time and how it waits for the last stretch before a deadline:
     /// nanoseconds of one monotonic clock. The wait need not be interruptible: the clock sleeps
-    /// interruptibly until shortly before each deadline and only then calls it. Tests pass a
-    /// clock of their own whose wait moves it on to the deadline.
+    /// interruptibly until shortly before each deadline and only then calls it. Both are called
+    /// on the clock thread only. Tests pass a clock of their own whose wait moves it on to the
+    /// deadline.
     struct Timing {
         std::function<std::int64_t()> now;
         std::function<void(std::int64_t deadline)> waitUntil;
