@@ -1,15 +1,22 @@
 // Playback timing: the whole assembly (clock, position, stream, output, stream device) plays a
 // song of known tempo map into a virtual output; each note-on's arrival time is compared with its
 // ideal time from the tempo map, measured from the first note's arrival. Prints mean, p50, p99
-// and max absolute deviation and the drift at the song's end, for the standard clock and the
-// precision clock.
+// and max absolute deviation and the drift at the song's end, for the precision clock (the one
+// programs use), the standard clock, and the precision clock whose thread is held up once for
+// 100 ms in the first half (as a send that waits for the device may hold it up), with the same
+// figures for the notes after the stall.
 //
 //   playback_timing_bench [bars per tempo]
 #include <algorithm>
+#include <atomic>
+#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <map>
+#include <memory>
+#include <thread>
+#include <utility>
 #include <vector>
 
 #include "midi/win32/precision_midi_clock_impl.h"
@@ -45,8 +52,55 @@ double IdealSeconds(const velt_midi::SongData& song, std::uint32_t tick) {
     return seconds;
 }
 
+// The clock thread is held up this long once, right after its wait for clock kStallClock of the
+// run: that clock and the ones that come due meanwhile fire late.
+constexpr std::chrono::milliseconds kStall{100};
+// Eight seconds into the song at 240 quarter notes per minute, four clocks before a note.
+constexpr int kStallClock = 788;
+
+class StalledPrecisionClock : public PrecisionMidiClockImpl {
+  public:
+    StalledPrecisionClock() : PrecisionMidiClockImpl(StallingTiming()) {}
+
+  private:
+    static Timing StallingTiming() {
+        Timing timing = PreciseTiming(kDefaultSpin);
+        auto waits = std::make_shared<std::atomic<int>>(0);
+        timing.waitUntil = [wait = timing.waitUntil, waits](std::int64_t deadline) {
+            wait(deadline);
+            if ((*waits)++ == kStallClock) {
+                std::this_thread::sleep_for(kStall);
+            }
+        };
+        return timing;
+    }
+};
+
+// Mean, percentiles of the absolute value and last of `deviations` (milliseconds, signed).
+void PrintFigures(const char* name, const std::vector<double>& deviations) {
+    std::vector<double> absolute(deviations.size());
+    std::transform(deviations.begin(), deviations.end(), absolute.begin(),
+                   [](double d) { return std::fabs(d); });
+    std::sort(absolute.begin(), absolute.end());
+    double mean = 0;
+    for (double d : deviations)
+        mean += d;
+    mean /= static_cast<double>(deviations.size());
+    auto at = [&](double fraction) {
+        return absolute[static_cast<std::size_t>(fraction *
+                                                 static_cast<double>(absolute.size() - 1))];
+    };
+    std::printf(
+        "%-26s %5zu notes  mean %+7.3f ms  |dev| p50 %6.3f  p99 %6.3f  max %6.3f ms"
+        "  end drift %+7.3f ms\n",
+        name, deviations.size(), mean, at(0.5), at(0.99), absolute.back(), deviations.back());
+}
+
+// `stall`: for a clock held up once, from and to where in the song (seconds); the notes due in it
+// and those after it are shown on their own too.
 template <typename Clock>
-void Measure(const char* name, const velt_midi::SongData& song) {
+void Measure(const char* name, const velt_midi::SongData& song,
+             std::pair<double, double> stall = {-1, -1}) {
     velt_platform::VirtualMidiOutput device("Timing Bench Out");
     {
         playback::SongPlayer<Clock> host(song);
@@ -75,26 +129,25 @@ void Measure(const char* name, const velt_midi::SongData& song) {
         return;
     }
     std::vector<double> deviations;  // milliseconds, signed
+    std::vector<double> inStall;
+    std::vector<double> afterStall;
     for (std::size_t i = 0; i < ticks.size(); ++i) {
-        double actual = static_cast<double>(arrivals[i] - arrivals[0]) / 1e6;
-        deviations.push_back(actual - 1000.0 * IdealSeconds(song, ticks[i]));
+        const double ideal = IdealSeconds(song, ticks[i]);
+        const double actual = static_cast<double>(arrivals[i] - arrivals[0]) / 1e6;
+        deviations.push_back(actual - 1000.0 * ideal);
+        if (ideal >= stall.second && stall.second >= 0) {
+            afterStall.push_back(deviations.back());
+        } else if (ideal >= stall.first && stall.first >= 0) {
+            inStall.push_back(deviations.back());
+        }
     }
-    std::vector<double> absolute(deviations.size());
-    std::transform(deviations.begin(), deviations.end(), absolute.begin(),
-                   [](double d) { return std::fabs(d); });
-    std::sort(absolute.begin(), absolute.end());
-    double mean = 0;
-    for (double d : deviations)
-        mean += d;
-    mean /= static_cast<double>(deviations.size());
-    auto at = [&](double fraction) {
-        return absolute[static_cast<std::size_t>(fraction *
-                                                 static_cast<double>(absolute.size() - 1))];
-    };
-    std::printf(
-        "%-26s %5zu notes  mean %+7.3f ms  |dev| p50 %6.3f  p99 %6.3f  max %6.3f ms"
-        "  end drift %+7.3f ms\n",
-        name, deviations.size(), mean, at(0.5), at(0.99), absolute.back(), deviations.back());
+    PrintFigures(name, deviations);
+    if (!inStall.empty()) {
+        PrintFigures("  due in the stall", inStall);
+    }
+    if (!afterStall.empty()) {
+        PrintFigures("  due after the stall", afterStall);
+    }
 }
 
 }  // namespace
@@ -104,7 +157,16 @@ int main(int argc, char** argv) {
     const velt_midi::SongData song = KnownTempoSong(bars);
     std::printf("song: %u bars at 240 then %u at 180 quarter notes per minute, %.1f s\n", bars,
                 bars, IdealSeconds(song, song.GetTimeline().lastTickIndex));
-    Measure<StandardMidiClockImpl>("StandardMidiClockImpl", song);
     Measure<PrecisionMidiClockImpl>("PrecisionMidiClockImpl", song);
+    Measure<StandardMidiClockImpl>("StandardMidiClockImpl", song);
+    // At 240 quarter notes per minute a clock lasts 1/96 s; the stall follows clock kStallClock.
+    const double stallAt = kStallClock / 96.0;
+    if (stallAt < IdealSeconds(song, song.GetTimeline().lastTickIndex)) {
+        std::printf("the clock thread held up once for %lld ms at %.3f s:\n",
+                    static_cast<long long>(kStall.count()), stallAt);
+        Measure<StalledPrecisionClock>(
+            "PrecisionMidiClockImpl", song,
+            {stallAt, stallAt + std::chrono::duration<double>(kStall).count()});
+    }
     return 0;
 }

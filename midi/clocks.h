@@ -132,6 +132,8 @@ class StandardMidiClock : public MidiClock {
     /// One clock: calls the clock callback with the tempo, advances the live state, applies the
     /// change scheduled exactly at the new tick, and re-arms the timer (SetClockTimer) unless
     /// playback is disarmed or the caesura tick was reached. Returns whether the timer goes on.
+    /// The timer gets the clock time applied last, the change at the new tick included (so a
+    /// change of tempo times the clock before its tick), unless TimesEachPeriodAtItsOwnTempo.
     /// Called on the timer thread; the callback runs without the clock's locks.
     bool AdvanceClock();
 
@@ -152,6 +154,12 @@ class StandardMidiClock : public MidiClock {
     /// subclass that marks its run as ending here can tell a start requested after the stop from
     /// one requested while the run was still going. Must not wait for the timer.
     virtual void RunEnding() {}
+    /// Whether the timer after a clock gets the clock time of the period that clock has just sent
+    /// (changes applied at once up to the timer's arming included, the one scheduled at the next
+    /// period's tick not), so that each period lasts as long as its own tempo says. False here:
+    /// the timer gets the clock time in force once the next period's change has landed. Constant
+    /// for the life of the object.
+    virtual bool TimesEachPeriodAtItsOwnTempo() const { return false; }
 
   private:
     /// The change of one field (SetClocksPerClick, SetClockTime): deferred, at once, refused with

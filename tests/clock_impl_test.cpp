@@ -1,15 +1,20 @@
 // Liveness of the two timer back ends: they start, run, stop at a caesura and are destroyed
-// idle or running. No timing is asserted here (bench/clock_accuracy measures it).
+// idle or running. No wall-clock timing is asserted here (bench/clock_accuracy measures it); the
+// precision clock's grid is checked on a clock of the test's own.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <mutex>
 #include <stdexcept>
+#include <string>
 #include <utility>
+#include <vector>
 
 #include "clock_log_capture.h"
 #include "midi/win32/precision_midi_clock_impl.h"
@@ -241,6 +246,108 @@ TEST(StandardMidiClockImpl, ATimerThatCannotBeSetIsLoggedAndEndsTheRun) {
         << lines[1];
     EXPECT_TRUE(clock.WaitUntilStopped(10s));
     EXPECT_EQ(counter.Calls(), 1);
+}
+
+// A clock for PrecisionMidiClockImpl that moves only when told: its wait moves it on to the
+// deadline, and a clock callback that is held up moves it on by that much. Every clock then falls
+// at an exact time, whatever the machine does meanwhile. Touched by the clock thread only.
+class SteppedTime {
+  public:
+    PrecisionMidiClockImpl::Timing Timing() {
+        return {[this] { return now_.load(); },
+                [this](std::int64_t deadline) { now_ = std::max(now_.load(), deadline); }};
+    }
+    std::int64_t Now() const { return now_; }
+    void Advance(std::chrono::nanoseconds by) { now_ += by.count(); }
+
+  private:
+    std::atomic<std::int64_t> now_{1'000'000'000};
+};
+
+constexpr std::int64_t kMs = 1'000'000;  // nanoseconds
+
+// Records when each clock fired (on the stepped clock) and runs the action given for it.
+struct SteppedRun {
+    SteppedTime time;
+    std::vector<std::int64_t> stamps;  // written by the clock thread, read once it has stopped
+    std::function<void(std::size_t clock)> atClock = [](std::size_t) {};
+    PrecisionMidiClockImpl clock{time.Timing()};  // last: its thread goes first
+
+    SteppedRun() {
+        clock.SetMidiClockCallback([this](double) {
+            stamps.push_back(time.Now());
+            atClock(stamps.size() - 1);
+        });
+    }
+    // Milliseconds of each clock after the first.
+    std::vector<double> Offsets() const {
+        std::vector<double> offsets;
+        for (const std::int64_t stamp : stamps) {
+            offsets.push_back(static_cast<double>(stamp - stamps.front()) / kMs);
+        }
+        return offsets;
+    }
+};
+
+TEST(PrecisionMidiClockImpl, LateClocksCatchUpWithTheGridWhichStartsAgainOnlyPastTheBound) {
+    ClockLogCapture log;
+    SteppedRun run;
+    run.atClock = [&](std::size_t clock) {
+        if (clock == 2) {
+            run.time.Advance(270ms);  // the send is held up: the next clock is exactly 250 ms late
+        } else if (clock == 20) {
+            run.time.Advance(271ms);  // 251 ms late: past the bound
+        } else if (clock == 25) {
+            // Armed again while the send is held up: the armed position starts a grid of its own.
+            run.time.Advance(100ms);
+            run.clock.ArmPlayback(20, 24, 0.02, 500, 0);
+            run.clock.SetCaesura(600, 0.02, 24);
+        }
+    };
+    run.clock.ArmPlayback(20, 24, 0.02, 0, 0);
+    run.clock.ContinuousMode();
+    ASSERT_TRUE(run.clock.WaitUntilStopped(10s));
+
+    std::vector<double> expected;
+    for (int k = 0; k <= 20; ++k) {
+        // Due every 20 ms; those due while clock 2 was held up (until 310 ms) fire when it ends.
+        expected.push_back(std::max(20.0 * k, k > 2 ? 310.0 : 0.0));
+    }
+    // Clock 21 was due at 420 ms and fires at 671 ms, where the grid starts again.
+    for (int k = 21; k <= 25; ++k) {
+        expected.push_back(671.0 + 20.0 * (k - 21));
+    }
+    // Clock 26 fires when clock 25's send ends (851 ms), and the new grid starts there.
+    for (int k = 26; k <= 29; ++k) {
+        expected.push_back(851.0 + 20.0 * (k - 26));
+    }
+    EXPECT_EQ(run.Offsets(), expected);
+    std::vector<std::string> lagLines;
+    for (const auto& line : log.Lines()) {
+        if (line.find("behind its grid") != std::string::npos) {
+            lagLines.push_back(line);
+        }
+    }
+    EXPECT_EQ(lagLines, std::vector<std::string>{"WARNING: PrecisionMidiClockImpl fell 251.0 ms "
+                                                 "behind its grid; a new grid starts here."});
+}
+
+TEST(PrecisionMidiClockImpl, EachPeriodLastsAsItsOwnTempoSaysAndAnImmediateChangeCountsAtOnce) {
+    SteppedRun run;
+    run.clock.ArmPlayback(20, 24, 0.02, 0, 0);
+    // The tempo doubles with the period at tick 60: the period at 40 still lasts 20 ms.
+    run.clock.SetClockTime(0.01, 60);
+    run.atClock = [&](std::size_t clock) {
+        if (clock == 5) {
+            // A tempo scale changed while the period at 100 is sent: that period already has it.
+            run.clock.SetClockTime(0.015, 0);
+        }
+    };
+    run.clock.SetCaesura(160, 0.015, 24);
+    run.clock.ContinuousMode();
+    ASSERT_TRUE(run.clock.WaitUntilStopped(10s));
+    // Clocks at ticks 0, 20, ..., 140.
+    EXPECT_EQ(run.Offsets(), (std::vector<double>{0, 20, 40, 60, 70, 80, 95, 110}));
 }
 
 }  // namespace

@@ -154,9 +154,11 @@ TEST(StandardMidiClock, ArmedChangesApplyAtOnceScheduledOrAreRefused) {
     clock.SetClockTime(0.025, 140);
     clock.AdvanceClock();  // 120
     EXPECT_DOUBLE_EQ(clock.GetClockState().GetClockTime(), 0.03);
-    clock.AdvanceClock();  // 140: the clock time lands, and the timer gets it at once
+    // 140: the clock time lands, and the timer gets it at once: the period at 120 is timed at
+    // the new clock time, one clock before the change.
+    clock.AdvanceClock();
     EXPECT_DOUBLE_EQ(clock.GetClockState().GetClockTime(), 0.025);
-    EXPECT_DOUBLE_EQ(clock.timerCalls.back(), 0.025);
+    EXPECT_EQ(clock.timerCalls, (std::vector<double>{0.03, 0.025}));
     // A change between clocks (they land on 160 and 180) is never applied either.
     clock.SetClockTime(0.01, 170);
     for (int i = 0; i < 10; ++i)

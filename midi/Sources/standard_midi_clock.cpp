@@ -143,6 +143,9 @@ bool StandardMidiClock::AdvanceClock() {
     clockState_.AdvanceClock();
 
     std::scoped_lock lock(clockMutex_);
+    // The period just sent lasts as its own tempo says: the clock time in force now, after any
+    // change made at once while the callback ran, but before the change at the next period.
+    const double periodClockTime = clockState_.GetClockTime();
     const unsigned int tickIndex = clockState_.GetTickIndex();
     const auto scheduled = scheduledStates_.find(tickIndex);
     if (scheduled != scheduledStates_.end()) {
@@ -154,7 +157,7 @@ bool StandardMidiClock::AdvanceClock() {
         RunEnding();
         return false;
     }
-    SetClockTimer(clockState_.GetClockTime());
+    SetClockTimer(TimesEachPeriodAtItsOwnTempo() ? periodClockTime : clockState_.GetClockTime());
     return true;
 }
 

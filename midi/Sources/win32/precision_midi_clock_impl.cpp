@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cmath>
+#include <iomanip>
+#include <utility>
 
 #include "interfaces/kit.h"
 #include "interfaces/notify.h"
@@ -40,8 +42,23 @@ class OneMillisecondTimerResolution {
 
 }  // namespace
 
+PrecisionMidiClockImpl::Timing PrecisionMidiClockImpl::PreciseTiming(
+    std::chrono::nanoseconds spin) {
+    return Timing{[] { return static_cast<std::int64_t>(VeltPreciseTimeNow()); },
+                  [spinNanoseconds = spin.count()](std::int64_t deadline) {
+                      if (!VeltPreciseWaitUntil(deadline, spinNanoseconds)) {
+                          // The system refused the precise wait; the clock's sleep has brought
+                          // the thread close, so the last stretch is spent spinning.
+                          VeltPreciseWaitUntil(deadline, deadline - VeltPreciseTimeNow());
+                      }
+                  }};
+}
+
 PrecisionMidiClockImpl::PrecisionMidiClockImpl(std::chrono::nanoseconds spin)
-    : spinNanoseconds_(spin.count()),
+    : PrecisionMidiClockImpl(PreciseTiming(spin)) {}
+
+PrecisionMidiClockImpl::PrecisionMidiClockImpl(Timing timing)
+    : timing_(std::move(timing)),
       clockThread_([this] { RunLoggingExceptions(kSourceName, __LINE__, [this] { RunLoop(); }); }) {
 }
 
@@ -54,14 +71,18 @@ void PrecisionMidiClockImpl::StartClock() {
     gate_.RequestStart();
 }
 
+void PrecisionMidiClockImpl::ArmPlayback(unsigned int ticksPerClock, int clocksPerClick,
+                                         double clockTime, unsigned int tickIndex,
+                                         int clockNumber) {
+    StandardMidiClock::ArmPlayback(ticksPerClock, clocksPerClick, clockTime, tickIndex,
+                                   clockNumber);
+    armed_ = true;
+}
+
 void PrecisionMidiClockImpl::SetClockTimer(double seconds) {
-    const auto period = static_cast<std::int64_t>(std::llround(seconds * 1e9));
-    const std::int64_t now = VeltPreciseTimeNow();
-    nextDeadline_ = deadline_ + period;
-    if (now - deadline_ > period) {
-        // Stalled for more than a whole period: start a new grid here rather than catch up.
-        nextDeadline_ = now + period;
-    }
+    // From this clock's due time, not from when it fired: a late clock takes nothing from the
+    // ones after it, and a next clock already due fires at once.
+    nextDeadline_ = deadline_ + static_cast<std::int64_t>(std::llround(seconds * 1e9));
 }
 
 void PrecisionMidiClockImpl::RunLoop() {
@@ -81,16 +102,25 @@ void PrecisionMidiClockImpl::RunLoop() {
 }
 
 void PrecisionMidiClockImpl::Run_() {
-    nextDeadline_ = VeltPreciseTimeNow() + kStartLeadNanoseconds;
+    constexpr std::int64_t maxLag = std::chrono::nanoseconds(kMaxLag).count();
+    nextDeadline_ = timing_.now() + kStartLeadNanoseconds;
     for (bool first = true;; first = false) {
         deadline_ = nextDeadline_;
         if (!WaitForDeadline_(deadline_)) {
             return;
         }
-        if (first) {
-            // The grid starts where the first clock really fell, so that a late first wake-up
-            // does not shift every clock after it.
-            deadline_ = VeltPreciseTimeNow();
+        const std::int64_t now = timing_.now();
+        // Read (and cleared) on every clock, so that an arm before the run does not linger.
+        const bool armed = armed_.exchange(false);
+        if (first || armed) {
+            // The grid starts where the first clock of a run or of an armed position really
+            // fell, so that a late wake-up there does not shift every clock after it.
+            deadline_ = now;
+        } else if (now - deadline_ > maxLag) {
+            kit::CoutBuffer() << "WARNING: PrecisionMidiClockImpl fell " << std::fixed
+                              << std::setprecision(1) << static_cast<double>(now - deadline_) / 1e6
+                              << " ms behind its grid; a new grid starts here." << kit::endl;
+            deadline_ = now;
         }
         if (!AdvanceClock()) {
             return;
@@ -100,14 +130,10 @@ void PrecisionMidiClockImpl::Run_() {
 
 bool PrecisionMidiClockImpl::WaitForDeadline_(std::int64_t deadline) {
     const std::int64_t sleepFor =
-        std::max<std::int64_t>(0, deadline - kPreciseWaitNanoseconds - VeltPreciseTimeNow());
+        std::max<std::int64_t>(0, deadline - kPreciseWaitNanoseconds - timing_.now());
     if (!gate_.SleepUntil(std::chrono::steady_clock::now() + std::chrono::nanoseconds(sleepFor))) {
         return false;
     }
-    if (!VeltPreciseWaitUntil(deadline, spinNanoseconds_)) {
-        // The system refused the precise wait; the sleep above has brought the thread close, so
-        // the last stretch is spent spinning.
-        VeltPreciseWaitUntil(deadline, deadline - VeltPreciseTimeNow());
-    }
+    timing_.waitUntil(deadline);
     return true;
 }
