@@ -19,12 +19,16 @@
 #include <thread>
 #include <vector>
 
+#include "beat_intervals.h"
 #include "midi/conductor.h"
 #include "midi/win32/conducted_midi_clock.h"
 #include "platform/precise_wait.h"
 
 namespace {
 
+using beat_intervals::Changing;
+using beat_intervals::Steady;
+using beat_intervals::Then;
 constexpr std::int64_t kMs = 1'000'000;  // nanoseconds
 constexpr int kClocksPerClick = 24;
 constexpr double kWrittenClockTime = 0.025;  // 100 clicks per minute
@@ -53,24 +57,6 @@ Script Beaten(std::string name, double start, const std::vector<double>& interva
         script.meant.push_back(interval);
     }
     return script;
-}
-
-std::vector<double> Changing(int count, double interval, double factor) {
-    std::vector<double> intervals;
-    for (int i = 0; i < count; ++i) {
-        intervals.push_back(interval);
-        interval *= factor;
-    }
-    return intervals;
-}
-
-std::vector<double> Steady(int count, double interval) {
-    return std::vector<double>(static_cast<std::size_t>(count), interval);
-}
-
-std::vector<double> Then(std::vector<double> first, const std::vector<double>& second) {
-    first.insert(first.end(), second.begin(), second.end());
-    return first;
 }
 
 std::vector<Script> Scripts() {

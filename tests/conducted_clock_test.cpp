@@ -17,11 +17,15 @@
 #include <string>
 #include <vector>
 
+#include "beat_intervals.h"
 #include "midi/conductor.h"
 #include "midi/win32/conducted_midi_clock.h"
 
 namespace {
 
+using beat_intervals::Changing;
+using beat_intervals::Steady;
+using beat_intervals::Then;
 using namespace std::chrono_literals;
 
 constexpr std::int64_t kMs = 1'000'000;  // nanoseconds
@@ -171,25 +175,6 @@ std::vector<std::int64_t> BeatsAt(double start, const std::vector<double>& inter
         beats.push_back(std::llround(at * kMs));
     }
     return beats;
-}
-
-std::vector<double> Steady(int count, double interval) {
-    return std::vector<double>(static_cast<std::size_t>(count), interval);
-}
-
-std::vector<double> Then(std::vector<double> first, const std::vector<double>& second) {
-    first.insert(first.end(), second.begin(), second.end());
-    return first;
-}
-
-// Intervals that change by `factor` per beat.
-std::vector<double> Changing(int count, double interval, double factor) {
-    std::vector<double> intervals;
-    for (int i = 0; i < count; ++i) {
-        intervals.push_back(interval);
-        interval *= factor;
-    }
-    return intervals;
 }
 
 // No clock lost or doubled: each clock one clock on from the one before, the clock numbers
