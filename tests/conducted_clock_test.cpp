@@ -9,6 +9,8 @@
 #include <cmath>
 #include <condition_variable>
 #include <cstdint>
+#include <functional>
+#include <iterator>
 #include <limits>
 #include <memory>
 #include <mutex>
