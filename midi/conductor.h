@@ -18,8 +18,6 @@ enum class ConductedBeat {
     extra,    // came far too soon after the last one (a bounce, a double tap): ignored
 };
 
-const char* ToString(ConductedBeat beat);
-
 /// Follows a conductor beat by beat. Each beat stands for the start of a click. The model keeps
 /// the position of the next clock to send (which click, which clock in it), the last beat it took
 /// and the click that beat started (the anchor), and an estimate of the conductor's tempo in

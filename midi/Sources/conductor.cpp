@@ -17,22 +17,6 @@ constexpr std::int64_t kRememberedClicks = 8;
 
 }  // namespace
 
-const char* ToString(ConductedBeat beat) {
-    switch (beat) {
-        case ConductedBeat::first:
-            return "first";
-        case ConductedBeat::counted:
-            return "counted";
-        case ConductedBeat::missed:
-            return "missed";
-        case ConductedBeat::held:
-            return "held";
-        case ConductedBeat::extra:
-            return "extra";
-    }
-    return "?";
-}
-
 Conductor::Conductor(double lookaheadClicks, int historyBeats)
     : lookaheadClicks_(lookaheadClicks), historyBeats_(static_cast<std::size_t>(historyBeats)) {
     if (!(lookaheadClicks > 0.0 && lookaheadClicks <= 4.0)) {
