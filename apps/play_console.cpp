@@ -308,11 +308,16 @@ class Console {
     void Command_(char key) {
         switch (key) {
             case ' ':
-                if (session_.Status().state == PlayState::playing) {
+                if (setup_.conducted) {
+                    session_.ConductBeat();
+                } else if (session_.Status().state == PlayState::playing) {
                     session_.Stop();
                 } else {
                     session_.Play();
                 }
+                break;
+            case '.':
+                session_.Stop();
                 break;
             case 'n':
                 session_.NextSong();
@@ -512,10 +517,14 @@ class Console {
         lines.push_back(setup_.showName + "  |  song " + std::to_string(s.songNumber) + "/" +
                         std::to_string(session_.Songs().size()) + " \"" + s.songName + "\"  |  " +
                         StateText(s.state));
+        const std::string beaten = !setup_.conducted ? ""
+                                   : s.followedTempo > 0.0
+                                       ? "   beaten " + Fixed(s.followedTempo, 1)
+                                       : "   beaten -";
         lines.push_back("bar " + std::to_string(s.bar) + ":" + std::to_string(s.beat) +
-                        "   tempo " + Fixed(s.tempo, 1) + "   scale " + Fixed(s.tempoScale, 2) +
-                        "   transpose " + SignedText(s.transposition) + "   key " +
-                        (s.key.empty() ? "-" : s.key));
+                        "   tempo " + Fixed(s.tempo, 1) + beaten + "   scale " +
+                        Fixed(s.tempoScale, 2) + "   transpose " + SignedText(s.transposition) +
+                        "   key " + (s.key.empty() ? "-" : s.key));
         lines.push_back("marker " + (s.marker.empty() ? std::string("-") : "\"" + s.marker + "\"") +
                         "   page " + (s.page > 0 ? std::to_string(s.page) : std::string("-")) +
                         "   clicks to the end " + std::to_string(s.clicksToEnd));
@@ -535,7 +544,9 @@ class Console {
         } else if (!message_.empty()) {
             lines.push_back(message_);
         } else {
-            lines.push_back("space play/stop   Enter play on   ? keys   q quit");
+            lines.push_back(setup_.conducted
+                                ? "space beat   . stop   Enter play on   ? keys   q quit"
+                                : "space play/stop   Enter play on   ? keys   q quit");
         }
         return lines;
     }
@@ -589,7 +600,8 @@ class Console {
 
 const char* ConsoleHelp() {
     return "Keys\n"
-           "  space   play / stop\n"
+           "  space   play / stop; with --clock conducted, a beat (the first one plays)\n"
+           "  .       stop\n"
            "  Enter   play: plays on after a caesura or a stop, again after the end\n"
            "  n  p    next / previous song          s  choose a song by number\n"
            "  ]  [    next / previous marker        b  go to a bar\n"

@@ -16,6 +16,9 @@ struct ConsoleSetup {
     std::shared_ptr<pv::ParvelShowData> show;  // for its groups
     /// A line under the status area's device line (where the recording goes, or how to make one).
     std::string recordingNote;
+    /// The clock follows the performer's beats: the space bar beats instead of playing and
+    /// stopping, and the status shows the tempo beaten.
+    bool conducted = false;
 };
 
 /// The keys and what they do, as `?` shows them.

@@ -10,6 +10,7 @@
 #include "interfaces/kit.h"
 #include "interfaces/notify.h"
 #include "midi/velt_midi_error.h"
+#include "midi/win32/conducted_midi_clock.h"
 #include "midi/win32/midi_buffer_win32.h"
 #include "midi/win32/midi_device_info.h"
 #include "midi/win32/precision_midi_clock_impl.h"
@@ -79,18 +80,25 @@ ShowSession::ShowSession(std::vector<SessionSong> songs, std::shared_ptr<pv::Par
         throw std::invalid_argument("the show has no song that can be played");
     }
     portCount_ = PortCount(songs_);
-    if (options_.clock == ClockKind::precision) {
-        auto clock = std::make_unique<PrecisionMidiClockImpl>();
+    const auto useClock = [this](auto clock) {
         waitForClockStop_ = [raw = clock.get()](auto limit) {
             return raw->WaitUntilStopped(limit);
         };
         clock_ = std::move(clock);
-    } else {
-        auto clock = std::make_unique<StandardMidiClockImpl>();
-        waitForClockStop_ = [raw = clock.get()](auto limit) {
-            return raw->WaitUntilStopped(limit);
-        };
-        clock_ = std::move(clock);
+    };
+    switch (options_.clock) {
+        case ClockKind::precision:
+            useClock(std::make_unique<PrecisionMidiClockImpl>());
+            break;
+        case ClockKind::standard:
+            useClock(std::make_unique<StandardMidiClockImpl>());
+            break;
+        case ClockKind::conducted: {
+            auto clock = std::make_unique<ConductedMidiClock>();
+            conducted_ = clock.get();
+            useClock(std::move(clock));
+            break;
+        }
     }
     position_ = std::make_unique<HowToPlayWithMidiClock>(controls_, *clock_);
     streams_ = std::make_unique<ParvelMidiStreamCollection>(*show_);
@@ -267,6 +275,17 @@ void ShowSession::Resume() {
         throw std::logic_error("the song has ended; play it again or choose another");
     }
     Start_(ResumeTick_());
+}
+
+void ShowSession::ConductBeat() {
+    std::scoped_lock transport(transportMutex_);
+    if (!conducted_) {
+        throw std::logic_error("beats are for a conducted clock (--clock conducted)");
+    }
+    if (State_() != PlayState::playing) {
+        Play_();
+    }
+    conducted_->ConductBeat();
 }
 
 void ShowSession::Stop() {
@@ -734,6 +753,11 @@ SessionStatus ShowSession::Status() {
     status.device = output_->GetSynthDeviceName();
     status.deviceLost = output_->GetSynthIsLost();
     status.displayDelay = output_->GetGuiDelay();
+    if (conducted_) {
+        if (const auto clockTime = conducted_->GetFollowedClockTime()) {
+            status.followedTempo = 60.0 / (24 * *clockTime);
+        }
+    }
     std::scoped_lock lock(statusMutex_);
     status.state = state_;
     status.tick = shownTick_;

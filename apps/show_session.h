@@ -24,11 +24,13 @@
 #include "midi/user_controls.h"
 #include "midi/win32/midi_output_win32.h"
 
+class ConductedMidiClock;
 class StandardMidiClock;
 
 namespace velt_play {
 
-enum class ClockKind { precision, standard };
+/// `conducted`: the clock follows the performer's beats (ConductBeat).
+enum class ClockKind { precision, standard, conducted };
 
 /// Where the session stands. `cued`: a song is selected and positioned, nothing plays.
 /// `caesura`: stopped at a caesura of the score, Resume plays on. `stopped`: stopped by the
@@ -63,6 +65,8 @@ struct SessionStatus {
     std::string device;
     bool deviceLost = false;
     double displayDelay = 0;  // seconds
+    /// Quarter notes per minute the conductor beats (a conducted clock); 0 before an interval.
+    double followedTempo = 0;
 };
 
 struct SessionOptions {
@@ -125,6 +129,10 @@ class ShowSession {
     void Stop();
     /// Plays on after a caesura or a stop, with the notes that sound there chased.
     void Resume();
+    /// A beat of the performer conducting (conducted clock only, else std::logic_error): the
+    /// start of the next click. When not playing it plays as Play does, and the beat starts the
+    /// music; until then the clock waits.
+    void ConductBeat();
     /// Moves to bar `bar` (from 1): while playing, playback jumps there and goes on with what
     /// sounds there chased; otherwise it is cued there. Throws std::out_of_range.
     void SeekToBar(int bar);
@@ -210,6 +218,7 @@ class ShowSession {
 
     UserControls controls_;
     std::unique_ptr<StandardMidiClock> clock_;
+    ConductedMidiClock* conducted_ = nullptr;  // clock_, when it is conducted
     std::function<bool(std::chrono::milliseconds)> waitForClockStop_;
 
     // Guarded by positionMutex_.

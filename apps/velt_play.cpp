@@ -58,7 +58,8 @@ const char* const usage =
     "  --list-devices      list the MIDI output devices\n"
     "  --record PATH       the built-in default output writes what it receives to PATH, a\n"
     "                      Standard MIDI File (the default output is there when no port is)\n"
-    "  --clock KIND        precision (the default) or standard\n"
+    "  --clock KIND        precision (the default), standard, or conducted (the space bar\n"
+    "                      beats: each beat starts a click; '.' stops)\n"
     "  --help              this text\n";
 
 // A command line that asks for something that cannot be.
@@ -173,11 +174,16 @@ Options ParseOptions(int argc, char** argv) {
             }
         } else if (arg == "--clock") {
             const std::string kind = value();
-            if (kind != "precision" && kind != "standard") {
-                throw UsageError("--clock is precision or standard, not \"" + kind + "\"");
+            if (kind == "precision") {
+                options.clock = velt_play::ClockKind::precision;
+            } else if (kind == "standard") {
+                options.clock = velt_play::ClockKind::standard;
+            } else if (kind == "conducted") {
+                options.clock = velt_play::ClockKind::conducted;
+            } else {
+                throw UsageError("--clock is precision, standard or conducted, not \"" + kind +
+                                 "\"");
             }
-            options.clock = kind == "standard" ? velt_play::ClockKind::standard
-                                               : velt_play::ClockKind::precision;
         } else if (arg.size() > 1 && arg[0] == '-') {
             throw UsageError("there is no option " + arg + " (velt-play --help lists them)");
         } else if (!options.show.empty()) {
@@ -197,6 +203,13 @@ Options ParseOptions(int argc, char** argv) {
     }
     if (options.until && !options.play) {
         throw UsageError("--until goes with --play");
+    }
+    if (options.play && options.clock == velt_play::ClockKind::conducted) {
+        throw UsageError("--clock conducted needs the keyboard's beats, not --play");
+    }
+    if (options.clock == velt_play::ClockKind::conducted &&
+        !(isatty(STDIN_FILENO) && isatty(STDOUT_FILENO))) {
+        throw UsageError("--clock conducted needs the keyboard's beats: run it on a terminal");
     }
     if (options.from && options.until && *options.until < *options.from) {
         throw UsageError("--until " + std::to_string(*options.until) + " comes before --from " +
@@ -478,7 +491,9 @@ int Run(const Options& options, velt_play::MainEvents& events) {
         if (options.from) {
             session->SeekToBar(*options.from);
         }
-        status = velt_play::RunConsole(*session, events, {showName, playable.show, recordingNote});
+        status = velt_play::RunConsole(*session, events,
+                                       {showName, playable.show, recordingNote,
+                                        options.clock == velt_play::ClockKind::conducted});
     } else {
         status = PlayThrough(*session, events, options, plan);
     }

@@ -54,11 +54,12 @@ std::shared_ptr<velt_midi::SongData> TestSong(bool withCaesura = false) {
 }
 
 struct Fixture {
-    explicit Fixture(std::shared_ptr<velt_midi::SongData> song) {
+    explicit Fixture(std::shared_ptr<velt_midi::SongData> song,
+                     velt_play::ClockKind clock = velt_play::ClockKind::precision) {
         show->AddSong(song);
         session = std::make_unique<ShowSession>(
             std::vector<SessionSong>{{song->GetSongName(), song, ""}}, show,
-            velt_play::SessionOptions{velt_play::ClockKind::precision, "Session Test Out"});
+            velt_play::SessionOptions{clock, "Session Test Out"});
         // The display follows each downbeat at once: these songs click faster than the delay.
         while (session->Output().GetGuiDelay() > 0)
             session->DecreaseDisplayDelay();
@@ -240,5 +241,50 @@ TEST(ShowSession, RefusesWhatAPerformerCannotMean) {
     EXPECT_THROW(f.session->SetTransposition(25), std::out_of_range);
     EXPECT_THROW(f.session->MuteTrack(0x22), std::out_of_range);
     EXPECT_THROW(f.session->ChooseDevice("No Such Device"), MidiDeviceUnavailable);
+    EXPECT_THROW(f.session->ConductBeat(), std::logic_error);  // the clock runs by itself
     EXPECT_EQ(f.session->Status().state, PlayState::cued);
+}
+
+TEST(ShowSession, AConductedSongPlaysOnlyTheClicksBeatenAndStopsAsAnyOther) {
+    Fixture f(TestSong(), velt_play::ClockKind::conducted);
+    // The trill strikes a note on every clock: a click is 24 of them. The melody strikes a note
+    // at the start of every second click from the second on.
+    const auto trills = [&] {
+        const auto ons = NoteOns(f.Heard());
+        return std::count_if(ons.begin(), ons.end(), [](const Message& m) { return m[0] == 0x92; });
+    };
+    const auto waitForTrills = [&](long count) {
+        for (int i = 0; i < 2000 && trills() < count; ++i)
+            std::this_thread::sleep_for(5ms);
+        ASSERT_GE(trills(), count);
+        // However long the clock is given, it waits for the next beat there.
+        std::this_thread::sleep_for(200ms);
+    };
+    const auto heard = [&](const Message& message) {
+        const auto ons = NoteOns(f.Heard());
+        return std::find(ons.begin(), ons.end(), message) != ons.end();
+    };
+
+    f.session->ConductBeat();  // plays, and starts the first click
+    EXPECT_EQ(f.session->Status().state, PlayState::playing);
+    waitForTrills(24);
+    EXPECT_EQ(trills(), 24);
+    EXPECT_FALSE(heard({0x90, 60, 90}));
+    EXPECT_EQ(f.session->Status().followedTempo, 0.0);  // no interval yet
+
+    f.session->ConductBeat();
+    waitForTrills(48);
+    EXPECT_EQ(trills(), 48);
+    EXPECT_TRUE(heard({0x90, 60, 90}));
+    EXPECT_GT(f.session->Status().followedTempo, 0.0);
+
+    f.session->Stop();
+    EXPECT_EQ(f.session->Status().state, PlayState::stopped);
+    EXPECT_TRUE(Sounding(f.Heard()).empty());
+    // A beat after the stop plays on from there, one click: the third, not the fourth.
+    f.session->ConductBeat();
+    waitForTrills(72);
+    EXPECT_FALSE(heard({0x90, 61, 90}));
+    f.session->Stop();
+    EXPECT_TRUE(Sounding(f.Heard()).empty());
 }
