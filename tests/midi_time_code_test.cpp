@@ -205,6 +205,9 @@ TEST(MidiTimeCodeSeconds, RoundTripAndSpacingThroughEveryLabel) {
     EXPECT_DOUBLE_EQ(MidiTimeCode(1, 0, 0, 0, FrameRate::Fps2997Drop).GetAsSeconds(), 3600.0);
     EXPECT_EQ(MidiTimeCode(3599.9999, FrameRate::Fps2997Drop).GetAsString(), "00:59:59;29");
     EXPECT_EQ(MidiTimeCode(-1.0, FrameRate::Fps25).GetAsString(), "00:00:00:00");
+    // A rounding error short of midnight is midnight, not hour 24.
+    EXPECT_EQ(MidiTimeCode(86400.0 - 1e-11, FrameRate::Fps30).GetAsString(), "00:00:00:00");
+    EXPECT_EQ(MidiTimeCode(86400.0 + 0.5, FrameRate::Fps25).GetAsString(), "00:00:00:12");
 }
 
 TEST(MidiTimeCodeArithmetic, AddingFramesEqualsSteppingAcrossDropMinutes) {

@@ -330,8 +330,9 @@ void MidiTimeCode::SetFromSeconds(double x) {
         x = 0.0;
     }
     x = std::fmod(x, kHoursPerDay * 3600.0);
-    hours = static_cast<unsigned char>(FloorWithTolerance(x / 3600.0, 3600.0));
-    const double r = x - hours * 3600.0;
+    const double wholeHours = FloorWithTolerance(x / 3600.0, 3600.0);
+    const double r = x - wholeHours * 3600.0;
+    hours = static_cast<unsigned char>(static_cast<unsigned>(wholeHours) % kHoursPerDay);
     const double quarter = secondsPerFrame * 0.25;
     double frameSeconds = 0.0;
     if (frameRate != FrameRate::Fps2997Drop) {
