@@ -442,13 +442,11 @@ int Run(const Options& options, velt_play::MainEvents& events) {
         songs.push_back({entry.name, entry.song, entry.error});
     }
     std::unique_ptr<velt_play::SyncOutputs> sync;  // outlives the session, which calls it
-    if (options.sync.Any()) {
-        sync = std::make_unique<velt_play::SyncOutputs>(
-            *playable.show, Checked([&] { return velt_play::ResolveSyncOptions(options.sync); }));
-    }
     auto session = std::make_unique<ShowSession>(
         std::move(songs), playable.show, velt_play::SessionOptions{options.clock, plan.device});
-    if (sync) {
+    if (options.sync.Any()) {  // after the session: the music has the first claim on a port
+        sync = std::make_unique<velt_play::SyncOutputs>(
+            *playable.show, Checked([&] { return velt_play::ResolveSyncOptions(options.sync); }));
         session->SetTransportHooks(sync->Hooks());
     }
     session->SetStatusListener(

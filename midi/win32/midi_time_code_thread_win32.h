@@ -11,8 +11,8 @@
 // Output. The port is opened when an index is first given and re-opened when the index changes
 // (a failed open leaves no port and throws; sends without a port are dropped). A full frame
 // is handed to the service in a prepared buffer and the call waits until the service hands it
-// back, so the buffer's lifetime is the call's. A failed send writes a warning line and the
-// stream goes on.
+// back, so the buffer's lifetime is the call's. A failed send writes a warning line (once for a
+// run of failures, as a lost port fails every message) and the stream goes on.
 //
 // Threads: one worker thread ("mtc_generator") runs the timer and calls the base's timer
 // callback; control threads call the base's public operations and SetOutputPortIndex; the MIDI
@@ -73,6 +73,8 @@ class MidiTimeCodeThreadWin32 : public MidiTimeCodeThread {
     bool WaitForDeadline_(std::unique_lock<std::recursive_mutex>& lock, std::int64_t deadline,
                           std::uint64_t generation);
     void ClosePort_();
+    /// Writes a warning line for the first failure of a run of failed sends.
+    void NoteSendResult_(const char* action, MMRESULT result);
     static void CALLBACK ServiceCallback_(HMIDIOUT, UINT message, DWORD_PTR instance, DWORD_PTR,
                                           DWORD_PTR);
 
@@ -80,6 +82,7 @@ class MidiTimeCodeThreadWin32 : public MidiTimeCodeThread {
     // Under the base's mutex.
     HMIDIOUT port_ = nullptr;
     std::optional<unsigned int> portIndex_;
+    bool sendFailing_ = false;      // the last send failed (its warning is written)
     std::uint64_t generation_ = 0;  // one more on every StopTimer: a stretch's timer is its value
     // Under completionMutex_: the service has handed the full frame's buffer back.
     std::mutex completionMutex_;

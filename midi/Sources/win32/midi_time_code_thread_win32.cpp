@@ -16,11 +16,17 @@ constexpr std::chrono::nanoseconds kCoarseMargin{2'000'000};
 // A full frame the service has not handed back by then is taken back with a reset.
 constexpr std::chrono::seconds kLongMessageLimit{1};
 
-void WarnSendFailed(const char* action, MMRESULT result) {
-    kit::CoutBuffer() << "WARNING: MidiTimeCodeThreadWin32 " << action
-                      << " failed: " << GetMidiErrorAsString(result) << kit::endl;
-}
 }  // namespace
+
+void MidiTimeCodeThreadWin32::NoteSendResult_(const char* action, MMRESULT result) {
+    if (result == MMSYSERR_NOERROR) {
+        sendFailing_ = false;
+    } else if (!sendFailing_) {  // once per run of failures: a lost port fails every message
+        sendFailing_ = true;
+        kit::CoutBuffer() << "WARNING: MidiTimeCodeThreadWin32 " << action
+                          << " failed: " << GetMidiErrorAsString(result) << kit::endl;
+    }
+}
 
 MidiTimeCodeThreadWin32::Timing MidiTimeCodeThreadWin32::PreciseTiming() {
     return Timing{[] { return static_cast<std::int64_t>(VeltPreciseTimeNow()); },
@@ -140,10 +146,7 @@ void MidiTimeCodeThreadWin32::SendQuarterFrameMessages(
     }
     for (const QuarterFrameMessage& message : messages) {
         const DWORD word = message.Get()[0] | (DWORD{message.Get()[1]} << 8);
-        const MMRESULT result = midiOutShortMsg(port_, word);
-        if (result != MMSYSERR_NOERROR) {
-            WarnSendFailed("midiOutShortMsg", result);
-        }
+        NoteSendResult_("midiOutShortMsg", midiOutShortMsg(port_, word));
     }
 }
 
@@ -158,8 +161,8 @@ void MidiTimeCodeThreadWin32::SendFullFrameMessage(const FullFrameMessage& messa
     header.dwBufferLength = static_cast<DWORD>(bytes.size());
     header.dwBytesRecorded = header.dwBufferLength;
     MMRESULT result = midiOutPrepareHeader(port_, &header, sizeof header);
+    NoteSendResult_("midiOutPrepareHeader", result);
     if (result != MMSYSERR_NOERROR) {
-        WarnSendFailed("midiOutPrepareHeader", result);
         return;
     }
     {
@@ -167,9 +170,8 @@ void MidiTimeCodeThreadWin32::SendFullFrameMessage(const FullFrameMessage& messa
         longMessageDone_ = false;
     }
     result = midiOutLongMsg(port_, &header, sizeof header);
-    if (result != MMSYSERR_NOERROR) {
-        WarnSendFailed("midiOutLongMsg", result);
-    } else {
+    NoteSendResult_("midiOutLongMsg", result);
+    if (result == MMSYSERR_NOERROR) {
         std::unique_lock done(completionMutex_);
         if (!completion_.wait_for(done, kLongMessageLimit, [this] { return longMessageDone_; })) {
             done.unlock();
