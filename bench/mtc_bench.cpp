@@ -4,7 +4,8 @@
 //    fps, with the generator on the platform's clock writing to a virtual output device (the
 //    device stamps each message as it arrives). Two ways of driving it:
 //      - "2-frame stretches": the caller hands over stretches of eight quarter frames at the
-//        real time each one starts (a caller on its own absolute deadlines);
+//        real time each one starts (a caller on its own absolute deadlines, at time-critical
+//        priority as the player's clock thread is);
 //      - "clock periods": one stretch per MIDI clock at 120 beats a minute (20.833 ms), as the
 //        player drives it; a period is not a whole number of quarter frames, so the spacing
 //        within each stretch is the stretch's own (duration / its quarter frames).
@@ -165,6 +166,10 @@ void OffsetRun(FrameRate rate) {
 
 int main(int argc, char** argv) {
     const double seconds = argc > 1 ? std::atof(argv[1]) : 10.0;
+    // The caller hands over stretches at time-critical priority, as the player's clock does.
+    if (!SetThreadPriority(GetCurrentThread(), THREAD_PRIORITY_TIME_CRITICAL)) {
+        std::printf("the driving thread runs at normal priority\n");
+    }
     std::printf("load average before: %s\n", LoadAverage().c_str());
     std::printf("Quarter-frame spacing error (|interval - ideal|), %.0f s per run:\n", seconds);
     for (const FrameRate rate : {FrameRate::Fps25, FrameRate::Fps2997Drop}) {

@@ -41,8 +41,11 @@ class MidiTimeCodeThreadWin32 : public MidiTimeCodeThread {
         std::function<std::int64_t()> now;
         std::function<void(std::int64_t deadline)> waitUntil;
         std::chrono::nanoseconds coarseMargin;
+        /// The worker asks for time-critical priority (a refusal is logged once).
+        bool timeCritical = false;
     };
-    /// The platform's high-resolution clock and absolute wait, spinning the last 200 us.
+    /// The platform's high-resolution clock and absolute wait, spinning the last 200 us, at
+    /// time-critical priority.
     static Timing PreciseTiming();
 
     /// Starts the worker thread; no port until SetOutputPortIndex.

@@ -31,7 +31,7 @@ void MidiTimeCodeThreadWin32::NoteSendResult_(const char* action, MMRESULT resul
 MidiTimeCodeThreadWin32::Timing MidiTimeCodeThreadWin32::PreciseTiming() {
     return Timing{[] { return static_cast<std::int64_t>(VeltPreciseTimeNow()); },
                   [](std::int64_t deadline) { VeltPreciseWaitUntil(deadline, kSpin.count()); },
-                  kCoarseMargin};
+                  kCoarseMargin, true};
 }
 
 MidiTimeCodeThreadWin32::MidiTimeCodeThreadWin32() : MidiTimeCodeThreadWin32(PreciseTiming()) {}
@@ -60,6 +60,11 @@ void MidiTimeCodeThreadWin32::StopTimer() {
 
 void MidiTimeCodeThreadWin32::Run() {
     kit::threadNames.SetNameOfCurrentThread("mtc_generator");
+    if (timing_.timeCritical &&
+        !SetThreadPriority(GetCurrentThread(), THREAD_PRIORITY_TIME_CRITICAL)) {
+        kit::CoutBuffer() << "WARNING: MidiTimeCodeThreadWin32 runs at normal priority, "
+                          << "SetThreadPriority error " << GetLastError() << kit::endl;
+    }
     std::unique_lock lock(GetMutex_());
     std::uint64_t stretch = generation_ - 1;  // none yet
     std::int64_t first = 0;
