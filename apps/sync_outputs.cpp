@@ -8,6 +8,7 @@
 
 #include "apps/play_support.h"
 #include "interfaces/kit.h"
+#include "interfaces/notify.h"
 #include "midi/velt_midi_error.h"
 #include "midi/win32/midi_device_info.h"
 
@@ -136,10 +137,87 @@ SyncOutputs::SyncOutputs(const velt_midi::ShowData& show, SyncOptions options)
     if (options_.timeCodePort) {
         timeCode_.StartMidiTimeCode();
     }
+    pacer_ = std::thread([this] {
+        kit::threadNames.SetNameOfCurrentThread("mtc_pacing");
+        if (!SetThreadPriority(GetCurrentThread(), THREAD_PRIORITY_TIME_CRITICAL)) {
+            kit::CoutBuffer() << "WARNING: time-code pacing runs at normal priority" << kit::endl;
+        }
+        try {
+            Pace_();
+        } catch (const std::exception& error) {
+            VeltLogException(error.what(), "apps/sync_outputs", __LINE__);
+        } catch (...) {
+            VeltLogException("Unknown exception.", "apps/sync_outputs", __LINE__);
+        }
+    });
 }
 
 SyncOutputs::~SyncOutputs() {
+    {
+        std::scoped_lock lock(mutex_);
+        exit_ = true;
+    }
+    paced_.notify_all();
+    pacer_.join();
     timeCode_.Shutdown();
+}
+
+void SyncOutputs::StopPacing_() {
+    anchor_.reset();
+    ++run_;
+    paced_.notify_all();
+}
+
+void SyncOutputs::Pace_() {
+    constexpr std::int64_t kCoarseMarginNs = 2'000'000;  // the rest is the precise wait
+    constexpr std::int64_t kSpinNs = 200'000;
+    std::unique_lock lock(mutex_);
+    std::uint64_t run = run_;
+    std::optional<MidiTimeCode> next;  // the next quarter frame's boundary
+    while (!exit_) {
+        if (run != run_) {
+            run = run_;
+            next.reset();
+        }
+        if (!anchor_ || anchor_->rate <= 0.0) {
+            paced_.wait(lock);
+            continue;
+        }
+        const FrameRate rate = timeCode_.GetFrameRate();
+        if (!next || next->GetFrameRate() != rate) {
+            next = MidiTimeCode(anchor_->seconds, rate);
+            next->SetQuarterFrameIndex(next->GetQuarterFrameIndex());  // the boundary at or before
+            if (next->GetAsSeconds() < anchor_->seconds - MidiTimeCode::kSecondsTolerance) {
+                next->IncrementQuarterFrame();
+            }
+        }
+        const double boundary = next->GetAsSeconds();
+        if (boundary >= anchor_->end - MidiTimeCode::kSecondsTolerance) {
+            paced_.wait(lock);  // past what the clock has sent: wait for the next period
+            continue;
+        }
+        const std::int64_t due =
+            anchor_->realNs + std::llround((boundary - anchor_->seconds) / anchor_->rate * 1e9);
+        const std::int64_t remaining = due - VeltPreciseTimeNow();
+        if (remaining > kCoarseMarginNs) {
+            paced_.wait_for(lock, std::chrono::nanoseconds(remaining - kCoarseMarginNs));
+            continue;  // the anchor may have moved
+        }
+        const double showRate = anchor_->rate;
+        lock.unlock();
+        VeltPreciseWaitUntil(due, kSpinNs);
+        lock.lock();
+        if (run != run_ || exit_) {
+            continue;
+        }
+        MidiTimeCode after = *next;
+        after.IncrementQuarterFrame();
+        const double end = after.GetAsSeconds();
+        lock.unlock();
+        timeCode_.SetMidiTimeCodeInterval(boundary, end, (end - boundary) / showRate);
+        lock.lock();
+        next = after;
+    }
 }
 
 TransportHooks SyncOutputs::Hooks() {
@@ -158,6 +236,7 @@ void SyncOutputs::Located_(const velt_midi::SongData& song, std::uint32_t tick) 
     double seconds = 0.0;
     {
         std::scoped_lock lock(mutex_);
+        StopPacing_();
         ticksPerQuarter_ = song.GetTicksPerQuarter();
         songEnd_ = song.GetTimeline().lastTickIndex;
         converter_.UpdateToNewSong(song.GetSongName(), ticksPerQuarter_);
@@ -182,25 +261,24 @@ void SyncOutputs::Starting_(std::uint32_t tick) {
 }
 
 void SyncOutputs::PeriodSent_(std::uint32_t tick, double clockTime) {
-    std::pair<double, double> span;
-    {
-        std::scoped_lock lock(mutex_);
-        if (tick >= songEnd_) {  // the period at the song's end sends nothing of the song
-            return;
-        }
-        if (beatClock_) {
-            beatClock_->Send(kTimingClock);
-        }
-        span = converter_.GetTimeCodeSecondsPair(tick);
-        span.first += options_.timeCodeOffset;
-        span.second += options_.timeCodeOffset;
-        shownSeconds_ = span.first;
+    const std::int64_t now = VeltPreciseTimeNow();
+    std::scoped_lock lock(mutex_);
+    if (tick >= songEnd_) {  // the period at the song's end sends nothing of the song
+        return;
     }
-    timeCode_.SetMidiTimeCodeInterval(span.first, span.second, clockTime);
+    if (beatClock_) {
+        beatClock_->Send(kTimingClock);
+    }
+    const auto [from, to] = converter_.GetTimeCodeSecondsPair(tick);
+    shownSeconds_ = from + options_.timeCodeOffset;
+    anchor_ = Anchor{now, shownSeconds_, clockTime > 0.0 ? (to - from) / clockTime : 0.0,
+                     to + options_.timeCodeOffset};
+    paced_.notify_all();
 }
 
 void SyncOutputs::Stopped_() {
     std::scoped_lock lock(mutex_);
+    StopPacing_();
     if (beatClock_ && running_) {
         beatClock_->Send(kStop);
     }

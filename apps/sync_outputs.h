@@ -6,22 +6,33 @@
 //
 // Time code is show time: the songs lie end to end in ascending name order (the engine's
 // time-code references), plus an offset the performer gives; a song is located by the show time
-// of its tick. Each clock period hands the generator the show time of that clock and of the
-// next, to be covered in the period's real length.
+// of its tick.
+//
+// Pacing. A clock period is not a whole number of quarter frames, and the generator sends the
+// first quarter frame of each stretch the moment it is handed over; so the stretches are not the
+// clock's periods. Each period sent anchors the show time of its clock at the real time it was
+// sent, with the rate show time runs at (one clock of show time over the period's real length:
+// tempo scale included). A pacing thread hands the generator one quarter frame at a time, at the
+// real time the anchor puts that quarter frame's boundary, and never past the end of the last
+// period sent: when the clock stops (a stop, a caesura, the end) the time code stops with it.
 //
 // Threads: the session calls the hooks from the host thread (locate, start, stop), the clock's
 // thread (each period sent) and the output's stopped thread (the song's end, a caesura); the
-// console calls the switches and the texts from the host thread. Locks: the outputs' mutex
-// around their own state and the beat-clock port; the time-code controller takes its own after
-// it. No lock of the session is held when a hook runs (the session says where it calls them).
+// console calls the switches and the texts from the host thread; the pacing thread
+// ("mtc_pacing", time-critical) calls the time-code controller. Locks: the outputs' mutex around
+// their own state, the anchor and the beat-clock port; it is released before the time-code
+// controller is called, which takes its own. No lock of the session is held when a hook runs
+// (the session says where it calls them).
 #pragma once
 
+#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
+#include <thread>
 
 #include "apps/show_session.h"
 #include "midi/time_code_controller.h"
@@ -97,6 +108,9 @@ class SyncOutputs {
     void PeriodSent_(std::uint32_t tick, double clockTime);
     void Stopped_();
     double Seconds_(std::uint32_t tick) const;  // with the mutex held
+    void Pace_();
+    /// No anchor: the pacing thread waits; a new run starts its boundaries afresh.
+    void StopPacing_();  // with the mutex held
 
     SyncOptions options_;
     MidiTimeCodeController timeCode_;
@@ -107,6 +121,20 @@ class SyncOutputs {
     std::uint32_t songEnd_ = 0;  // the current song's last tick
     double shownSeconds_ = 0.0;  // show time of the last locate or period
     bool running_ = false;       // beat clock started and not stopped
+
+    // Where show time stands in real time: `seconds` at `realNs` (the platform's precise clock),
+    // running at `rate` show seconds per real second, sent up to `end`.
+    struct Anchor {
+        std::int64_t realNs = 0;
+        double seconds = 0.0;
+        double rate = 0.0;
+        double end = 0.0;
+    };
+    std::optional<Anchor> anchor_;  // none while the clock is not running
+    std::uint64_t run_ = 0;         // one more on every locate and stop
+    bool exit_ = false;
+    std::condition_variable paced_;  // a new anchor, a stop, the exit
+    std::thread pacer_;              // last: starts once every field above exists
 };
 
 }  // namespace velt_play

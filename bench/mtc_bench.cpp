@@ -6,9 +6,12 @@
 //      - "2-frame stretches": the caller hands over stretches of eight quarter frames at the
 //        real time each one starts (a caller on its own absolute deadlines, at time-critical
 //        priority as the player's clock thread is);
-//      - "clock periods": one stretch per MIDI clock at 120 beats a minute (20.833 ms), as the
-//        player drives it; a period is not a whole number of quarter frames, so the spacing
-//        within each stretch is the stretch's own (duration / its quarter frames).
+//      - "clock periods": one stretch per MIDI clock at 120 beats a minute (20.833 ms); a
+//        period is not a whole number of quarter frames, so the spacing within each stretch is
+//        the stretch's own (duration / its quarter frames);
+//      - "velt-play pacing": velt-play's own path, a show session playing a song whose tempo
+//        changes every bar, its sync outputs handing the generator one quarter frame at a time
+//        at the real time the clock's periods put it.
 //    p50 / p99 / max of |spacing - ideal| in milliseconds.
 // 2. Where the decoded time code stands after 10 minutes of a song with a tempo change every
 //    bar (80 to 160 beats a minute), driven clock period by clock period through the show's
@@ -29,6 +32,8 @@
 #include <string>
 #include <vector>
 
+#include "apps/show_session.h"
+#include "apps/sync_outputs.h"
 #include "midi/time_code_converter.h"
 #include "midi/win32/midi_time_code_thread_win32.h"
 #include "platform/virtual_midi.h"
@@ -60,6 +65,63 @@ double SecondsPerFrame(FrameRate rate) {
     return rate == FrameRate::Fps25 ? 0.04 : 1 / 29.97;
 }
 
+// |interval - ideal| of the quarter frames the device received, in milliseconds.
+std::vector<double> SpacingErrors(const VirtualMidiOutput& port, double quarter) {
+    std::vector<double> errors;
+    std::int64_t previous = 0;
+    for (const auto& message : port.Messages()) {
+        if (message.bytes.size() != 2) {
+            continue;  // a full frame
+        }
+        if (previous != 0) {
+            errors.push_back(std::abs((message.timestampNs - previous) * 1e-9 - quarter) * 1e3);
+        }
+        previous = message.timestampNs;
+    }
+    return errors;
+}
+
+void PrintSpacing(FrameRate rate, const char* how, const std::vector<double>& errors) {
+    std::printf("  %-15s %-17s %7zu intervals  p50 %.4f ms  p99 %.4f ms  max %.4f ms\n",
+                ConvertFrameRateToString(rate).c_str(), how, errors.size(), Percentile(errors, 0.5),
+                Percentile(errors, 0.99), Percentile(errors, 1.0));
+}
+
+// velt-play's own path: a show session playing a song whose tempo changes every bar, its sync
+// outputs pacing the time code from the clock's periods.
+void PlayerRun(FrameRate rate, double seconds) {
+    VirtualMidiOutput music("MTC Bench Music");
+    VirtualMidiOutput port("MTC Bench Player");
+    velt_core::SongBuilder builder("Paced", 480);
+    std::mt19937 random(11);
+    std::uniform_real_distribution<double> tempo(80.0, 160.0);
+    double songSeconds = 0.0;
+    std::uint32_t tick = 0;
+    while (songSeconds < seconds) {
+        const double bpm = tempo(random);
+        builder.Tempo(tick, bpm);
+        tick += 1920;
+        songSeconds += 4 * 60.0 / bpm;
+    }
+    builder.LastTick(tick).Track(0x00, "Pulse", 0, {0, 127}).Note(0x00, 0, 60, 90, 240);
+    const auto song = builder.Build();
+    auto show = std::make_shared<pv::ParvelShowData>();
+    show->AddSong(song);
+    velt_play::SyncCommandLine line;
+    line.timeCodePort = "MTC Bench Player";
+    line.frameRate = rate == FrameRate::Fps25 ? "25" : "29.97";
+    velt_play::SyncOutputs sync(*show, velt_play::ResolveSyncOptions(line));
+    {
+        velt_play::ShowSession session({{song->GetSongName(), song, ""}}, show,
+                                       {velt_play::ClockKind::precision, "MTC Bench Music"});
+        session.SetTransportHooks(sync.Hooks());
+        session.Play();
+        session.WaitUntilNotPlaying(
+            std::chrono::milliseconds(static_cast<int>(seconds * 1000 * 2 + 5000)));
+    }
+    PrintSpacing(rate, "velt-play pacing", SpacingErrors(port, SecondsPerFrame(rate) / 4));
+}
+
 void SpacingRun(FrameRate rate, bool perClock, double seconds) {
     VirtualMidiOutput port("MTC Bench");
     MidiTimeCodeThreadWin32 generator;
@@ -75,21 +137,8 @@ void SpacingRun(FrameRate rate, bool perClock, double seconds) {
         generator.SetMidiTimeCodeInterval(from, from + stretch, stretch);
     }
     generator.WaitUntilStretchSent(1s);
-    std::vector<double> errors;
-    std::int64_t previous = 0;
-    for (const auto& message : port.Messages()) {
-        if (message.bytes.size() != 2) {
-            continue;  // the full frame
-        }
-        if (previous != 0) {
-            errors.push_back(std::abs((message.timestampNs - previous) * 1e-9 - quarter) * 1e3);
-        }
-        previous = message.timestampNs;
-    }
-    std::printf("  %-15s %-17s %7zu intervals  p50 %.4f ms  p99 %.4f ms  max %.4f ms\n",
-                ConvertFrameRateToString(rate).c_str(),
-                perClock ? "clock periods" : "2-frame stretches", errors.size(),
-                Percentile(errors, 0.5), Percentile(errors, 0.99), Percentile(errors, 1.0));
+    PrintSpacing(rate, perClock ? "clock periods" : "2-frame stretches",
+                 SpacingErrors(port, quarter));
 }
 
 // A clock that only moves when the generator waits (to the deadline) or the driver sets it.
@@ -176,6 +225,7 @@ int main(int argc, char** argv) {
         for (const bool perClock : {false, true}) {
             SpacingRun(rate, perClock, seconds);
         }
+        PlayerRun(rate, seconds);
     }
     std::printf(
         "Decoded time code against the song position after 10 minutes, tempo changing "
