@@ -6,6 +6,7 @@
 // asserted.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cmath>
 #include <condition_variable>
@@ -38,6 +39,7 @@ class TestClock {
                     changed_.notify_all();
                     changed_.wait(lock, [this] { return !held_; });
                     --waiting_;
+                    deadlines_.push_back(deadline);
                     if (deadline > now_) {
                         now_ = deadline;
                     }
@@ -45,6 +47,11 @@ class TestClock {
                 std::chrono::hours(1)};
     }
     void Set(std::int64_t ns) { now_ = ns; }
+    // Every deadline the generator's timer waited for, in order.
+    std::vector<std::int64_t> Deadlines() {
+        std::lock_guard lock(mutex_);
+        return deadlines_;
+    }
     std::int64_t Now() const { return now_; }
     void Hold() {
         std::lock_guard lock(mutex_);
@@ -69,28 +76,7 @@ class TestClock {
     std::condition_variable changed_;
     bool held_ = false;
     int waiting_ = 0;
-};
-
-// The generator, noting the test clock's time of every quarter frame it writes.
-class TimedGenerator : public MidiTimeCodeThreadWin32 {
-  public:
-    explicit TimedGenerator(TestClock& clock)
-        : MidiTimeCodeThreadWin32(clock.Timing()), clock_(clock) {}
-    ~TimedGenerator() override = default;
-    std::vector<std::int64_t> SendTimes() {
-        std::lock_guard lock(GetMutex_());
-        return sendTimes_;
-    }
-
-  protected:
-    void SendQuarterFrameMessages(const std::vector<QuarterFrameMessage>& messages) override {
-        sendTimes_.insert(sendTimes_.end(), messages.size(), clock_.Now());
-        MidiTimeCodeThreadWin32::SendQuarterFrameMessages(messages);
-    }
-
-  private:
-    TestClock& clock_;
-    std::vector<std::int64_t> sendTimes_;  // under the base's mutex
+    std::vector<std::int64_t> deadlines_;
 };
 
 double SecondsPerFrame(FrameRate rate) {
@@ -112,7 +98,7 @@ double SecondsOf(const Label& l) {
 struct Fixture {
     TestClock clock;
     VirtualMidiOutput port{"MTC Receiver"};
-    TimedGenerator generator{clock};
+    MidiTimeCodeThreadWin32 generator{clock.Timing()};
 
     explicit Fixture(FrameRate rate) {
         generator.SetOutputPortIndex(*port.DeviceId());
@@ -175,15 +161,22 @@ TEST(MtcGenerator, ContiguousStretchesGiveOneEvenStreamOfQuarterFrames) {
     Fixture f(FrameRate::Fps25);
     // Stretches of 12 quarter frames (0.12 s) played over 0.15 s each: the messages must be
     // 12.5 ms apart everywhere, the seams between stretches included.
+    // The first message of a stretch goes out at its call, every other one at a deadline of the
+    // timer.
     const double quarter = 0.01;
     double start = 10.0;
+    std::vector<std::int64_t> times;
     for (int stretch = 0; stretch < 5; ++stretch) {
-        f.clock.Set(std::llround(stretch * 0.15 * 1e9) + 5'000'000'000);
+        times.push_back(std::llround(stretch * 0.15 * 1e9) + 5'000'000'000);
+        f.clock.Set(times.back());
         f.generator.SetMidiTimeCodeInterval(start, start + 12 * quarter, 0.15);
         ASSERT_TRUE(f.generator.WaitUntilStretchSent(5s));
         start += 12 * quarter;
     }
-    const auto times = f.generator.SendTimes();
+    const auto deadlines = f.clock.Deadlines();
+    times.insert(times.end(), deadlines.begin(), deadlines.end());
+    std::sort(times.begin(), times.end());
+    ASSERT_EQ(f.port.Messages().size(), 61u);  // and the full frame
     ASSERT_EQ(times.size(), 60u);
     for (std::size_t i = 1; i < times.size(); ++i) {
         EXPECT_NEAR(static_cast<double>(times[i] - times[i - 1]), 12.5e6, 2.0) << "message " << i;

@@ -30,7 +30,9 @@
 #include "midi/mtc_thread.h"
 #include "platform/mmsystem.h"
 
-class MidiTimeCodeThreadWin32 : public MidiTimeCodeThread {
+// Final: the worker starts in the constructor and calls the virtual operations, so a class
+// derived from this one would be called before it exists and after it is gone.
+class MidiTimeCodeThreadWin32 final : public MidiTimeCodeThread {
   public:
     /// The clock and the last stretch of each wait, in nanoseconds of one monotonic clock.
     /// `coarseMargin` is how long before a deadline the thread stops sleeping on the condition
@@ -63,14 +65,13 @@ class MidiTimeCodeThreadWin32 : public MidiTimeCodeThread {
     /// returns whether it has. For a caller that must know the output is quiet.
     bool WaitUntilStretchSent(std::chrono::milliseconds limit);
 
-  protected:
+  private:
     void StopTimer() override;
     void SendQuarterFrameMessages(const std::vector<QuarterFrameMessage>& messages) override;
     void SendFullFrameMessage(const FullFrameMessage& message) override;
     void Run() override;
     double GetCurrentTime() override;
 
-  private:
     /// Waits until `deadline` unless the stretch `generation` is stopped first (then false).
     /// Called and returns with the base's mutex held by `lock`.
     bool WaitForDeadline_(std::unique_lock<std::recursive_mutex>& lock, std::int64_t deadline,
