@@ -50,8 +50,8 @@ bool TakeSyncOption(const std::string& option, const std::function<std::string()
 }
 
 namespace {
-unsigned int DeviceIndex(const std::string& spec) {
-    const std::string name = ResolveDevice(spec);
+unsigned int DeviceIndex(const std::string& wanted) {
+    const std::string name = ResolveDevice(wanted);
     const auto names = OutputDeviceNames();
     return static_cast<unsigned int>(std::find(names.begin(), names.end(), name) - names.begin());
 }
