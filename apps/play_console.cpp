@@ -385,6 +385,12 @@ class Console {
             case '(':
                 session_.DecreaseDisplayDelay();
                 break;
+            case 'c':
+            case 'f':
+                message_ = setup_.sync == nullptr ? "No time code: start with --mtc PORT."
+                           : key == 'c'           ? setup_.sync->ToggleTimeCode()
+                                                  : setup_.sync->NextFrameRate();
+                break;
             case '?':
             case 'h':
                 PrintAbove_(ConsoleHelp());
@@ -539,6 +545,9 @@ class Console {
         if (!setup_.recordingNote.empty()) {
             lines.push_back(setup_.recordingNote);
         }
+        if (setup_.sync != nullptr) {
+            lines.push_back(setup_.sync->StatusLine());
+        }
         if (prompt_) {
             lines.push_back(std::string("> ") + Question(*prompt_) + ": " + answer_ + "_");
         } else if (!message_.empty()) {
@@ -610,6 +619,7 @@ const char* ConsoleHelp() {
            "  m       mute or unmute a track        g  mute or unmute a group of tracks\n"
            "  v       volume trim of a track        o  choose the output device\n"
            "  )  (    display delay up / down 10 ms\n"
+           "  c       time code off / on            f  next time-code frame rate\n"
            "  ?       these keys                    q  quit (asks again while playing)\n"
            "A question is answered with Enter; Esc cancels it, Backspace deletes.";
 }

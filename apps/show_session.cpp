@@ -223,6 +223,9 @@ void ShowSession::Cue_(std::uint32_t tick) {
         shownTick_ = tick;
         display_->Seek(tick);
     }
+    if (hooks_.located) {
+        hooks_.located(Song_(), tick);
+    }
 }
 
 std::uint32_t ShowSession::ResumeTick_() {
@@ -380,6 +383,9 @@ void ShowSession::Start_(std::uint32_t tick) {
         stopBeforeReached_ = false;
         lastSentEnd_ = tick;
     }
+    if (hooks_.located) {
+        hooks_.located(Song_(), tick);
+    }
     output_->Seek(tick);
     clock_->ArmPlayback(ticksPerClock_, clocksPerClick, clockTime, tick, clockNumber);
     {
@@ -390,6 +396,9 @@ void ShowSession::Start_(std::uint32_t tick) {
         throw std::logic_error("the output refused to arm after priming");
     }
     SetState_(PlayState::playing);
+    if (hooks_.starting) {
+        hooks_.starting(tick);
+    }
     clock_->ContinuousMode();
     Publish_();
 }
@@ -427,6 +436,9 @@ void ShowSession::Halt_(PlayState why) {
         resumeTick = lastSentEnd_;
     }
     waitForClockStop_(clockStopLimit);
+    if (hooks_.stopped) {
+        hooks_.stopped();
+    }
     {
         std::scoped_lock lock(positionMutex_);
         resumeTick_ = resumeTick;
@@ -530,6 +542,9 @@ void ShowSession::RecordFilledNotes_(std::uint32_t tick, MidiBuffer& buffer) {
 // Returns whether playback stops here: the next period would reach PlayUntilBar's limit, or this
 // one holds a caesura.
 bool ShowSession::PeriodSent_(unsigned int tick) {
+    if (hooks_.periodSent) {
+        hooks_.periodSent(tick, clock_->GetClockState().GetClockTime());
+    }
     std::scoped_lock lock(sentMutex_);
     if (const auto filled = filledNotes_.find(tick); filled != filledNotes_.end()) {
         for (const auto& [key, change] : filled->second) {
@@ -557,6 +572,9 @@ bool ShowSession::PeriodSent_(unsigned int tick) {
 }
 
 void ShowSession::Stopped_() {
+    if (hooks_.stopped) {
+        hooks_.stopped();
+    }
     bool limit = false;
     bool caesura = false;
     std::uint32_t stoppedAt = 0;

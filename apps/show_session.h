@@ -75,6 +75,20 @@ struct SessionOptions {
     std::string device;
 };
 
+/// What equipment that follows the show is told (beat clock, time code). Each may be empty.
+/// `located`: the song and tick playback is positioned at (a cue, or the start of a run), host
+/// thread. `starting`: a run is about to start at the tick (before its first clock), host
+/// thread. `periodSent`: the clock period starting at the tick, of `clockTime` seconds, has
+/// been sent (clock thread). `stopped`: a run ended (host thread for a stop or a jump, the
+/// output's stopped thread at the song's end, a caesura or a limit). Called with no lock of the
+/// session held, except `periodSent`, under the client mutex of the send step.
+struct TransportHooks {
+    std::function<void(const velt_midi::SongData& song, std::uint32_t tick)> located;
+    std::function<void(std::uint32_t tick)> starting;
+    std::function<void(std::uint32_t tick, double clockTime)> periodSent;
+    std::function<void()> stopped;
+};
+
 /// Threads that enter: the host's thread (every verb and query), the output's queue thread (the
 /// fill callback), the clock's thread (the caesura check after each sent period), the output's
 /// async-stopped thread (the stopped callback) and the display thread (the downbeat callback,
@@ -108,6 +122,8 @@ class ShowSession {
     ~ShowSession();
 
     void SetStatusListener(StatusListener listener);
+    /// Sets the sync hooks; call before the first verb that plays.
+    void SetTransportHooks(TransportHooks hooks) { hooks_ = std::move(hooks); }
 
     // Transport. Each verb returns once the engine has taken it in.
 
@@ -253,6 +269,7 @@ class ShowSession {
     std::unique_ptr<HowToPlay> display_;  // a position of its own, at the tick shown
     StatusListener listener_;
 
+    TransportHooks hooks_;                     // set before playing, then only read
     std::unique_ptr<MidiOutputWin32> output_;  // last: destroyed first
 };
 

@@ -29,6 +29,7 @@
 #include "apps/play_console.h"
 #include "apps/play_support.h"
 #include "apps/show_session.h"
+#include "apps/sync_outputs.h"
 #include "platform/virtual_midi.h"
 #include "velt_core/show_loader.h"
 
@@ -82,6 +83,7 @@ struct Options {
     std::optional<std::string> device;
     std::optional<std::string> record;
     velt_play::ClockKind clock = velt_play::ClockKind::precision;
+    velt_play::SyncCommandLine sync;
 };
 
 bool IsDigits(const std::string& text) {
@@ -138,6 +140,7 @@ Options ParseOptions(int argc, char** argv) {
         };
         if (arg == "--help" || arg == "-h") {
             options.help = flag();
+        } else if (Checked([&] { return velt_play::TakeSyncOption(arg, value, options.sync); })) {
         } else if (arg == "--list-devices") {
             options.listDevices = flag();
         } else if (arg == "--play") {
@@ -434,6 +437,7 @@ void ListDevices() {
 int Run(const Options& options, velt_play::MainEvents& events) {
     if (options.help) {
         std::fputs(usage, stdout);
+        std::fputs(velt_play::syncUsage, stdout);
         return 0;
     }
     if (options.listDevices) {
@@ -450,8 +454,14 @@ int Run(const Options& options, velt_play::MainEvents& events) {
     for (const auto& entry : playable.songs) {
         songs.push_back({entry.name, entry.song, entry.error});
     }
+    std::unique_ptr<velt_play::SyncOutputs> sync;  // outlives the session, which calls it
     auto session = std::make_unique<ShowSession>(
         std::move(songs), playable.show, velt_play::SessionOptions{options.clock, plan.device});
+    if (options.sync.Any()) {  // after the session: the music has the first claim on a port
+        sync = std::make_unique<velt_play::SyncOutputs>(
+            *playable.show, Checked([&] { return velt_play::ResolveSyncOptions(options.sync); }));
+        session->SetTransportHooks(sync->Hooks());
+    }
     session->SetStatusListener(
         [&events](const velt_play::SessionStatus& status) { events.PostStatus(status); });
     if (options.tempoScale) {
@@ -493,7 +503,8 @@ int Run(const Options& options, velt_play::MainEvents& events) {
         }
         status = velt_play::RunConsole(*session, events,
                                        {showName, playable.show, recordingNote,
-                                        options.clock == velt_play::ClockKind::conducted});
+                                        options.clock == velt_play::ClockKind::conducted,
+                                        sync.get()});
     } else {
         status = PlayThrough(*session, events, options, plan);
     }
