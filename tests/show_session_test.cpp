@@ -8,6 +8,7 @@
 #include <chrono>
 #include <cmath>
 #include <map>
+#include <optional>
 #include <set>
 #include <thread>
 #include <vector>
@@ -31,9 +32,9 @@ constexpr std::uint32_t bar = 1920;  // 4/4 at 480 ticks per quarter
 // bar lines on channel 0, a bass of whole notes on channel 1, a trill on channel 2, a caesura
 // marker in bar 7. Every
 // note ends by the song's last tick, so the song itself leaves nothing sounding.
-std::shared_ptr<velt_midi::SongData> TestSong(bool withCaesura = false) {
+std::shared_ptr<velt_midi::SongData> TestSong(bool withCaesura = false, int tempo = 960) {
     velt_core::SongBuilder song("Tied", 480);
-    song.Tempo(0, 960).Meter(0, 4, 4).Bars(8);
+    song.Tempo(0, tempo).Meter(0, 4, 4).Bars(8);
     song.Track(0x00, "Melody", 0, {0, 127}).Track(0x01, "Bass", 32, {0, 127});
     for (std::uint32_t tick = 0; tick + 1440 <= 8 * bar; tick += 960) {
         song.Note(0x00, tick + 480, static_cast<std::uint8_t>(60 + tick / 960 % 12), 90, 960);
@@ -106,6 +107,32 @@ std::vector<Message> BeforeFinalResets(const std::vector<Message>& messages) {
     const Message first{0xB0, 123, 0};
     const auto last = std::find(messages.rbegin(), messages.rend(), first);
     return {messages.begin(), last == messages.rend() ? messages.end() : std::prev(last.base())};
+}
+
+// Note-offs that answer no note-on heard before them: the device was never told to play what
+// they end, so what should have sounded there was silent.
+int Unanswered(const std::vector<Message>& messages) {
+    std::map<int, int> voices;
+    int unanswered = 0;
+    for (const auto& m : messages) {
+        const int kind = m[0] & 0xF0;
+        const int key = ((m[0] & 0x0F) << 8) | m[1];
+        if (kind == 0x90 && m[2] > 0)
+            ++voices[key];
+        else if (kind == 0x80 || kind == 0x90)
+            voices[key] > 0 ? --voices[key] : ++unanswered;
+    }
+    return unanswered;
+}
+
+template <typename Condition>
+bool Eventually(Condition condition) {
+    for (int i = 0; i < 2000; ++i) {
+        if (condition())
+            return true;
+        std::this_thread::sleep_for(5ms);
+    }
+    return false;
 }
 
 void WaitForBar(ShowSession& session, int bar) {
@@ -241,4 +268,47 @@ TEST(ShowSession, RefusesWhatAPerformerCannotMean) {
     EXPECT_THROW(f.session->MuteTrack(0x22), std::out_of_range);
     EXPECT_THROW(f.session->ChooseDevice("No Such Device"), MidiDeviceUnavailable);
     EXPECT_EQ(f.session->Status().state, PlayState::cued);
+}
+
+// The device is unplugged mid-song and comes back during the next song. Meanwhile the show keeps
+// its time and a stop works; nothing goes to the other device, now the first listed; once the
+// device is listed again under its name it plays on, with what sounds at that point struck again.
+TEST(ShowSession, ALostDeviceIsAwaitedByNameAndPlaysOnWithWhatSoundsStruckAgain) {
+    const std::string name = "Session Lost Out";
+    std::optional<velt_platform::VirtualMidiOutput> device(std::in_place, name);
+    velt_platform::VirtualMidiOutput other{"Session Other Out"};
+    auto song = TestSong(false, 240);  // a bar a second
+    auto show = std::make_shared<pv::ParvelShowData>();
+    show->AddSong(song);
+    show->AddSong(song);
+    ShowSession session({{"One", song, ""}, {"Two", song, ""}}, show,
+                        velt_play::SessionOptions{velt_play::ClockKind::precision, name});
+    while (session.Output().GetGuiDelay() > 0)
+        session.DecreaseDisplayDelay();
+
+    session.Play();
+    WaitForBar(session, 2);
+    device.reset();
+    ASSERT_TRUE(Eventually([&] { return session.Status().deviceLost; }));
+    EXPECT_NO_THROW(session.Stop());
+    EXPECT_EQ(session.Status().state, PlayState::stopped);
+
+    session.NextSong();
+    session.Play();
+    WaitForBar(session, 3);
+    device.emplace(name);
+    ASSERT_TRUE(Eventually([&] { return !device->Messages().empty(); }));
+    EXPECT_FALSE(session.Status().deviceLost);
+    EXPECT_EQ(session.Status().device, name);
+    ASSERT_TRUE(session.WaitUntilNotPlaying(30s));
+    EXPECT_EQ(session.Status().state, PlayState::ended);
+
+    std::vector<Message> heard;
+    for (const auto& message : device->Messages())
+        heard.push_back(message.bytes);
+    EXPECT_EQ(Unanswered(heard), 0);
+    EXPECT_TRUE(Sounding(BeforeFinalResets(heard)).empty());
+    const auto ons = NoteOns(heard);
+    EXPECT_TRUE(std::any_of(ons.begin(), ons.end(), [](const Message& m) { return m[0] == 0x91; }));
+    EXPECT_TRUE(other.Messages().empty());
 }
