@@ -278,10 +278,12 @@ TEST(ShowSession, ALostDeviceIsAwaitedByNameAndPlaysOnWithWhatSoundsStruckAgain)
     std::optional<velt_platform::VirtualMidiOutput> device(std::in_place, name);
     velt_platform::VirtualMidiOutput other{"Session Other Out"};
     auto song = TestSong(false, 240);  // a bar a second
+    auto next = TestSong(false, 240);
+    next->GetSongLog().SetSongName("Tied Again");
     auto show = std::make_shared<pv::ParvelShowData>();
     show->AddSong(song);
-    show->AddSong(song);
-    ShowSession session({{"One", song, ""}, {"Two", song, ""}}, show,
+    show->AddSong(next);
+    ShowSession session({{"Tied", song, ""}, {"Tied Again", next, ""}}, show,
                         velt_play::SessionOptions{velt_play::ClockKind::precision, name});
     while (session.Output().GetGuiDelay() > 0)
         session.DecreaseDisplayDelay();
