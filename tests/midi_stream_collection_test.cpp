@@ -98,6 +98,30 @@ TEST(MidiStreamCollection, TheFirstSongPlaysWhileLaterSongsAreStillLoading) {
     EXPECT_NE(&first, &third);
 }
 
+// A stream handed out is played from: a later song of the same name must not replace it.
+TEST(MidiStreamCollection, ALaterSongOfTheSameNameNeverReplacesAStreamHandedOut) {
+    std::vector<std::string> lines;
+    std::mutex linesMutex;
+    auto previous = kit::SetLogSink([&](const std::string& line) {
+        std::scoped_lock lock(linesMutex);
+        lines.push_back(line);
+    });
+    velt_midi::ShowData show;
+    AddSongs(show, {"One", "One", "Three"});
+    {
+        GatedCollection collection(show);
+        MidiStream& first = collection.GetStream("One");
+        collection.OpenGate();
+        collection.GetStream("Three");  // loading has passed the second "One"
+        EXPECT_EQ(&collection.GetStream("One"), &first);
+        EXPECT_EQ(collection.Built(), 2);
+    }
+    kit::SetLogSink(previous);
+    EXPECT_EQ(lines,
+              std::vector<std::string>{"WARNING: the show has more than one song named "
+                                       "\"One\"; each of them plays the first one's stream."});
+}
+
 /// Builds Tamber streams but fails on the song named "Bad".
 class FailingCollection : public MidiStreamCollection {
   public:
