@@ -8,6 +8,7 @@
 #include "interfaces/kit.h"
 #include "interfaces/notify.h"
 #include "midi/midi_stream_collection.h"
+#include "tests/captured_log.h"
 #include "tests/stream_test_support.h"
 #include "velt_core/song_builder.h"
 
@@ -100,12 +101,7 @@ TEST(MidiStreamCollection, TheFirstSongPlaysWhileLaterSongsAreStillLoading) {
 
 // A stream handed out is played from: a later song of the same name must not replace it.
 TEST(MidiStreamCollection, ALaterSongOfTheSameNameNeverReplacesAStreamHandedOut) {
-    std::vector<std::string> lines;
-    std::mutex linesMutex;
-    auto previous = kit::SetLogSink([&](const std::string& line) {
-        std::scoped_lock lock(linesMutex);
-        lines.push_back(line);
-    });
+    CapturedLog log;
     velt_midi::ShowData show;
     AddSongs(show, {"One", "One", "Three"});
     {
@@ -116,8 +112,7 @@ TEST(MidiStreamCollection, ALaterSongOfTheSameNameNeverReplacesAStreamHandedOut)
         EXPECT_EQ(&collection.GetStream("One"), &first);
         EXPECT_EQ(collection.Built(), 2);
     }
-    kit::SetLogSink(previous);
-    EXPECT_EQ(lines,
+    EXPECT_EQ(log.lines(),
               std::vector<std::string>{"WARNING: the show has more than one song named "
                                        "\"One\"; each of them plays the first one's stream."});
 }
