@@ -9,7 +9,16 @@
 namespace velt_play {
 
 DeviceReturnWatch::DeviceReturnWatch(ReopenCallback reopen, std::chrono::milliseconds interval)
-    : reopen_(std::move(reopen)), interval_(interval), thread_([this] { Run_(); }) {}
+    : reopen_(std::move(reopen)), interval_(interval), thread_([this] {
+          try {
+              kit::threadNames.SetNameOfCurrentThread("device_return_watch");
+              Run_();
+          } catch (const std::exception& error) {
+              VeltLogException(error.what(), __FILE__, __LINE__);
+          } catch (...) {
+              VeltLogException("Unknown exception.", __FILE__, __LINE__);
+          }
+      }) {}
 
 DeviceReturnWatch::~DeviceReturnWatch() {
     {
@@ -36,8 +45,8 @@ void DeviceReturnWatch::Cancel() {
     changed_.notify_all();
 }
 
+// A failed look or re-open is logged and tried again after the interval.
 void DeviceReturnWatch::Run_() {
-    kit::threadNames.SetNameOfCurrentThread("device_return_watch");
     std::unique_lock lock(mutex_);
     while (!ending_) {
         if (!name_) {

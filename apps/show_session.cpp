@@ -706,12 +706,16 @@ bool ShowSession::ReopenDevice_(const std::string& deviceName) {
         output_->CreateSynthOutput(deviceName);
         reopened = true;
     } catch (const MidiDeviceUnavailable& error) {
-        // Listed but not open yet (a device still coming up): the watch tries again.
-        kit::CoutBuffer() << "WARNING: MIDI output device \"" << deviceName
-                          << "\" is listed again but cannot be opened yet: " << error.what()
-                          << kit::endl;
+        // Listed but not open yet (a device still coming up, or held by another program): the
+        // watch tries again, without a line each time.
+        if (!std::exchange(reopenFailureLogged_, true)) {
+            kit::CoutBuffer() << "WARNING: MIDI output device \"" << deviceName
+                              << "\" is listed again but cannot be opened yet: " << error.what()
+                              << kit::endl;
+        }
     }
     if (reopened) {
+        reopenFailureLogged_ = false;
         {
             std::scoped_lock lock(sentMutex_);
             sounding_.clear();

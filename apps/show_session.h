@@ -214,6 +214,7 @@ class ShowSession {
 
     std::mutex transportMutex_;
     std::recursive_mutex clientMutex_;
+    bool reopenFailureLogged_ = false;  // guarded by transportMutex_
 
     UserControls controls_;
     std::unique_ptr<StandardMidiClock> clock_;
