@@ -682,29 +682,23 @@ void ShowSession::SetTrackTrim(unsigned short trackId, unsigned char trim) {
 
 void ShowSession::ChooseDevice(const std::string& deviceName) {
     std::scoped_lock transport(transportMutex_);
-    output_->CreateSynthOutput(deviceName);
+    if (output_->GetSynthIsLost()) {
+        ReplaceLostDevice_(deviceName);
+    } else {
+        output_->CreateSynthOutput(deviceName);
+    }
     deviceWatch_->Cancel();  // the performer's choice replaces the device awaited
     Publish_();
 }
 
-// The device watch found the lost device listed again. A device that comes back holds nothing:
-// no note, no controller, not even its program. Playing, the run is halted and started again at
-// the same place, so that its first period strikes everything that sounds there; stopped, the
-// next start does. Between the halt and the start the device changes, so that no period goes to
-// either device while what the device holds is forgotten.
+// The device watch found the lost device listed again.
 bool ShowSession::ReopenDevice_(const std::string& deviceName) {
     std::scoped_lock transport(transportMutex_);
     if (!output_->GetSynthIsLost() || output_->GetSynthDeviceName() != deviceName) {
         return true;  // another device was chosen meanwhile: nothing to wait for
     }
-    const bool playing = State_() == PlayState::playing;
-    if (playing) {
-        Halt_(PlayState::playing);
-    }
-    bool reopened = false;
     try {
-        output_->CreateSynthOutput(deviceName);
-        reopened = true;
+        ReplaceLostDevice_(deviceName);
     } catch (const MidiDeviceUnavailable& error) {
         // Listed but not open yet (a device still coming up, or held by another program): the
         // watch tries again, without a line each time.
@@ -713,25 +707,45 @@ bool ShowSession::ReopenDevice_(const std::string& deviceName) {
                               << "\" is listed again but cannot be opened yet: " << error.what()
                               << kit::endl;
         }
+        return false;
     }
-    if (reopened) {
-        reopenFailureLogged_ = false;
-        {
-            std::scoped_lock lock(sentMutex_);
-            sounding_.clear();
+    reopenFailureLogged_ = false;
+    kit::CoutBuffer() << "MIDI output device \"" << deviceName
+                      << "\" is back; playback goes on there." << kit::endl;
+    Publish_();
+    return true;
+}
+
+// A device opened in place of a lost one holds nothing: no note, no controller, not even its
+// program. Playing, the run is halted and started again at the same place, so that its first
+// period strikes everything that sounds there; otherwise the next start does. The device changes
+// between the halt and the start, so that no period goes to either device while what the device
+// holds is forgotten. When the device cannot be opened (MidiDeviceUnavailable) the run goes on as
+// it was.
+void ShowSession::ReplaceLostDevice_(const std::string& deviceName) {
+    const bool playing = State_() == PlayState::playing;
+    if (playing) {
+        Halt_(PlayState::playing);
+    }
+    try {
+        output_->CreateSynthOutput(deviceName);
+    } catch (...) {
+        if (playing) {
+            Start_(ResumeTick_());
         }
+        throw;
+    }
+    {
+        std::scoped_lock lock(sentMutex_);
+        sounding_.clear();
+    }
+    {
         std::scoped_lock lock(positionMutex_);
         firstFill_ = FirstFill::strike;
     }
     if (playing) {
         Start_(ResumeTick_());
     }
-    if (reopened) {
-        kit::CoutBuffer() << "MIDI output device \"" << deviceName
-                          << "\" is back; playback goes on there." << kit::endl;
-    }
-    Publish_();
-    return reopened;
 }
 
 void ShowSession::IncreaseDisplayDelay() {

@@ -155,7 +155,8 @@ class ShowSession {
     /// Throws MidiDeviceUnavailable. A device that goes away is awaited by its name, never
     /// replaced by whatever is listed first: when it is listed again the session opens it and
     /// plays on there, with what sounds at that point struck again (the status shows
-    /// deviceLost meanwhile). Choosing a device ends that wait.
+    /// deviceLost meanwhile). Choosing a device ends that wait; chosen in place of a lost one,
+    /// it too has what sounds struck.
     void ChooseDevice(const std::string& deviceName);
     void IncreaseDisplayDelay();
     void DecreaseDisplayDelay();
@@ -205,6 +206,7 @@ class ShowSession {
     void SetState_(PlayState state);
     void Publish_();
     bool ReopenDevice_(const std::string& deviceName);
+    void ReplaceLostDevice_(const std::string& deviceName);
     const velt_midi::SongData& Song_() const;
 
     std::vector<SessionSong> songs_;

@@ -54,6 +54,13 @@ std::shared_ptr<velt_midi::SongData> TestSong(bool withCaesura = false, int temp
     return song.Build();
 }
 
+std::vector<Message> Heard(const velt_platform::MidiOutputRecorder& device) {
+    std::vector<Message> messages;
+    for (const auto& message : device.Messages())
+        messages.push_back(message.bytes);
+    return messages;
+}
+
 struct Fixture {
     explicit Fixture(std::shared_ptr<velt_midi::SongData> song) {
         show->AddSong(song);
@@ -64,12 +71,7 @@ struct Fixture {
         while (session->Output().GetGuiDelay() > 0)
             session->DecreaseDisplayDelay();
     }
-    std::vector<Message> Heard() const {
-        std::vector<Message> messages;
-        for (const auto& message : device.Messages())
-            messages.push_back(message.bytes);
-        return messages;
-    }
+    std::vector<Message> Heard() const { return ::Heard(device); }
     velt_platform::VirtualMidiOutput device{"Session Test Out"};
     std::shared_ptr<pv::ParvelShowData> show = std::make_shared<pv::ParvelShowData>();
     std::unique_ptr<ShowSession> session;
@@ -305,12 +307,33 @@ TEST(ShowSession, ALostDeviceIsAwaitedByNameAndPlaysOnWithWhatSoundsStruckAgain)
     ASSERT_TRUE(session.WaitUntilNotPlaying(30s));
     EXPECT_EQ(session.Status().state, PlayState::ended);
 
-    std::vector<Message> heard;
-    for (const auto& message : device->Messages())
-        heard.push_back(message.bytes);
+    const auto heard = Heard(*device);
     EXPECT_EQ(Unanswered(heard), 0);
     EXPECT_TRUE(Sounding(BeforeFinalResets(heard)).empty());
     const auto ons = NoteOns(heard);
     EXPECT_TRUE(std::any_of(ons.begin(), ons.end(), [](const Message& m) { return m[0] == 0x91; }));
     EXPECT_TRUE(other.Messages().empty());
+}
+
+// The performer does not wait for the lost device and chooses another mid-song: that one holds
+// nothing yet, so what sounds there is struck on it before the music goes on.
+TEST(ShowSession, ADeviceChosenInPlaceOfALostOneHasWhatSoundsStruck) {
+    std::optional<velt_platform::VirtualMidiOutput> device(std::in_place, "Session Lost Out");
+    velt_platform::VirtualMidiOutput spare{"Session Spare Out"};
+    auto song = TestSong(false, 480);
+    auto show = std::make_shared<pv::ParvelShowData>();
+    show->AddSong(song);
+    ShowSession session(
+        {{"Tied", song, ""}}, show,
+        velt_play::SessionOptions{velt_play::ClockKind::precision, "Session Lost Out"});
+    session.Play();
+    device.reset();
+    ASSERT_TRUE(Eventually([&] { return session.Status().deviceLost; }));
+    session.ChooseDevice("Session Spare Out");
+    EXPECT_FALSE(session.Status().deviceLost);
+    ASSERT_TRUE(session.WaitUntilNotPlaying(30s));
+
+    const auto heard = Heard(spare);
+    EXPECT_EQ(Unanswered(heard), 0);
+    EXPECT_TRUE(Sounding(BeforeFinalResets(heard)).empty());
 }
