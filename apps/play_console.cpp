@@ -539,9 +539,10 @@ class Console {
             muted += (muted.empty() ? "" : ", ") + TrackText_(track);
         }
         lines.push_back("muted " + (muted.empty() ? std::string("-") : muted));
-        lines.push_back("device \"" + s.device + "\"" +
-                        (s.deviceLost ? "  LOST: o chooses another" : "") + "   display delay " +
-                        std::to_string(std::lround(s.displayDelay * 1000)) + " ms");
+        lines.push_back(
+            "device \"" + s.device + "\"" +
+            (s.deviceLost ? "  LOST: plays on there once it is back; o chooses another" : "") +
+            "   display delay " + std::to_string(std::lround(s.displayDelay * 1000)) + " ms");
         if (!setup_.recordingNote.empty()) {
             lines.push_back(setup_.recordingNote);
         }

@@ -27,6 +27,8 @@ constexpr double maximumTempoScale = 2.0;
 constexpr int maximumTransposition = 24;
 // How long a stop waits for the clock's thread to finish its period.
 constexpr auto clockStopLimit = 10s;
+// How often the device list is read while a lost device is awaited.
+constexpr auto deviceWatchInterval = 250ms;
 
 // A caesura is a marker whose text begins with "caesura" (any case): the score holds there until
 // the performer plays on.
@@ -112,13 +114,20 @@ ShowSession::ShowSession(std::vector<SessionSong> songs, std::shared_ptr<pv::Par
     } else {
         output_->CreateSynthOutput(options_.device);
     }
-    notify::callbackDispatcher.AddCallback(notify::names::midiOutputDeviceLost, this,
-                                           [this](void*) { Publish_(); });
+    deviceWatch_ = std::make_unique<DeviceReturnWatch>(
+        [this](const std::string& name) { return ReopenDevice_(name); }, deviceWatchInterval);
+    // Posted on the clock's thread with the client mutex held: only hand the name on.
+    notify::callbackDispatcher.AddCallback(
+        notify::names::midiOutputDeviceLost, this, [this](void* payload) {
+            deviceWatch_->Watch(*static_cast<const std::string*>(payload));
+            Publish_();
+        });
     SelectSong(static_cast<int>(playable - songs_.begin()) + 1);
 }
 
 ShowSession::~ShowSession() {
     notify::callbackDispatcher.RemoveCallbacksForTarget(this);
+    deviceWatch_.reset();  // its callback takes the transport
     try {
         Stop();
     } catch (const std::exception& error) {
@@ -710,8 +719,70 @@ void ShowSession::SetTrackTrim(unsigned short trackId, unsigned char trim) {
 
 void ShowSession::ChooseDevice(const std::string& deviceName) {
     std::scoped_lock transport(transportMutex_);
-    output_->CreateSynthOutput(deviceName);
+    if (output_->GetSynthIsLost()) {
+        ReplaceLostDevice_(deviceName);
+    } else {
+        output_->CreateSynthOutput(deviceName);
+    }
+    deviceWatch_->Cancel();  // the performer's choice replaces the device awaited
     Publish_();
+}
+
+// The device watch found the lost device listed again.
+bool ShowSession::ReopenDevice_(const std::string& deviceName) {
+    std::scoped_lock transport(transportMutex_);
+    if (!output_->GetSynthIsLost() || output_->GetSynthDeviceName() != deviceName) {
+        return true;  // another device was chosen meanwhile: nothing to wait for
+    }
+    try {
+        ReplaceLostDevice_(deviceName);
+    } catch (const MidiDeviceUnavailable& error) {
+        // Listed but not open yet (a device still coming up, or held by another program): the
+        // watch tries again, without a line each time.
+        if (!std::exchange(reopenFailureLogged_, true)) {
+            kit::CoutBuffer() << "WARNING: MIDI output device \"" << deviceName
+                              << "\" is listed again but cannot be opened yet: " << error.what()
+                              << kit::endl;
+        }
+        return false;
+    }
+    reopenFailureLogged_ = false;
+    kit::CoutBuffer() << "MIDI output device \"" << deviceName
+                      << "\" is back; playback goes on there." << kit::endl;
+    Publish_();
+    return true;
+}
+
+// A device opened in place of a lost one holds nothing: no note, no controller, not even its
+// program. Playing, the run is halted and started again at the same place, so that its first
+// period strikes everything that sounds there; otherwise the next start does. The device changes
+// between the halt and the start, so that no period goes to either device while what the device
+// holds is forgotten. When the device cannot be opened (MidiDeviceUnavailable) the run goes on as
+// it was.
+void ShowSession::ReplaceLostDevice_(const std::string& deviceName) {
+    const bool playing = State_() == PlayState::playing;
+    if (playing) {
+        Halt_(PlayState::playing);
+    }
+    try {
+        output_->CreateSynthOutput(deviceName);
+    } catch (...) {
+        if (playing) {
+            Start_(ResumeTick_());
+        }
+        throw;
+    }
+    {
+        std::scoped_lock lock(sentMutex_);
+        sounding_.clear();
+    }
+    {
+        std::scoped_lock lock(positionMutex_);
+        firstFill_ = FirstFill::strike;
+    }
+    if (playing) {
+        Start_(ResumeTick_());
+    }
 }
 
 void ShowSession::IncreaseDisplayDelay() {

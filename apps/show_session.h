@@ -18,6 +18,7 @@
 #include <string>
 #include <vector>
 
+#include "apps/device_return_watch.h"
 #include "interfaces/song_data.h"
 #include "midi/how_to_play.h"
 #include "midi/midi_stream_collection.h"
@@ -91,8 +92,10 @@ struct TransportHooks {
 
 /// Threads that enter: the host's thread (every verb and query), the output's queue thread (the
 /// fill callback), the clock's thread (the caesura check after each sent period), the output's
-/// async-stopped thread (the stopped callback) and the display thread (the downbeat callback,
-/// which updates the status and calls the status listener).
+/// async-stopped thread (the stopped callback), the display thread (the downbeat callback,
+/// which updates the status and calls the status listener), the clock's thread again for the
+/// device-lost notification (which only hands the name to the device watch), and the device
+/// watch's thread, which re-opens a returned device as a verb does, under the transport mutex.
 ///
 /// Locks, in order: the transport mutex (each verb whole; never taken by the engine's threads),
 /// then the client mutex handed to the output (the whole send step; verbs take it to change
@@ -173,7 +176,11 @@ class ShowSession {
     /// A track's volume trim, 0..127 (127 = as written): its volume controller is scaled.
     void SetTrackTrim(unsigned short trackId, unsigned char trim);
     /// Moves playback to the output device with this product name (exact); it goes on there.
-    /// Throws MidiDeviceUnavailable.
+    /// Throws MidiDeviceUnavailable. A device that goes away is awaited by its name, never
+    /// replaced by whatever is listed first: when it is listed again the session opens it and
+    /// plays on there, with what sounds at that point struck again (the status shows
+    /// deviceLost meanwhile). Choosing a device ends that wait; chosen in place of a lost one,
+    /// it too has what sounds struck.
     void ChooseDevice(const std::string& deviceName);
     void IncreaseDisplayDelay();
     void DecreaseDisplayDelay();
@@ -222,6 +229,8 @@ class ShowSession {
     PlayState State_();
     void SetState_(PlayState state);
     void Publish_();
+    bool ReopenDevice_(const std::string& deviceName);
+    void ReplaceLostDevice_(const std::string& deviceName);
     const velt_midi::SongData& Song_() const;
 
     std::vector<SessionSong> songs_;
@@ -231,6 +240,7 @@ class ShowSession {
 
     std::mutex transportMutex_;
     std::recursive_mutex clientMutex_;
+    bool reopenFailureLogged_ = false;  // guarded by transportMutex_
 
     UserControls controls_;
     std::unique_ptr<StandardMidiClock> clock_;
@@ -269,8 +279,9 @@ class ShowSession {
     std::unique_ptr<HowToPlay> display_;  // a position of its own, at the tick shown
     StatusListener listener_;
 
-    TransportHooks hooks_;                     // set before playing, then only read
-    std::unique_ptr<MidiOutputWin32> output_;  // last: destroyed first
+    TransportHooks hooks_;  // set before playing, then only read
+    std::unique_ptr<MidiOutputWin32> output_;
+    std::unique_ptr<DeviceReturnWatch> deviceWatch_;  // last: destroyed first
 };
 
 }  // namespace velt_play
