@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <cstddef>
+#include <cstdint>
 #include <deque>
 #include <functional>
 #include <map>
@@ -44,6 +45,7 @@ class MidiMessageDispatcher {
     using Action = std::function<void()>;
     using LearnedCallback = std::function<void(MidiBindingKey)>;
     using ForwardingFunction = std::function<void(std::span<const MIDIMessage>)>;
+    using SystemExclusiveFunction = std::function<void(std::span<const std::uint8_t>)>;
 
     static constexpr std::size_t kPacketCapacity = 64;
 
@@ -81,6 +83,11 @@ class MidiMessageDispatcher {
     void PacketEnd();
     /// Signals MIDI activity only; show-control messages are acted on by the host.
     void ProcessMscMessage(const MscMessage& message);
+    /// The host's receiver of whole System Exclusive messages (show control among them); called
+    /// on the input thread without the lock. Set it before connecting.
+    void SetSystemExclusiveFunction(SystemExclusiveFunction receive);
+    /// From the input: signals activity and hands the message to the host's receiver, if any.
+    void ProcessSystemExclusive(std::span<const std::uint8_t> message);
     /// Tells the user interface that MIDI arrived.
     void MidiNotification();
 
@@ -101,7 +108,8 @@ class MidiMessageDispatcher {
     std::deque<LearnedCallback> learnedCallbacks_;  // parallel to pendingActions_
     std::deque<Action> pendingActions_;             // an empty action: learn without binding
     std::atomic<std::shared_ptr<const BindingMap>> bindings_;
-    ForwardingFunction forward_;  // under mutex_; copied out before it is called
+    ForwardingFunction forward_;            // under mutex_; copied out before it is called
+    SystemExclusiveFunction receiveSysEx_;  // set before input runs, read by the input thread
     std::vector<MIDIMessage> packet_;
     unsigned char lastPortIndex_ = 0;
     bool wasConnected_ = false;

@@ -143,6 +143,10 @@ struct RecordingTarget {
         threads.push_back(std::this_thread::get_id());
         changed.notify_all();
     }
+    void ProcessSystemExclusive(std::span<const std::uint8_t> message) {
+        std::scoped_lock lock(mutex);
+        sysEx.emplace_back(message.begin(), message.end());
+    }
     bool WaitFor(std::size_t count) {
         std::unique_lock lock(mutex);
         return changed.wait_for(lock, kHangLimit, [&] { return messages.size() >= count; });
@@ -150,6 +154,7 @@ struct RecordingTarget {
     std::mutex mutex;
     std::condition_variable changed;
     std::vector<MIDIMessage> messages;
+    std::vector<std::vector<std::uint8_t>> sysEx;
     std::vector<std::thread::id> threads;
 };
 
@@ -173,14 +178,27 @@ TEST(MidiInputWin32, ShortMessagesReachTheTargetOnlyWhileRunning) {
         EXPECT_EQ(input.GetPortIndex(), 0);
         EXPECT_FALSE(device.SendShort(0x90, 0x3C, 0x64));  // open, not started: dropped
         input.Start();
-        ASSERT_TRUE(device.SendSysEx({0xF0, 0x7F, 0x01, 0x02, 0x11, 0x01, 0xF7}));
+        // More messages than the port has buffers: each buffer must come back into use. One
+        // longer than a buffer arrives in pieces and is not passed on.
+        const std::vector<std::uint8_t> go = {0xF0, 0x7F, 0x01, 0x02, 0x11, 0x01, 0xF7};
+        for (std::size_t i = 0; i < 2 * MidiInputPortWin32::kSysExBufferCount; ++i) {
+            ASSERT_TRUE(device.SendSysEx(go));
+        }
+        std::vector<std::uint8_t> longer(MidiInputPortWin32::kSysExBufferSize + 10, 0x11);
+        longer.front() = 0xF0;
+        longer.back() = 0xF7;
+        ASSERT_TRUE(device.SendSysEx(longer));
+        ASSERT_TRUE(device.SendSysEx(go));
         ASSERT_TRUE(device.SendShort(0x90, 0x3C, 0x64));
         ASSERT_TRUE(device.SendShort(0xF8));
         ASSERT_TRUE(target.WaitFor(2));
+        std::scoped_lock lock(target.mutex);
+        EXPECT_EQ(target.sysEx, std::vector<std::vector<std::uint8_t>>(
+                                    2 * MidiInputPortWin32::kSysExBufferCount + 1, go));
     }
     EXPECT_FALSE(device.IsOpen());
     std::scoped_lock lock(target.mutex);
-    ASSERT_EQ(target.messages.size(), 2u);  // the SysEx never reaches the target
+    ASSERT_EQ(target.messages.size(), 2u);  // the SysEx never reaches ProcessMessage
     EXPECT_EQ(target.messages[0], (MIDIMessage{0x90, 0x3C, 0x64}));
     EXPECT_EQ(target.messages[1], (MIDIMessage{0xF8, 0, 0}));
     EXPECT_NE(target.threads[0], std::this_thread::get_id());

@@ -167,6 +167,18 @@ void MidiMessageDispatcher::ProcessMscMessage(const MscMessage&) {
     MidiNotification();
 }
 
+void MidiMessageDispatcher::SetSystemExclusiveFunction(SystemExclusiveFunction receive) {
+    std::scoped_lock lock(mutex_);
+    receiveSysEx_ = std::move(receive);
+}
+
+void MidiMessageDispatcher::ProcessSystemExclusive(std::span<const std::uint8_t> message) {
+    MidiNotification();
+    if (receiveSysEx_) {
+        receiveSysEx_(message);
+    }
+}
+
 void MidiMessageDispatcher::MidiNotification() {
     notify::guiDispatcher.SendMidiNotification();
 }

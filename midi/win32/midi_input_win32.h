@@ -1,8 +1,11 @@
 // MIDI input devices on this platform: the device wrapper and the input a dispatcher owns.
 #pragma once
 
+#include <array>
+#include <cstdint>
 #include <memory>
 #include <mutex>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -13,7 +16,15 @@
 class MidiMessageDispatcher;
 
 /// One input device. The enumeration constructor only reads the device's name; the opening
-/// constructor also opens it (stopped) with a callback that receives this port as instance data.
+/// constructor also opens it (stopped) with a callback that receives this port as instance data,
+/// and queues its System Exclusive buffers with the device.
+///
+/// Buffer lifecycle: kSysExBufferCount buffers of kSysExBufferSize bytes, prepared and queued at
+/// open; the device fills one per System Exclusive message and hands it to the callback
+/// (MIM_LONGDATA), which reads it and queues it again while the port runs. KillIt stops the
+/// re-queueing, resets the device (which hands back every queued buffer), unprepares them and
+/// closes the device. A message longer than one buffer arrives in pieces; the callback passes on
+/// only buffers that hold a whole message (0xF0 ... 0xF7).
 ///
 /// Threads: the caller's thread constructs, starts and kills; the platform's input delivery
 /// thread runs the callback, which asks GetIsRunning. Locks: the recursive port mutex of
@@ -42,18 +53,33 @@ class MidiInputPortWin32 : public MidiInputPort, public MidiPortWin32 {
     void* GetCallbackTarget() const { return callbackTarget_; }
     unsigned char GetPortIndex() const { return MidiInputPort::GetPortIndex(); }
 
+    /// From the callback: the whole message a returned buffer holds (empty when it holds none
+    /// or a piece of one), and the buffer queued again while the port runs.
+    std::span<const std::uint8_t> SysExOf(const MIDIHDR& header) const;
+    void Requeue(MIDIHDR& header);
+
+    static constexpr std::size_t kSysExBufferCount = 4;
+    static constexpr std::size_t kSysExBufferSize = 256;
+
   private:
+    struct SysExBuffer {
+        MIDIHDR header{};
+        std::array<char, kSysExBufferSize> bytes{};
+    };
+
     bool capsValid_ = false;
     bool isOpen_ = false;
     MIDIINCAPSW capabilities_{};
     HMIDIIN handle_ = nullptr;
     void* callbackTarget_ = nullptr;
     bool running_ = false;  // guarded by portMutex_
+    std::array<SysExBuffer, kSysExBufferCount> sysExBuffers_{};
 };
 
 /// One open input tied to its target; the dispatcher owns one. Each short message (MIM_DATA) is
-/// handed to Target::ProcessMessage on the delivery thread; everything else (System Exclusive,
-/// open/close notices, errors) is ignored. PacketStart/PacketEnd are never called from here.
+/// handed to Target::ProcessMessage on the delivery thread, each whole System Exclusive message
+/// (MIM_LONGDATA) to Target::ProcessSystemExclusive; open/close notices and errors are ignored.
+/// PacketStart/PacketEnd are never called from here.
 template <typename Target>
 class MidiInputWin32 : public MidiInputInterface {
   public:
@@ -78,14 +104,19 @@ MIDIMessage UnpackMidiInMessage(DWORD_PTR packed);
 template <typename Target>
 void CALLBACK MidiInputWin32<Target>::Callback_(HDRVR, UINT message, DWORD_PTR instance,
                                                 DWORD_PTR first, DWORD_PTR) {
-    if (message != MIM_DATA) {
-        return;
-    }
     auto* port = reinterpret_cast<MidiInputPortWin32*>(instance);
-    if (!port->GetIsRunning()) {
-        return;
+    auto* target = static_cast<Target*>(port->GetCallbackTarget());
+    if (message == MIM_DATA) {
+        if (port->GetIsRunning()) {
+            target->ProcessMessage(UnpackMidiInMessage(first));
+        }
+    } else if (message == MIM_LONGDATA) {
+        auto& header = *reinterpret_cast<MIDIHDR*>(first);
+        if (const auto bytes = port->SysExOf(header); !bytes.empty() && port->GetIsRunning()) {
+            target->ProcessSystemExclusive(bytes);
+        }
+        port->Requeue(header);
     }
-    static_cast<Target*>(port->GetCallbackTarget())->ProcessMessage(UnpackMidiInMessage(first));
 }
 
 extern template class MidiInputWin32<MidiMessageDispatcher>;

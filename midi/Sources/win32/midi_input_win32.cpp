@@ -43,6 +43,14 @@ MidiInputPortWin32::MidiInputPortWin32(unsigned char index, LPMIDICALLBACK callb
                                  reinterpret_cast<DWORD_PTR>(this), CALLBACK_FUNCTION));
     handle_ = handle;
     isOpen_ = true;
+    for (SysExBuffer& buffer : sysExBuffers_) {
+        buffer.header.lpData = buffer.bytes.data();
+        buffer.header.dwBufferLength = static_cast<DWORD>(buffer.bytes.size());
+        // A buffer the device refuses is left out; short messages still arrive.
+        if (midiInPrepareHeader(handle_, &buffer.header, sizeof(MIDIHDR)) == MMSYSERR_NOERROR) {
+            midiInAddBuffer(handle_, &buffer.header, sizeof(MIDIHDR));
+        }
+    }
 }
 
 MidiInputPortWin32::~MidiInputPortWin32() {
@@ -79,10 +87,32 @@ void MidiInputPortWin32::KillIt() {
         running_ = false;
     }
     if (isOpen_) {
-        midiInReset(handle_);
+        midiInReset(handle_);  // hands back the buffers; not running, they stay back
+        for (SysExBuffer& buffer : sysExBuffers_) {
+            if ((buffer.header.dwFlags & MHDR_PREPARED) != 0) {
+                midiInUnprepareHeader(handle_, &buffer.header, sizeof(MIDIHDR));
+            }
+        }
         midiInClose(handle_);
         isOpen_ = false;
         handle_ = nullptr;
+    }
+}
+
+std::span<const std::uint8_t> MidiInputPortWin32::SysExOf(const MIDIHDR& header) const {
+    const auto* bytes = reinterpret_cast<const std::uint8_t*>(header.lpData);
+    const std::size_t count = header.dwBytesRecorded;
+    if (count < 2 || bytes[0] != 0xF0 || bytes[count - 1] != 0xF7) {
+        return {};
+    }
+    return {bytes, count};
+}
+
+void MidiInputPortWin32::Requeue(MIDIHDR& header) {
+    // Cleared by KillIt before the reset that hands every buffer back, so none is queued again
+    // after it.
+    if (GetIsRunning()) {
+        midiInAddBuffer(handle_, &header, sizeof(MIDIHDR));
     }
 }
 
