@@ -6,6 +6,7 @@
 #include <memory>
 #include <string>
 
+#include "apps/command_input.h"
 #include "apps/play_support.h"
 #include "apps/show_session.h"
 
@@ -16,6 +17,9 @@ struct ConsoleSetup {
     std::shared_ptr<pv::ParvelShowData> show;  // for its groups
     /// A line under the status area's device line (where the recording goes, or how to make one).
     std::string recordingNote;
+    /// The MIDI input of learned commands and cues, and the cue list; null without --input.
+    CommandInput* input = nullptr;
+    const CueList* cues = nullptr;
 };
 
 /// The keys and what they do, as `?` shows them.

@@ -56,6 +56,7 @@ class MidiMessageDispatcher {
 
     /// Opens input device `sourceIndex` (not started) and makes it the owned input; the old one
     /// is closed after the new one is in place. A failed open (MidiPortError) keeps the old one.
+    /// Connecting the device already owned keeps its input as it is.
     void ConnectWithSourceIndex(unsigned char sourceIndex);
     /// Starts the owned input; without one writes a warning to the standard error stream.
     void Start();

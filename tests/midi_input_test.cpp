@@ -384,6 +384,8 @@ TEST(MidiMessageDispatcher, ConnectionStateAndItsWarnings) {
     EXPECT_THROW(dispatcher.ConnectWithSourceIndex(2), MidiPortError);
     EXPECT_TRUE(dispatcher.GetIsConnected());  // the failed open kept the old input
     EXPECT_TRUE(second.IsOpen());
+    dispatcher.ConnectWithSourceIndex(1);  // the same device: kept open, not opened twice
+    EXPECT_TRUE(second.IsOpen());
     dispatcher.ConnectWithSourceIndex(0);  // replaces and closes the old input
     EXPECT_TRUE(first.IsOpen());
     EXPECT_FALSE(second.IsOpen());

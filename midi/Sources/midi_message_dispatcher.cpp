@@ -19,6 +19,14 @@ MidiMessageDispatcher::~MidiMessageDispatcher() {
 }
 
 void MidiMessageDispatcher::ConnectWithSourceIndex(unsigned char sourceIndex) {
+    {
+        // The device is open already: a second open of it would be refused while the first is
+        // held, so the input in place stays.
+        std::scoped_lock lock(mutex_);
+        if (input_ && input_->GetPortIndex() == sourceIndex) {
+            return;
+        }
+    }
     auto replacement = std::make_unique<MidiInputWin32<MidiMessageDispatcher>>(sourceIndex, this);
     std::unique_ptr<MidiInputInterface> previous;
     {
