@@ -8,6 +8,7 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "interfaces/kit.h"
 #include "midi/midi_endpoints.h"
 
 namespace velt_play {
@@ -148,7 +149,27 @@ CommandInput::CommandInput(std::string settingsPath, std::function<void()> wake)
     }
     dispatcher_.SetSystemExclusiveFunction(
         [this](std::span<const std::uint8_t> message) { ReceiveSysEx_(message); });
-    commands_ = std::make_unique<midi_commands::MidiCommands>(dispatcher_, std::move(settingsPath));
+    {
+        // Before the first learning there is no file: the engine's warning that it could not be
+        // read is no news to the performer.
+        const bool firstRun = !std::filesystem::exists(settingsPath);
+        const kit::LogSink previous =
+            firstRun ? kit::SetLogSink([](const std::string&) {}) : kit::LogSink();
+        commands_ =
+            std::make_unique<midi_commands::MidiCommands>(dispatcher_, std::move(settingsPath));
+        if (firstRun) {
+            kit::SetLogSink(previous);
+        }
+    }
+    DropRebindingReports_();
+}
+
+// Connecting binds every learned command again, which the engine reports as learning it: not
+// news either.
+void CommandInput::DropRebindingReports_() {
+    std::scoped_lock lock(eventMutex_);
+    std::erase_if(events_,
+                  [](const InputEvent& event) { return event.kind == InputEvent::Kind::learned; });
 }
 
 CommandInput::~CommandInput() {
@@ -195,6 +216,7 @@ void CommandInput::Connect(const std::string& spec) {
     const auto names = SourceNames();
     const int index = ResolveByName(names, spec, "MIDI input");
     commands_->ConnectSourceByIndex(static_cast<unsigned char>(index));
+    DropRebindingReports_();
     sourceName_ = std::ranges::find(names, index, &std::pair<int, std::string>::first)->second;
     activity_->count = 0;
 }

@@ -107,6 +107,7 @@ class CommandInput {
     };
 
     void Post_(InputEvent event);
+    void DropRebindingReports_();
     void ReceiveSysEx_(std::span<const std::uint8_t> message);
 
     std::function<void()> wake_;

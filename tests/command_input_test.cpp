@@ -134,15 +134,14 @@ TEST_F(CommandInputTest, ALearnedNoteStartsAndStopsTheShowAndIsKeptForTheNextRun
     // The next run: the same file, the input connected again, the note plays again.
     player.Open(settings);
     player.input->Connect("Pads");
-    player.PerformNext();  // the commands re-learned on connecting are reported
     EXPECT_EQ(player.input->Learned().size(), 2u);
     ASSERT_TRUE(player.pads.SendShort(0x90, 60, 1));
+    // Binding the commands again on connecting is not reported as learning them.
     std::vector<std::string> lines;
-    while (lines.empty() || lines.back() != "MIDI: Play") {
-        const auto next = player.PerformNext();
-        ASSERT_FALSE(next.empty());
-        lines.insert(lines.end(), next.begin(), next.end());
+    while (lines.empty()) {
+        lines = player.PerformNext();
     }
+    EXPECT_EQ(lines, std::vector<std::string>{"MIDI: Play"});
     EXPECT_EQ(player.session->Status().state, PlayState::playing);
     player.session->Stop();
 }
