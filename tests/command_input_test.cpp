@@ -1,6 +1,7 @@
 // The player's MIDI input: commands learned from a virtual input device drive the show session
 // the way the player's main thread performs them, and show-control cues recall songs and markers.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <condition_variable>

@@ -1,6 +1,7 @@
 // Learned transport commands end to end: a virtual input device, the dispatcher, the commands
 // object and its settings file.
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
