@@ -26,14 +26,22 @@ class MscMessage;
 /// second byte.
 using MidiBindingKey = std::pair<unsigned char, unsigned char>;
 
-/// Threads: ProcessMessage runs on the input's delivery thread; every other operation on the
-/// caller's (user interface or engine) thread.
+/// Threads: ProcessMessage runs on the input's delivery thread (one thread at a time: the packet
+/// and the lookup window below belong to it); every other operation on the caller's (user
+/// interface or engine) thread.
 ///
 /// Locks: one plain mutex guarding the learn queues and every change of the bindings. It is
 /// never held while an action, a learned callback or the forwarding function runs, so those may
-/// call back in. The input thread looks bindings up without it: the bindings are an immutable map
-/// that each change replaces as a whole and publishes atomically, so a lookup sees either the
-/// old map or the new one, never one half-changed.
+/// call back in. The input thread looks bindings up without it and without waiting: the bindings
+/// are an immutable map that each change replaces as a whole, publishing the new one through an
+/// atomic pointer, so a lookup sees either the old map or the new one, never one half-changed.
+///
+/// Map lifecycle: the current map is owned by `currentBindings_`. The input thread makes
+/// `lookupEpoch_` odd while it reads a map and runs the action found in it, even again after. A
+/// change retires the map it replaced: freed at once when the epoch it reads is even (no lookup
+/// under way, and a later one finds the new map), otherwise kept in `retiredBindings_` with that
+/// epoch and freed by the first later change that reads another epoch (that lookup has ended).
+/// A change never waits for the input thread, so an action may change bindings itself.
 ///
 /// The packet of unbound messages is bounded: when it holds kPacketCapacity messages the input
 /// thread forwards it and starts a new one. The Windows input never brackets its messages with
@@ -108,7 +116,14 @@ class MidiMessageDispatcher {
     std::unique_ptr<MidiInputInterface> input_;
     std::deque<LearnedCallback> learnedCallbacks_;  // parallel to pendingActions_
     std::deque<Action> pendingActions_;             // an empty action: learn without binding
-    std::atomic<std::shared_ptr<const BindingMap>> bindings_;
+    struct RetiredBindings {
+        std::unique_ptr<const BindingMap> map;
+        std::uint64_t epoch = 0;
+    };
+    std::unique_ptr<const BindingMap> currentBindings_;  // under mutex_
+    std::vector<RetiredBindings> retiredBindings_;       // under mutex_
+    std::atomic<const BindingMap*> bindings_{nullptr};   // currentBindings_, for the input thread
+    std::atomic<std::uint64_t> lookupEpoch_{0};          // odd while the input thread looks up
     ForwardingFunction forward_;            // under mutex_; copied out before it is called
     SystemExclusiveFunction receiveSysEx_;  // set before input runs, read by the input thread
     std::vector<MIDIMessage> packet_;

@@ -405,7 +405,7 @@ TEST(MidiMessageDispatcher, ConnectionStateAndItsWarnings) {
 
 // Bindings change on this thread while the input thread looks them up; the thread sanitizer
 // reports a lookup that is not ordered with the change it reads.
-TEST(MidiMessageDispatcher, BindingsChangeWhileInputRuns) {
+TEST(MidiMessageDispatcher, BindingsChangeWhileInputRunsAndFromInsideAnAction) {
     ConnectedDispatcher input;
     NotificationLog log({kFirst, kFence});
     std::atomic<bool> stop = false;
@@ -424,4 +424,18 @@ TEST(MidiMessageDispatcher, BindingsChangeWhileInputRuns) {
     ASSERT_TRUE(log.WaitFor(kFirst, before + 1));
     stop = true;
     sender.join();
+
+    // An action that unbinds itself and binds another key runs on from the map it was found
+    // in: what it captured must outlive the change (the address sanitizer reports it if not).
+    MidiMessageDispatcher& dispatcher = input.dispatcher;
+    dispatcher.SetMidiBinding({0xB0, 1}, [&dispatcher, name = std::string(kFence)] {
+        dispatcher.RemoveMidiBinding({0xB0, 1});
+        BindPosting(dispatcher, {0xB0, 2}, kFence);
+        notify::callbackDispatcher.Notify(name, nullptr);
+    });
+    input.Send(0xB0, 1, 127);
+    ASSERT_TRUE(log.WaitFor(kFence, 1));
+    input.Send(0xB0, 1, 127);  // unbound now: forwarded
+    input.Send(0xB0, 2, 127);
+    ASSERT_TRUE(log.WaitFor(kFence, 2));
 }

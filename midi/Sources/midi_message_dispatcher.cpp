@@ -7,7 +7,8 @@
 #include "midi/win32/midi_input_win32.h"
 
 MidiMessageDispatcher::MidiMessageDispatcher()
-    : bindings_(std::make_shared<const BindingMap>()),
+    : currentBindings_(std::make_unique<const BindingMap>()),
+      bindings_(currentBindings_.get()),
       forward_([](std::span<const MIDIMessage>) {}) {
     packet_.reserve(kPacketCapacity);
 }
@@ -79,9 +80,17 @@ unsigned char MidiMessageDispatcher::GetPortIndex() const {
 
 template <typename Change>
 void MidiMessageDispatcher::ChangeBindings_(Change&& change) {
-    auto next = std::make_shared<BindingMap>(*bindings_.load());
+    auto next = std::make_unique<BindingMap>(*currentBindings_);
     change(*next);
-    bindings_.store(std::move(next));
+    std::unique_ptr<const BindingMap> replaced = std::exchange(currentBindings_, std::move(next));
+    bindings_.store(currentBindings_.get());
+    // Read after the store: an even epoch means no lookup can still hold a replaced map.
+    const std::uint64_t epoch = lookupEpoch_.load();
+    std::erase_if(retiredBindings_,
+                  [epoch](const RetiredBindings& retired) { return retired.epoch != epoch; });
+    if (epoch % 2 == 1) {
+        retiredBindings_.push_back({std::move(replaced), epoch});
+    }
 }
 
 void MidiMessageDispatcher::SetMidiBinding(MidiBindingKey key, Action action) {
@@ -147,10 +156,18 @@ void MidiMessageDispatcher::ProcessMessage(const MIDIMessage& message) {
                 return;
             }
         }
-        // The snapshot keeps the map (and the action in it) alive while the action runs, even
-        // if the binding is replaced meanwhile.
-        const std::shared_ptr<const BindingMap> bindings = bindings_.load();
-        if (const auto found = bindings->find(key); found != bindings->end()) {
+        // The odd epoch keeps the map read here (and the action in it) alive while the action
+        // runs, even if the action or another thread replaces the bindings meanwhile.
+        struct LookupWindow {
+            explicit LookupWindow(std::atomic<std::uint64_t>& epoch) : epoch_(epoch) { ++epoch_; }
+            ~LookupWindow() { ++epoch_; }
+            LookupWindow(const LookupWindow&) = delete;
+            LookupWindow& operator=(const LookupWindow&) = delete;
+            std::atomic<std::uint64_t>& epoch_;
+        };
+        const LookupWindow window(lookupEpoch_);
+        const BindingMap& bindings = *bindings_.load();
+        if (const auto found = bindings.find(key); found != bindings.end()) {
             found->second();
             return;
         }
@@ -192,8 +209,8 @@ void MidiMessageDispatcher::MidiNotification() {
 }
 
 void MidiMessageDispatcher::DisplayCallbackMap(std::ostream& out) const {
-    const std::shared_ptr<const BindingMap> bindings = bindings_.load();
-    for (const auto& [key, action] : *bindings) {
+    std::scoped_lock lock(mutex_);  // the current map is freed only under it
+    for (const auto& [key, action] : *currentBindings_) {
         out << "\tStatus: " << static_cast<int>(key.first)
             << " Data: " << static_cast<int>(key.second)
             << " Callback: " << static_cast<const void*>(&action) << "\n";
