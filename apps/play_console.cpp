@@ -117,7 +117,7 @@ std::vector<Key> Keys(std::string_view bytes) {
 }
 
 // The questions of the keys that need a value.
-enum class Ask { song, bar, tempoScale, transposition, track, group, trim, device };
+enum class Ask { song, bar, tempoScale, transposition, track, group, trim, device, learn };
 
 const char* Question(Ask ask) {
     switch (ask) {
@@ -137,6 +137,8 @@ const char* Question(Ask ask) {
             return "Volume trim: track, then 0 to 127";
         case Ask::device:
             return "Output device (number or part of its name)";
+        case Ask::learn:
+            return "Learn which command (number or name)";
     }
     return "";
 }
@@ -202,6 +204,11 @@ class Console {
             }
             for (const auto& line : events_.TakeLogLines()) {
                 PrintAbove_(line);
+            }
+            if (setup_.input != nullptr) {
+                for (const auto& line : PerformInputEvents(session_, *setup_.input, *setup_.cues)) {
+                    PrintAbove_(line);
+                }
             }
             if (input && !ReadKeys_()) {
                 return Leave_("", 0);
@@ -391,6 +398,14 @@ class Console {
                            : key == 'c'           ? setup_.sync->ToggleTimeCode()
                                                   : setup_.sync->NextFrameRate();
                 break;
+            case 'l':
+                if (setup_.input == nullptr) {
+                    message_ = "No MIDI input: start the player with --input PORT.";
+                    break;
+                }
+                PrintAbove_(CommandList_());
+                Ask_(Ask::learn);
+                break;
             case '?':
             case 'h':
                 PrintAbove_(ConsoleHelp());
@@ -464,6 +479,9 @@ class Console {
             case Ask::device:
                 session_.ChooseDevice(ResolveDevice(text));
                 break;
+            case Ask::learn:
+                setup_.input->Learn(ResolveCommand(text));
+                break;
         }
     }
 
@@ -503,6 +521,22 @@ class Console {
             list += "\n  " + std::to_string(++number) + "  " + song.name;
             if (!song.song) {
                 list += "  (cannot be played: " + song.error + ")";
+            }
+        }
+        return list;
+    }
+
+    std::string CommandList_() const {
+        std::string list = "MIDI commands:";
+        const auto learned = setup_.input->Learned();
+        for (const auto& [id, name] : PlayerCommandNames()) {
+            list += "\n  " + std::to_string(id) + "  " + name;
+            if (const auto found = learned.find(id); found != learned.end()) {
+                const auto& command = found->second;
+                list += "  (on " +
+                        DescribeMessage({static_cast<unsigned char>(command.kind | command.channel),
+                                         command.data}) +
+                        ")";
             }
         }
         return list;
@@ -548,6 +582,9 @@ class Console {
         }
         if (setup_.sync != nullptr) {
             lines.push_back(setup_.sync->StatusLine());
+        }
+        if (setup_.input != nullptr) {
+            lines.push_back(InputStatusLine(*setup_.input));
         }
         if (prompt_) {
             lines.push_back(std::string("> ") + Question(*prompt_) + ": " + answer_ + "_");
@@ -619,7 +656,7 @@ const char* ConsoleHelp() {
            "  >  <    transpose up / down 1         t  set the transposition (-24 to 24)\n"
            "  m       mute or unmute a track        g  mute or unmute a group of tracks\n"
            "  v       volume trim of a track        o  choose the output device\n"
-           "  )  (    display delay up / down 10 ms\n"
+           "  )  (    display delay up / down 10 ms l  learn a MIDI command (--input)\n"
            "  c       time code off / on            f  next time-code frame rate\n"
            "  ?       these keys                    q  quit (asks again while playing)\n"
            "A question is answered with Enter; Esc cancels it, Backspace deletes.";

@@ -6,6 +6,7 @@
 #include <memory>
 #include <string>
 
+#include "apps/command_input.h"
 #include "apps/play_support.h"
 #include "apps/show_session.h"
 #include "apps/sync_outputs.h"
@@ -22,6 +23,9 @@ struct ConsoleSetup {
     bool conducted = false;
     /// The time code and beat clock outputs, if the command line asked for them.
     SyncOutputs* sync = nullptr;
+    /// The MIDI input of learned commands and cues, and the cue list; null without --input.
+    CommandInput* input = nullptr;
+    const CueList* cues = nullptr;
 };
 
 /// The keys and what they do, as `?` shows them.

@@ -96,6 +96,10 @@ void MainEvents::PostLogLine(std::string line) {
     Wake_();
 }
 
+void MainEvents::PostWake() {
+    Wake_();
+}
+
 void MainEvents::PostSignal(int signalNumber) {
     int none = 0;
     signal_.compare_exchange_strong(none, signalNumber);

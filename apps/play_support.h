@@ -36,6 +36,8 @@ class MainEvents {
     void PostStatus(const SessionStatus& status);
     void PostLogLine(std::string line);
     void PostSignal(int signalNumber);
+    /// Only wakes the main thread (a producer with a queue of its own has posted to it).
+    void PostWake();
 
     /// Blocks until something is posted, `inputFd` (when not -1) is readable, or the timeout
     /// passes. Returns whether `inputFd` is readable.

@@ -2,6 +2,7 @@
 //
 //   velt-play SHOW [--play [SONG]] [--from BAR] [--until BAR] [--transpose N] [--mute TRACK]...
 //                  [--tempo-scale X] [--device N|NAME] [--record PATH] [--clock KIND]
+//                  [--input N|NAME] [--cues PATH]
 //   velt-play --list-devices
 //
 // SHOW is a show folder, its show.json, or one Standard MIDI File (a show of one song). With a
@@ -24,8 +25,11 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <tuple>
+#include <utility>
 #include <vector>
 
+#include "apps/command_input.h"
 #include "apps/play_console.h"
 #include "apps/play_support.h"
 #include "apps/show_session.h"
@@ -61,6 +65,9 @@ const char* const usage =
     "                      Standard MIDI File (the default output is there when no port is)\n"
     "  --clock KIND        precision (the default), standard, or conducted (the space bar\n"
     "                      beats: each beat starts a click; '.' stops)\n"
+    "  --input N|NAME      take learned commands and show-control cues from MIDI input N, or\n"
+    "                      the one whose name contains NAME (l in the player learns a command)\n"
+    "  --cues PATH         the cue list for show-control GO (default: cues.txt by the show)\n"
     "  --help              this text\n";
 
 // A command line that asks for something that cannot be.
@@ -84,6 +91,8 @@ struct Options {
     std::optional<std::string> record;
     velt_play::ClockKind clock = velt_play::ClockKind::precision;
     velt_play::SyncCommandLine sync;
+    std::optional<std::string> input;  // MIDI input for learned commands and cues
+    std::optional<std::string> cues;
 };
 
 bool IsDigits(const std::string& text) {
@@ -170,6 +179,10 @@ Options ParseOptions(int argc, char** argv) {
             options.mutes.push_back(value());
         } else if (arg == "--device") {
             options.device = value();
+        } else if (arg == "--input") {
+            options.input = value();
+        } else if (arg == "--cues") {
+            options.cues = value();
         } else if (arg == "--record") {
             options.record = value();
             if (options.record->empty()) {
@@ -434,6 +447,29 @@ void ListDevices() {
     }
 }
 
+// The MIDI input of --input with the learned commands of the user's configuration folder, and
+// the cue list of --cues or the show's cues.txt (none when there is no such file).
+std::pair<std::unique_ptr<velt_play::CommandInput>, velt_play::CueList> OpenCommandInput(
+    const Options& options, velt_play::MainEvents& events) {
+    std::filesystem::path cuesPath;
+    if (options.cues) {
+        cuesPath = *options.cues;
+    } else {
+        const std::filesystem::path show(options.show);
+        cuesPath = (std::filesystem::is_directory(show) ? show : show.parent_path()) / "cues.txt";
+    }
+    velt_play::CueList cues;
+    if (options.cues || std::filesystem::exists(cuesPath)) {
+        cues = velt_play::CueList::Load(cuesPath.string());
+        Print("Cue list: " + cuesPath.string());
+    }
+    auto input = std::make_unique<velt_play::CommandInput>(velt_play::CommandSettingsPath(),
+                                                           [&events] { events.PostWake(); });
+    Checked([&] { input->Connect(*options.input); });
+    Print("MIDI input: \"" + input->SourceName() + "\"");
+    return {std::move(input), std::move(cues)};
+}
+
 int Run(const Options& options, velt_play::MainEvents& events) {
     if (options.help) {
         std::fputs(usage, stdout);
@@ -496,15 +532,24 @@ int Run(const Options& options, velt_play::MainEvents& events) {
         Print(recordingNote);
     }
 
+    const bool interactive = !options.play && isatty(STDIN_FILENO) && isatty(STDOUT_FILENO);
+    velt_play::CueList cues;
+    std::unique_ptr<velt_play::CommandInput> input;
+    if (options.input && interactive) {
+        std::tie(input, cues) = OpenCommandInput(options, events);
+    } else if (options.input) {
+        Print("--input is taken in the interactive player only");
+    }
+
     int status = 0;
-    if (!options.play && isatty(STDIN_FILENO) && isatty(STDOUT_FILENO)) {
+    if (interactive) {
         if (options.from) {
             session->SeekToBar(*options.from);
         }
-        status = velt_play::RunConsole(*session, events,
-                                       {showName, playable.show, recordingNote,
-                                        options.clock == velt_play::ClockKind::conducted,
-                                        sync.get()});
+        status = velt_play::RunConsole(
+            *session, events,
+            {showName, playable.show, recordingNote,
+             options.clock == velt_play::ClockKind::conducted, sync.get(), input.get(), &cues});
     } else {
         status = PlayThrough(*session, events, options, plan);
     }

@@ -31,10 +31,16 @@
 // disconnections still on their way would count against the next open's connection).
 //
 // Threads: callers of the device operations (handle layer, listing), the client's process thread
-// (Process_) and its notification thread (OnConnect_, OnShutdown_). Neither JACK thread takes a
-// lock but the progress mutex: slots hand over through atomics, output bytes through one
-// single-producer ring buffer per slot. A slot's port and ring buffer are created before the
-// slot is published and live as long as the session, so the JACK threads never see them freed.
+// (Process_), its notification thread (OnConnect_, OnShutdown_) and, per open input, a delivery
+// thread ("jack_midi_in"). Neither JACK thread takes a lock but the progress mutex (and the
+// process thread only when someone waits for it): slots hand over through atomics, bytes through
+// one single-producer single-consumer ring buffer per slot, in both directions. The process
+// thread never allocates: input messages are copied into the slot's ring (a SysEx split over
+// several events is first put together in the slot's fixed assembly buffer) and the delivery
+// thread is woken through an atomic; it hands them to the device's sink, which queues them for
+// the handle's callback thread. A slot's port, ring buffer and assembly buffer are created before
+// the slot is published and live as long as the session, so the JACK threads never see them
+// freed.
 // Locks, in order: a device's own mutex (held while it waits for the process thread to drain or
 // let go of its slot), the service's mutex (current session), a session's mutex (slot
 // allocation, port registration, connection), the session's progress mutex (waits for the JACK
@@ -62,13 +68,19 @@ void AppendJackInputs(std::vector<std::shared_ptr<InputPort>>&) {}
 #include <condition_variable>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 #include <mutex>
+#include <thread>
 
 namespace velt_platform::detail {
 namespace {
 
 constexpr std::size_t kSlotsPerDirection = 64;  // JACK devices open at once, per direction
 constexpr std::size_t kOutputQueueBytes = 64 * 1024;
+// Input waiting for its delivery thread; what does not fit is dropped. A SysEx longer than the
+// assembly buffer is dropped whole.
+constexpr std::size_t kInputQueueBytes = 256 * 1024;
+constexpr std::size_t kSysExAssemblyBytes = 64 * 1024;
 // How long a close waits for bytes already sent to leave through the process thread, and an
 // open or a close for its connection change to take effect (the server applies it from the next
 // cycle) and to be heard back.
@@ -147,9 +159,21 @@ class JackSession {
     JackSession& operator=(const JackSession&) = delete;
 
     // Closing stops the process and notification threads first; the ring buffers go after.
+    // Every input is closed before (the devices hold the session while open), so no delivery
+    // thread runs; one that does (an input never closed) is ended here all the same.
     ~JackSession() {
-        QuietJackMessages quiet;  // a server that has gone only reports that it is not running
-        jack_client_close(client_);
+        {
+            QuietJackMessages quiet;  // a server that has gone only reports it is not running
+            jack_client_close(client_);
+        }
+        for (InputSlot& input : inputs_) {
+            if (input.delivery.joinable()) {
+                input.quit.store(true);
+                input.arrivals.fetch_add(1);
+                input.arrivals.notify_one();
+                input.delivery.join();
+            }
+        }
     }
 
     bool Gone() const { return gone_.load(); }
@@ -254,26 +278,45 @@ class JackSession {
             return MMSYSERR_NOMEM;
         }
         InputSlot& input = inputs_[*index];
-        if (input.port.load() == nullptr &&
-            !Register_(input.port, SlotPortName(kServiceInputPortName, *index), JackPortIsInput)) {
-            return MMSYSERR_ERROR;
+        if (input.port.load() == nullptr) {
+            input.queue.reset(jack_ringbuffer_create(kInputQueueBytes));
+            input.sysEx = std::make_unique<std::array<BYTE, kSysExAssemblyBytes>>();
+            if (!input.queue) {
+                return MMSYSERR_NOMEM;
+            }
+            if (!Register_(input.port, SlotPortName(kServiceInputPortName, *index),
+                           JackPortIsInput)) {
+                return MMSYSERR_ERROR;
+            }
         }
         jack_port_t* port = input.port.load();
         if (!Connected_(jack_connect(client_, source.c_str(), jack_port_name(port)))) {
             return MIDIERR_NODEVICE;
         }
         AwaitNewCycle_();
+        // The ring is empty and no thread uses it: the slot was closed (or never opened).
+        input.quit.store(false);
+        input.delivery = std::thread([&input, &sink] {
+            RunReportingFailure("JACK MIDI input", [&] { Deliver_(input, sink); });
+        });
         input.sink.store(&sink);
         input.state.store(SlotState::Active);
         slot = *index;
         return MMSYSERR_NOERROR;
     }
 
-    // After this returns the process thread never calls the slot's sink again.
+    // After this returns neither the process thread nor the delivery thread calls the slot's
+    // sink again.
     void CloseInput(std::size_t slot) {
         InputSlot& input = inputs_[slot];
         input.sink.store(nullptr);
         WaitUntilProcessThreadLetGo_();
+        input.quit.store(true);
+        input.arrivals.fetch_add(1);
+        input.arrivals.notify_one();
+        input.delivery.join();
+        // Both ends have let go: what the delivery thread left behind is thrown away.
+        jack_ringbuffer_reset(input.queue.get());
         Disconnect_(input.port.load());
         std::scoped_lock lock(mutex_);
         input.state.store(SlotState::Free);
@@ -291,14 +334,63 @@ class JackSession {
         std::atomic<int> connections{0};  // written by the notification thread only
     };
 
+    // Input ring record: InputRecord, then `length` message bytes.
+    struct InputRecord {
+        std::uint32_t length = 0;
+        std::int64_t timeNs = 0;
+    };
+
     struct InputSlot {
         std::atomic<jack_port_t*> port{nullptr};
         std::atomic<InputSink*> sink{nullptr};
         std::atomic<SlotState> state{SlotState::Free};
+        // Process thread -> delivery thread. `arrivals` is raised (and notified) after records
+        // were written, and to make the thread look at `quit`.
+        RingBuffer queue;
+        std::atomic<std::uint32_t> arrivals{0};
+        std::atomic<bool> quit{false};
+        std::thread delivery;  // runs from OpenInput to CloseInput
         // Owned by the process thread: a SysEx that arrived split over several events.
-        Bytes sysEx;
+        std::unique_ptr<std::array<BYTE, kSysExAssemblyBytes>> sysEx;
+        std::size_t sysExLength = 0;  // 0: no SysEx under way
+        bool sysExTooLong = false;
         InputSink* sysExSink = nullptr;
     };
+
+    // Process thread: one record, or nothing when the ring has no room for it. No allocation,
+    // no lock.
+    static bool QueueInput_(InputSlot& input, const BYTE* bytes, std::size_t length,
+                            std::int64_t timeNs) {
+        jack_ringbuffer_t* queue = input.queue.get();
+        const InputRecord record{static_cast<std::uint32_t>(length), timeNs};
+        if (jack_ringbuffer_write_space(queue) < sizeof record + length) {
+            return false;
+        }
+        jack_ringbuffer_write(queue, reinterpret_cast<const char*>(&record), sizeof record);
+        jack_ringbuffer_write(queue, reinterpret_cast<const char*>(bytes), length);
+        return true;
+    }
+
+    // Delivery thread: hands every record to the sink in order, then sleeps until the process
+    // thread writes more or the slot closes. The sink allocates and locks; here that is allowed.
+    static void Deliver_(InputSlot& input, InputSink& sink) {
+        SetCurrentThreadName("jack_midi_in");
+        jack_ringbuffer_t* queue = input.queue.get();
+        for (;;) {
+            const std::uint32_t seen = input.arrivals.load();
+            InputRecord record;
+            while (jack_ringbuffer_read_space(queue) >= sizeof record) {
+                jack_ringbuffer_read(queue, reinterpret_cast<char*>(&record), sizeof record);
+                Bytes message(record.length);
+                jack_ringbuffer_read(queue, reinterpret_cast<char*>(message.data()), record.length);
+                sink.Receive(std::move(message), record.timeNs);
+            }
+            if (input.quit.load()) {
+                return;
+            }
+            input.arrivals.wait(seen);
+        }
+    }
 
     template <typename Slots>
     static std::optional<std::size_t> FreeSlot_(const Slots& slots) {
@@ -429,7 +521,8 @@ class JackSession {
     }
 
     // Each JACK MIDI event is one message; a SysEx not ended by 0xF7 continues in the next
-    // events and is handed on whole.
+    // events and is handed on whole. Queued for the delivery thread, which is woken once per
+    // cycle that brought something.
     void DeliverInput_(InputSlot& input, jack_nframes_t frames) {
         jack_port_t* port = input.port.load();
         InputSink* sink = input.sink.load();
@@ -437,9 +530,12 @@ class JackSession {
             return;
         }
         if (input.sysExSink != sink) {
-            input.sysEx.clear();
+            input.sysExLength = 0;
+            input.sysExTooLong = false;
             input.sysExSink = sink;
         }
+        std::array<BYTE, kSysExAssemblyBytes>& sysEx = *input.sysEx;
+        bool queued = false;
         void* buffer = jack_port_get_buffer(port, frames);
         const jack_nframes_t count = jack_midi_get_event_count(buffer);
         for (jack_nframes_t i = 0; i < count; ++i) {
@@ -451,19 +547,31 @@ class JackSession {
             const BYTE first = bytes[0];
             const bool realTime = first >= kFirstRealTime;
             const bool continues = first < 0x80 || first == kSysExEnd;
-            if (!input.sysEx.empty() && !realTime && !continues) {
-                input.sysEx.clear();  // a new status byte cut the SysEx off
+            if (input.sysExLength > 0 && !realTime && !continues) {
+                input.sysExLength = 0;  // a new status byte cut the SysEx off
+                input.sysExTooLong = false;
             }
-            if (!realTime && (first == kSysExStart || !input.sysEx.empty())) {
-                input.sysEx.insert(input.sysEx.end(), bytes, bytes + event.size);
-                if (input.sysEx.back() == kSysExEnd) {
-                    Bytes message;
-                    message.swap(input.sysEx);
-                    sink->Receive(std::move(message), NowNs());
+            if (!realTime && (first == kSysExStart || input.sysExLength > 0)) {
+                if (input.sysExLength + event.size > sysEx.size()) {
+                    input.sysExTooLong = true;
+                } else {
+                    std::memcpy(sysEx.data() + input.sysExLength, bytes, event.size);
+                }
+                input.sysExLength += event.size;
+                if (bytes[event.size - 1] == kSysExEnd) {
+                    if (!input.sysExTooLong) {
+                        queued |= QueueInput_(input, sysEx.data(), input.sysExLength, NowNs());
+                    }
+                    input.sysExLength = 0;
+                    input.sysExTooLong = false;
                 }
                 continue;
             }
-            sink->Receive(Bytes(bytes, bytes + event.size), NowNs());
+            queued |= QueueInput_(input, bytes, event.size, NowNs());
+        }
+        if (queued) {
+            input.arrivals.fetch_add(1);
+            input.arrivals.notify_one();
         }
     }
 

@@ -13,7 +13,6 @@
 #include <deque>
 #include <mutex>
 #include <thread>
-#include <unordered_map>
 
 #include "midi_service.h"
 
@@ -263,35 +262,8 @@ class InputHandle final : public InputSink {
     std::uint64_t returnsDone_ = 0;
 };
 
-class InputTable {
-  public:
-    void Add(std::shared_ptr<InputHandle> handle) {
-        std::scoped_lock lock(mutex_);
-        handles_.emplace(handle.get(), std::move(handle));
-    }
-
-    std::shared_ptr<InputHandle> Find(const void* key) const {
-        std::scoped_lock lock(mutex_);
-        const auto found = handles_.find(key);
-        return found == handles_.end() ? nullptr : found->second;
-    }
-
-    void Remove(const void* key) {
-        std::shared_ptr<InputHandle> last;  // destroyed after the table lock is released
-        std::scoped_lock lock(mutex_);
-        if (const auto found = handles_.find(key); found != handles_.end()) {
-            last = std::move(found->second);
-            handles_.erase(found);
-        }
-    }
-
-  private:
-    mutable std::mutex mutex_;
-    std::unordered_map<const void*, std::shared_ptr<InputHandle>> handles_;
-};
-
-InputTable& Inputs() {
-    static InputTable table;
+HandleTable<InputHandle>& Inputs() {
+    static HandleTable<InputHandle> table;
     return table;
 }
 

@@ -562,35 +562,8 @@ class OutputHandle {
 };
 
 // Every open output handle, by the value handed out as HMIDIOUT / HMIDISTRM.
-class HandleTable {
-  public:
-    void Add(std::shared_ptr<OutputHandle> handle) {
-        std::scoped_lock lock(mutex_);
-        handles_.emplace(handle.get(), std::move(handle));
-    }
-
-    std::shared_ptr<OutputHandle> Find(const void* key) const {
-        std::scoped_lock lock(mutex_);
-        const auto found = handles_.find(key);
-        return found == handles_.end() ? nullptr : found->second;
-    }
-
-    void Remove(const void* key) {
-        std::shared_ptr<OutputHandle> last;  // destroyed after the table lock is released
-        std::scoped_lock lock(mutex_);
-        if (const auto found = handles_.find(key); found != handles_.end()) {
-            last = std::move(found->second);
-            handles_.erase(found);
-        }
-    }
-
-  private:
-    mutable std::mutex mutex_;
-    std::unordered_map<const void*, std::shared_ptr<OutputHandle>> handles_;
-};
-
-HandleTable& Handles() {
-    static HandleTable table;
+HandleTable<OutputHandle>& Handles() {
+    static HandleTable<OutputHandle> table;
     return table;
 }
 

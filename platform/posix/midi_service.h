@@ -6,9 +6,11 @@
 #include <cstdint>
 #include <exception>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <span>
 #include <string>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -138,5 +140,37 @@ struct CallbackTarget {
 // kind. MMSYSERR_NOTSUPPORTED for window/thread/event callbacks, MMSYSERR_INVALFLAG for others.
 MMRESULT MakeCallbackTarget(DWORD flags, DWORD allowed, DWORD_PTR function, DWORD_PTR instance,
                             CallbackTarget& target);
+
+// Every open handle of one kind (output and stream handles, or input handles), by the value
+// handed out as the handle. Threads: any. Locks: its own mutex, around the map only; a handle
+// removed is destroyed after the lock is released, since closing it may wait for a thread that
+// looks handles up.
+template <typename Handle>
+class HandleTable {
+  public:
+    void Add(std::shared_ptr<Handle> handle) {
+        std::scoped_lock lock(mutex_);
+        handles_.emplace(handle.get(), std::move(handle));
+    }
+
+    std::shared_ptr<Handle> Find(const void* key) const {
+        std::scoped_lock lock(mutex_);
+        const auto found = handles_.find(key);
+        return found == handles_.end() ? nullptr : found->second;
+    }
+
+    void Remove(const void* key) {
+        std::shared_ptr<Handle> last;  // destroyed after the table lock is released
+        std::scoped_lock lock(mutex_);
+        if (const auto found = handles_.find(key); found != handles_.end()) {
+            last = std::move(found->second);
+            handles_.erase(found);
+        }
+    }
+
+  private:
+    mutable std::mutex mutex_;
+    std::unordered_map<const void*, std::shared_ptr<Handle>> handles_;
+};
 
 }  // namespace velt_platform::detail

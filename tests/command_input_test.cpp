@@ -1,0 +1,199 @@
+// The player's MIDI input: commands learned from a virtual input device drive the show session
+// the way the player's main thread performs them, and show-control cues recall songs and markers.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <filesystem>
+#include <fstream>
+#include <mutex>
+
+#include "apps/command_input.h"
+#include "apps/show_session.h"
+#include "midi_input_support.h"
+#include "platform/virtual_midi.h"
+#include "velt_core/song_builder.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using midi_input_test::kHangLimit;
+using velt_play::CommandInput;
+using velt_play::PlayState;
+
+constexpr std::uint32_t kBar = 1920;
+
+// Sixteen bars of whole notes at a slow tempo, so a song plays on while the test acts; markers
+// at bars 5 and 9.
+std::shared_ptr<velt_midi::SongData> Song(const std::string& name) {
+    velt_core::SongBuilder song(name, 480);
+    song.Tempo(0, 60).Meter(0, 4, 4).Bars(16);
+    song.Track(0x00, "Strings", 48, {0, 127});
+    for (std::uint32_t tick = 0; tick < 16 * kBar; tick += kBar) {
+        song.Note(0x00, tick, 60, 80, kBar);
+    }
+    song.Marker(4 * kBar, "Verse 2").Marker(8 * kBar, "Bridge");
+    return song.Build();
+}
+
+// The player's main loop in small: the input wakes it, it performs what was taken.
+class Player {
+  public:
+    explicit Player(const std::filesystem::path& settings) {
+        auto show = std::make_shared<pv::ParvelShowData>();
+        std::vector<velt_play::SessionSong> songs;
+        for (const char* name : {"Overture", "Finale"}) {
+            auto song = Song(name);
+            show->AddSong(song);
+            songs.push_back({name, song, ""});
+        }
+        session = std::make_unique<velt_play::ShowSession>(
+            std::move(songs), show,
+            velt_play::SessionOptions{velt_play::ClockKind::precision, "Pit"});
+        Open(settings);
+    }
+    ~Player() {
+        input.reset();
+        session.reset();
+    }
+
+    void Open(const std::filesystem::path& settings) {
+        input.reset();
+        input = std::make_unique<CommandInput>(settings.string(), [this] {
+            std::scoped_lock lock(mutex);
+            ++wakes;
+            woken.notify_all();
+        });
+    }
+
+    // Waits for the next wake-up and performs what the input queued.
+    std::vector<std::string> PerformNext() {
+        {
+            std::unique_lock lock(mutex);
+            if (!woken.wait_for(lock, kHangLimit, [&] { return wakes > performed; })) {
+                return {"(no wake-up)"};
+            }
+            performed = wakes;
+        }
+        return velt_play::PerformInputEvents(*session, *input, cues);
+    }
+
+    velt_platform::VirtualMidiOutput pit{"Pit"};
+    velt_platform::VirtualMidiInput pads{"Pads"};
+    std::unique_ptr<velt_play::ShowSession> session;
+    std::unique_ptr<CommandInput> input;
+    velt_play::CueList cues;
+    std::mutex mutex;
+    std::condition_variable woken;
+    int wakes = 0;
+    int performed = 0;
+};
+
+class CommandInputTest : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        folder_ = std::filesystem::temp_directory_path() /
+                  ("command_input_test_" + std::to_string(getpid()));
+        std::filesystem::create_directories(folder_);
+    }
+    void TearDown() override { std::filesystem::remove_all(folder_); }
+    std::filesystem::path folder_;
+};
+
+}  // namespace
+
+TEST_F(CommandInputTest, ALearnedNoteStartsAndStopsTheShowAndIsKeptForTheNextRun) {
+    const auto settings = folder_ / "midi_commands.dat";
+    Player player(settings);
+    EXPECT_THROW(player.input->Connect("Drums"), std::out_of_range);
+    player.input->Connect("pad");
+    EXPECT_EQ(player.input->SourceName(), "Pads");
+
+    player.input->Learn(velt_play::ResolveCommand("play"));
+    EXPECT_EQ(player.input->Learning(), 2);
+    ASSERT_TRUE(player.pads.SendShort(0x90, 60, 100));
+    EXPECT_EQ(player.PerformNext(),
+              std::vector<std::string>{"Learned Play on note 60 on channel 1."});
+    player.input->Learn(velt_play::ResolveCommand("Stop"));
+    ASSERT_TRUE(player.pads.SendShort(0xB0, 64, 127));
+    EXPECT_EQ(player.PerformNext(),
+              std::vector<std::string>{"Learned Stop on controller 64 on channel 1."});
+    EXPECT_EQ(player.input->Learning(), std::nullopt);
+    EXPECT_EQ(player.session->Status().state, PlayState::cued);
+
+    ASSERT_TRUE(player.pads.SendShort(0x90, 60, 100));
+    EXPECT_EQ(player.PerformNext(), std::vector<std::string>{"MIDI: Play"});
+    EXPECT_EQ(player.session->Status().state, PlayState::playing);
+    ASSERT_TRUE(player.pit.WaitForMessages(1, kHangLimit));
+
+    ASSERT_TRUE(player.pads.SendShort(0xB0, 64, 127));
+    EXPECT_EQ(player.PerformNext(), std::vector<std::string>{"MIDI: Stop"});
+    EXPECT_EQ(player.session->Status().state, PlayState::cued);
+    EXPECT_GE(player.input->MessageCount(), 4u);
+
+    // The next run: the same file, the input connected again, the note plays again.
+    player.Open(settings);
+    player.input->Connect("Pads");
+    EXPECT_EQ(player.input->Learned().size(), 2u);
+    ASSERT_TRUE(player.pads.SendShort(0x90, 60, 1));
+    // Binding the commands again on connecting is not reported as learning them.
+    std::vector<std::string> lines;
+    while (lines.empty()) {
+        lines = player.PerformNext();
+    }
+    EXPECT_EQ(lines, std::vector<std::string>{"MIDI: Play"});
+    EXPECT_EQ(player.session->Status().state, PlayState::playing);
+    player.session->Stop();
+}
+
+TEST_F(CommandInputTest, ShowControlGoRecallsTheCuesSongAndMarker) {
+    const auto cueFile = folder_ / "cues.txt";
+    std::ofstream(cueFile) << "# cue  song  marker\n"
+                              "1      1\n"
+                              "\n"
+                              "1.5    2     Bridge\n"
+                              "7      2     Coda\n";
+    Player player(folder_ / "midi_commands.dat");
+    player.cues = velt_play::CueList::Load(cueFile.string());
+    player.input->Connect("0");
+
+    const auto go = [&](const std::string& cue) {
+        std::vector<std::uint8_t> message = {0xF0, 0x7F, 0x7F, 0x02, 0x11, 0x01};
+        message.insert(message.end(), cue.begin(), cue.end());
+        message.insert(message.end(), {0x00, 0x31, 0xF7});  // in cue list 1
+        EXPECT_TRUE(player.pads.SendSysEx(message));
+        return player.PerformNext();
+    };
+    EXPECT_EQ(go("1.5"), std::vector<std::string>{"MIDI cue 1.5: song 2 at \"Bridge\""});
+    auto status = player.session->Status();
+    EXPECT_EQ(status.songNumber, 2);
+    EXPECT_EQ(status.bar, 9);
+    EXPECT_EQ(status.state, PlayState::cued);
+
+    player.session->Play();
+    EXPECT_EQ(go("1"), std::vector<std::string>{"MIDI cue 1: song 1"});
+    status = player.session->Status();
+    EXPECT_EQ(status.songNumber, 1);
+    EXPECT_EQ(status.state, PlayState::playing);  // a cue while playing plays on there
+    player.session->Stop();
+
+    EXPECT_EQ(go("7"),
+              std::vector<std::string>{"MIDI cue 7: song 2, which has no marker \"Coda\""});
+    EXPECT_EQ(player.session->Status().bar, 1);
+    EXPECT_EQ(go("3"), std::vector<std::string>{"MIDI cue 3: not in the cue list"});
+    // A STOP (command 2) is not a GO: nothing is queued, so nothing is performed.
+    ASSERT_TRUE(player.pads.SendSysEx({0xF0, 0x7F, 0x7F, 0x02, 0x11, 0x02, 0x31, 0xF7}));
+    ASSERT_TRUE(player.pads.SendShort(0xC0, 5));  // nothing learned on it: only counted
+    EXPECT_EQ(go("1"), std::vector<std::string>{"MIDI cue 1: song 1"});
+
+    std::ofstream(cueFile) << "1.5 two\n";
+    try {
+        velt_play::CueList::Load(cueFile.string());
+        ADD_FAILURE() << "a cue list with a song that is not a number was read";
+    } catch (const std::runtime_error& error) {
+        EXPECT_EQ(std::string(error.what()), cueFile.string() +
+                                                 " line 1: give a cue number, a song number from "
+                                                 "1 and optionally a marker");
+    }
+}
