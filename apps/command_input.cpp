@@ -14,6 +14,7 @@
 namespace velt_play {
 namespace {
 
+constexpr unsigned char kConductBeat = 0;
 constexpr unsigned char kPlay = 2;
 constexpr unsigned char kPause = 3;
 constexpr unsigned char kStop = 4;
@@ -26,7 +27,7 @@ constexpr unsigned char kContinue = 9;
 // The notification each command posts, by id.
 const std::map<unsigned char, const std::string*>& CommandNotifications() {
     static const std::map<unsigned char, const std::string*> names = {
-        {0, &notify::names::midiCommandConductBeat},
+        {kConductBeat, &notify::names::midiCommandConductBeat},
         {1, &notify::names::midiCommandContinuousMode},
         {kPlay, &notify::names::midiCommandPlay},
         {kPause, &notify::names::midiCommandPause},
@@ -247,7 +248,14 @@ std::deque<InputEvent> CommandInput::TakeEvents() {
 // Performing
 
 const std::map<unsigned char, std::string>& PlayerCommandNames() {
-    return midi_commands::commandNames;
+    // The transport commands, and the conductor's beat for the conducted clock. Continuous Mode
+    // is not offered: the clock is chosen when the player starts.
+    static const std::map<unsigned char, std::string> names = [] {
+        auto names = midi_commands::commandNames;
+        names.emplace(kConductBeat, midi_commands::parvelCommandNames.at(kConductBeat));
+        return names;
+    }();
+    return names;
 }
 
 unsigned char ResolveCommand(const std::string& text) {
@@ -265,6 +273,14 @@ std::string PerformCommand(ShowSession& session, unsigned char id) {
                                                                   : name->second);
     const PlayState state = session.Status().state;
     switch (id) {
+        case kConductBeat:
+            // A pedal or pad that beats the clicks: only a conducted clock takes beats.
+            try {
+                session.ConductBeat();
+            } catch (const std::logic_error&) {
+                return what + ": beats need the conducted clock (--clock conducted)";
+            }
+            return what;
         case kPlay:
             session.Play();
             return what;

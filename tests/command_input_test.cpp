@@ -40,7 +40,8 @@ std::shared_ptr<velt_midi::SongData> Song(const std::string& name) {
 // The player's main loop in small: the input wakes it, it performs what was taken.
 class Player {
   public:
-    explicit Player(const std::filesystem::path& settings) {
+    explicit Player(const std::filesystem::path& settings,
+                    velt_play::ClockKind clock = velt_play::ClockKind::precision) {
         auto show = std::make_shared<pv::ParvelShowData>();
         std::vector<velt_play::SessionSong> songs;
         for (const char* name : {"Overture", "Finale"}) {
@@ -48,9 +49,8 @@ class Player {
             show->AddSong(song);
             songs.push_back({name, song, ""});
         }
-        session = std::make_unique<velt_play::ShowSession>(
-            std::move(songs), show,
-            velt_play::SessionOptions{velt_play::ClockKind::precision, "Pit"});
+        session = std::make_unique<velt_play::ShowSession>(std::move(songs), show,
+                                                           velt_play::SessionOptions{clock, "Pit"});
         Open(settings);
     }
     ~Player() {
@@ -145,6 +145,33 @@ TEST_F(CommandInputTest, ALearnedNoteStartsAndStopsTheShowAndIsKeptForTheNextRun
     EXPECT_EQ(lines, std::vector<std::string>{"MIDI: Play"});
     EXPECT_EQ(player.session->Status().state, PlayState::playing);
     player.session->Stop();
+}
+
+// Conduct Beat on a pedal: with the conducted clock each press is a beat (the first plays); with
+// a clock of its own the command is refused in words and nothing moves.
+TEST_F(CommandInputTest, ALearnedConductBeatBeatsOnlyAConductedClock) {
+    for (const auto clock : {velt_play::ClockKind::conducted, velt_play::ClockKind::precision}) {
+        Player player(folder_ / ("commands_" + std::to_string(static_cast<int>(clock))), clock);
+        player.input->Connect("Pads");
+        player.input->Learn(velt_play::ResolveCommand("Conduct Beat"));
+        ASSERT_TRUE(player.pads.SendShort(0xB0, 66, 127));
+        EXPECT_EQ(player.PerformNext(),
+                  std::vector<std::string>{"Learned Conduct Beat on controller 66 on channel 1."});
+
+        ASSERT_TRUE(player.pads.SendShort(0xB0, 66, 127));
+        const auto lines = player.PerformNext();
+        if (clock == velt_play::ClockKind::conducted) {
+            EXPECT_EQ(lines, std::vector<std::string>{"MIDI: Conduct Beat"});
+            EXPECT_EQ(player.session->Status().state, PlayState::playing);
+            ASSERT_TRUE(player.pit.WaitForMessages(1, kHangLimit));
+            player.session->Stop();
+        } else {
+            EXPECT_EQ(lines,
+                      std::vector<std::string>{"MIDI: Conduct Beat: beats need the conducted clock "
+                                               "(--clock conducted)"});
+            EXPECT_EQ(player.session->Status().state, PlayState::cued);
+        }
+    }
 }
 
 TEST_F(CommandInputTest, ShowControlGoRecallsTheCuesSongAndMarker) {
