@@ -117,7 +117,7 @@ static_assert(MMSYSERR_NOERROR == 0 && MMSYSERR_BADDEVICEID == 2 && MMSYSERR_ALL
               MMSYSERR_INVALHANDLE == 5 && MMSYSERR_INVALPARAM == 11 && MMSYSERR_BADERRNUM == 9);
 static_assert(MIDIERR_UNPREPARED == 64 && MIDIERR_STILLPLAYING == 65 && MIDIERR_NODEVICE == 68);
 static_assert(MOM_DONE == 0x3C9 && MHDR_DONE == 1 && MHDR_PREPARED == 2 && MHDR_INQUEUE == 4);
-static_assert(sizeof(MIDIHDR) == 112 && sizeof(MIDIOUTCAPSW) == 84);
+static_assert((sizeof(void*) != 8 || sizeof(MIDIHDR) == 112) && sizeof(MIDIOUTCAPSW) == 84);
 
 // Opening the first id past the device list fails in the service with MMSYSERR_BADDEVICEID, and
 // the stream device turns that into the unavailable-device text: the number, the service's own
