@@ -2,6 +2,8 @@
 // play_support.cpp): an auto-reset event instead of the pipe, WaitForMultipleObjects on it and
 // the console's input instead of poll, and the console's control handler instead of sigwait.
 #include <algorithm>
+#include <chrono>
+#include <condition_variable>
 #include <csignal>
 #include <mutex>
 #include <system_error>
@@ -37,7 +39,13 @@ bool ConsoleHasCharacter(HANDLE input) {
 // ControlHandler on a thread it starts for each event; the callback runs under the mutex, so the
 // destructor, which takes it too, returns only after a running call has finished.
 std::mutex handlerMutex;
+std::condition_variable handlerRemoved;
 std::function<void(int)> installedHandler;
+
+// The system ends the process when the handler of a close, log-off or shut-down event returns,
+// and at the latest five seconds after the event: the handler waits (a little less) for the
+// player to have silenced the device and removed the handler.
+constexpr std::chrono::milliseconds closeGrace{4500};
 
 BOOL WINAPI ControlHandler(DWORD event) {
     int signal = 0;
@@ -54,7 +62,7 @@ BOOL WINAPI ControlHandler(DWORD event) {
         default:
             return FALSE;
     }
-    std::scoped_lock lock(handlerMutex);
+    std::unique_lock lock(handlerMutex);
     if (!installedHandler) {
         return FALSE;
     }
@@ -64,6 +72,9 @@ BOOL WINAPI ControlHandler(DWORD event) {
         VeltLogException(error.what(), __FILE__, __LINE__);
     } catch (...) {
         VeltLogException("Unknown exception.", __FILE__, __LINE__);
+    }
+    if (signal == SIGTERM) {
+        handlerRemoved.wait_for(lock, closeGrace, [] { return !installedHandler; });
     }
     return TRUE;
 }
@@ -113,6 +124,7 @@ StopSignals::~StopSignals() {
     SetConsoleCtrlHandler(ControlHandler, FALSE);
     std::scoped_lock lock(handlerMutex);
     installedHandler = nullptr;
+    handlerRemoved.notify_all();
 }
 
 }  // namespace velt_play
