@@ -1,7 +1,14 @@
 #include "apps/play_console.h"
 
+#ifdef _WIN32
+#include <fcntl.h>
+#include <io.h>
+
+#include "platform/mmsystem.h"
+#else
 #include <sys/ioctl.h>
 #include <termios.h>
+#endif
 #include <unistd.h>
 
 #include <cerrno>
@@ -36,6 +43,52 @@ void Write(const std::string& text) {
     }
 }
 
+#ifdef _WIN32
+// Single keys for the life of the object: no line editing, no echo, keys read as the bytes a
+// terminal sends (arrows as escape sequences, Enter as CR, UTF-8), and escape sequences drawn.
+// Ctrl-C stays a console control event, which StopSignals turns into SIGINT. Standard input is
+// read in binary mode, so that a CR is not held back waiting for an LF and Ctrl-Z is a key, not
+// the end of input. The cursor is hidden while the status area is shown.
+class RawTerminal {
+  public:
+    RawTerminal()
+        : input_(GetStdHandle(STD_INPUT_HANDLE)), output_(GetStdHandle(STD_OUTPUT_HANDLE)) {
+        if (!GetConsoleMode(input_, &savedInput_) || !GetConsoleMode(output_, &savedOutput_)) {
+            throw std::system_error(static_cast<int>(GetLastError()), std::system_category(),
+                                    "the console");
+        }
+        const DWORD off = ENABLE_LINE_INPUT | ENABLE_ECHO_INPUT | ENABLE_MOUSE_INPUT |
+                          ENABLE_WINDOW_INPUT | ENABLE_QUICK_EDIT_MODE;
+        SetConsoleMode(input_, (savedInput_ & ~off) | ENABLE_PROCESSED_INPUT |
+                                   ENABLE_VIRTUAL_TERMINAL_INPUT | ENABLE_EXTENDED_FLAGS);
+        SetConsoleMode(output_,
+                       savedOutput_ | ENABLE_PROCESSED_OUTPUT | ENABLE_VIRTUAL_TERMINAL_PROCESSING);
+        SetConsoleCP(CP_UTF8);
+        SetConsoleOutputCP(CP_UTF8);
+        savedStdinMode_ = _setmode(STDIN_FILENO, _O_BINARY);
+        Write("\x1b[?25l");
+    }
+    ~RawTerminal() {
+        Write("\x1b[?25h");
+        _setmode(STDIN_FILENO, savedStdinMode_);
+        SetConsoleCP(savedInputCodePage_);
+        SetConsoleOutputCP(savedOutputCodePage_);
+        SetConsoleMode(output_, savedOutput_);
+        SetConsoleMode(input_, savedInput_);
+    }
+    RawTerminal(const RawTerminal&) = delete;
+    RawTerminal& operator=(const RawTerminal&) = delete;
+
+  private:
+    HANDLE input_;
+    HANDLE output_;
+    DWORD savedInput_ = 0;
+    DWORD savedOutput_ = 0;
+    UINT savedInputCodePage_ = GetConsoleCP();
+    UINT savedOutputCodePage_ = GetConsoleOutputCP();
+    int savedStdinMode_ = _O_TEXT;
+};
+#else
 // Single keys for the life of the object: no line editing, no echo, no flow control (Ctrl-S must
 // not freeze the display mid-show), no suspend (a stopped player would leave its notes sounding).
 // Ctrl-C still raises SIGINT, which the main loop turns into a clean stop. The cursor is hidden
@@ -65,6 +118,7 @@ class RawTerminal {
   private:
     termios saved_{};
 };
+#endif
 
 // Log lines of the engine go above the status area instead of through it.
 class LogAboveStatus {
@@ -178,11 +232,20 @@ std::string Fit(const std::string& line, int columns) {
 }
 
 int TerminalColumns() {
+#ifdef _WIN32
+    CONSOLE_SCREEN_BUFFER_INFO info{};
+    if (GetConsoleScreenBufferInfo(GetStdHandle(STD_OUTPUT_HANDLE), &info) &&
+        info.srWindow.Right > info.srWindow.Left) {
+        return info.srWindow.Right - info.srWindow.Left + 1;
+    }
+    return 80;
+#else
     winsize size{};
     if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0) {
         return size.ws_col;
     }
     return 80;
+#endif
 }
 
 // Threads: the main thread only.

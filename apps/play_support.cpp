@@ -1,9 +1,11 @@
 #include "apps/play_support.h"
 
+#ifndef _WIN32
 #include <fcntl.h>
 #include <poll.h>
 #include <pthread.h>
 #include <unistd.h>
+#endif
 
 #include <algorithm>
 #include <cctype>
@@ -36,6 +38,7 @@ bool IsNumber(const std::string& text) {
            std::all_of(text.begin(), text.end(), [](unsigned char c) { return std::isdigit(c); });
 }
 
+#ifndef _WIN32
 // Ends the signal thread; never sent to another thread, so it needs no meaning of its own.
 constexpr int endSignal = SIGUSR1;
 
@@ -47,12 +50,15 @@ sigset_t StopSignalSet() {
     }
     return set;
 }
+#endif
 
 }  // namespace
 
 // ---------------------------------------------------------------------------------------------
 // MainEvents
 
+#ifndef _WIN32
+// The pipe and poll; the Windows counterparts are in play_support_win.cpp.
 MainEvents::MainEvents() {
     int fds[2];
     if (pipe(fds) != 0) {
@@ -76,6 +82,7 @@ void MainEvents::Wake_() {
     // A full pipe already wakes the main thread.
     [[maybe_unused]] const auto written = write(writeFd_, &byte, 1);
 }
+#endif
 
 void MainEvents::PostStatus(const SessionStatus& status) {
     {
@@ -106,6 +113,7 @@ void MainEvents::PostSignal(int signalNumber) {
     Wake_();
 }
 
+#ifndef _WIN32
 bool MainEvents::Wait(int inputFd, std::chrono::milliseconds timeout) {
     pollfd fds[2] = {{readFd_, POLLIN, 0}, {inputFd, POLLIN, 0}};
     const nfds_t count = inputFd >= 0 ? 2 : 1;
@@ -119,6 +127,7 @@ bool MainEvents::Wait(int inputFd, std::chrono::milliseconds timeout) {
     }
     return count == 2 && (fds[1].revents & (POLLIN | POLLHUP | POLLERR)) != 0;
 }
+#endif
 
 std::deque<SessionStatus> MainEvents::TakeStatuses() {
     std::scoped_lock lock(mutex_);
@@ -133,6 +142,7 @@ std::vector<std::string> MainEvents::TakeLogLines() {
 // ---------------------------------------------------------------------------------------------
 // StopSignals
 
+#ifndef _WIN32
 StopSignals::StopSignals(std::function<void(int)> onSignal) {
     std::signal(SIGPIPE, SIG_IGN);
     const sigset_t set = StopSignalSet();
@@ -161,6 +171,7 @@ StopSignals::~StopSignals() {
     pthread_kill(thread_.native_handle(), endSignal);
     thread_.join();
 }
+#endif
 
 // ---------------------------------------------------------------------------------------------
 // Choices

@@ -19,8 +19,9 @@
 namespace velt_play {
 
 /// Hands what happens on other threads to the main thread, which alone draws, prints and calls
-/// the session's verbs. Producers post and write one byte to a pipe; the main thread waits on the
-/// pipe (and on standard input, in the interactive mode) and takes what was posted.
+/// the session's verbs. Producers post and write one byte to a pipe (set an event, on Windows);
+/// the main thread waits on it (and on standard input, in the interactive mode) and takes what
+/// was posted.
 ///
 /// Threads: any thread posts (the session's display and async-stopped threads through the status
 /// listener, engine threads through the log sink, the signal thread); only the main thread waits
@@ -40,7 +41,8 @@ class MainEvents {
     void PostWake();
 
     /// Blocks until something is posted, `inputFd` (when not -1) is readable, or the timeout
-    /// passes. Returns whether `inputFd` is readable.
+    /// passes. Returns whether `inputFd` is readable. On Windows `inputFd` 0 is the console's
+    /// input, readable once a key with a character was pressed.
     bool Wait(int inputFd, std::chrono::milliseconds timeout);
     /// Every status posted since the last call, oldest first.
     std::deque<SessionStatus> TakeStatuses();
@@ -51,8 +53,12 @@ class MainEvents {
   private:
     void Wake_();
 
+#ifdef _WIN32
+    void* wakeEvent_ = nullptr;  // auto-reset event
+#else
     int readFd_ = -1;
     int writeFd_ = -1;
+#endif
     std::mutex mutex_;
     std::deque<SessionStatus> statuses_;
     std::vector<std::string> logLines_;
@@ -64,6 +70,8 @@ class MainEvents {
 /// thread that starts it), and one thread of this object takes them with sigwait and hands them
 /// on; nothing runs in a signal handler. SIGPIPE is ignored: a closed output must not end the
 /// program before it has silenced the device.
+/// On Windows the console's Ctrl-C and Ctrl-Break arrive as SIGINT, closing the console window,
+/// logging off or shutting down as SIGTERM, each on a thread the system starts for it.
 class StopSignals {
   public:
     explicit StopSignals(std::function<void(int)> onSignal);
@@ -73,7 +81,9 @@ class StopSignals {
     StopSignals& operator=(const StopSignals&) = delete;
 
   private:
+#ifndef _WIN32
     std::thread thread_;
+#endif
 };
 
 /// The exit status for a stop by `signalNumber`: 128 + the number (130 for SIGINT, 143 for

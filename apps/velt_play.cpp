@@ -319,6 +319,23 @@ Plan MakePlan(const Options& options, const PlayableShow& playable) {
     return plan;
 }
 
+#ifdef _WIN32
+// Windows plays to the system's own devices: there is no built-in default output to record.
+bool IsDefaultOutput(const std::string&) {
+    return false;
+}
+
+void PrepareRecording(const std::string&, const std::string& device) {
+    throw UsageError(
+        "--record keeps what the built-in default output receives, which this system does not "
+        "have; the player plays to \"" +
+        device + "\"");
+}
+
+std::size_t RecordedMessageCount() {
+    return 0;
+}
+#else
 bool IsDefaultOutput(const std::string& device) {
     return device == velt_platform::DefaultMidiOutput().Name();
 }
@@ -339,6 +356,11 @@ void PrepareRecording(const std::string& path, const std::string& device) {
     }
     velt_platform::SetDefaultOutputMidiFile(path);
 }
+
+std::size_t RecordedMessageCount() {
+    return velt_platform::DefaultMidiOutput().Messages().size();
+}
+#endif
 
 // ---------------------------------------------------------------------------------------------
 // Playing through
@@ -561,7 +583,7 @@ int Run(const Options& options, velt_play::MainEvents& events) {
             throw std::runtime_error("the recording could not be written to " + *options.record);
         }
         Print("The recording is in " + *options.record + " (" +
-              std::to_string(velt_platform::DefaultMidiOutput().Messages().size()) + " messages).");
+              std::to_string(RecordedMessageCount()) + " messages).");
     }
     return status;
 }

@@ -222,11 +222,14 @@ void Report(const Script& script, const Run& run, const char* how) {
                 Percentile(absLags, 0.95), Percentile(absLags, 1.0), ahead);
 }
 
-void PrintLoad(const char* when) {
+// Windows keeps no load average: nothing is printed there.
+void PrintLoad([[maybe_unused]] const char* when) {
+#ifndef _WIN32
     double load[3] = {0, 0, 0};
     if (getloadavg(load, 3) == 3) {
         std::printf("load average %s: %.2f %.2f %.2f\n", when, load[0], load[1], load[2]);
     }
+#endif
 }
 
 }  // namespace

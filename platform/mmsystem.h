@@ -20,6 +20,9 @@
 #endif
 #include <windows.h>
 #include <mmsystem.h>
+// windows.h keeps GetCurrentTime() as a macro for GetTickCount(), a name left from 16-bit
+// Windows; the engine's classes have members of that name.
+#undef GetCurrentTime
 #else
 #include "posix/win_types.h"
 #include "posix/mm_midi.h"

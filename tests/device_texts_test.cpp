@@ -5,9 +5,11 @@
 #include <string>
 #include <vector>
 
+#include "midi/velt_midi_error.h"
 #include "midi/win32/midi_device_info.h"
 #include "midi/win32/midi_output_ports_win32.h"
-#include "platform/virtual_midi.h"
+#include "midi/win32/win_synth.h"
+#include "tests/support/virtual_devices.h"
 
 TEST(DeviceTexts, ErrorNumbersHaveTheLibrarysOwnTexts) {
     const std::vector<std::pair<MMRESULT, std::string>> table = {
@@ -79,7 +81,7 @@ TEST(DeviceTexts, ServiceErrorTextsAndTheirFallbacks) {
     EXPECT_EQ(GetProductName(name), "Org\xC3\xA9");
 }
 
-TEST(DeviceTexts, DeviceSummaryAndPortNamesComeFromTheDevices) {
+VIRTUAL_DEVICE_TEST(DeviceTexts, DeviceSummaryAndPortNamesComeFromTheDevices) {
     velt_platform::VirtualMidiOutput device("Summary Test Out");
     MIDIOUTCAPSW capabilities{};
     ASSERT_EQ(midiOutGetDevCapsW(0, &capabilities, sizeof(capabilities)), MMSYSERR_NOERROR);
@@ -107,4 +109,46 @@ TEST(DeviceTexts, DeviceSummaryAndPortNamesComeFromTheDevices) {
     EXPECT_TRUE(nowhere.SetUniqueId(42));
     EXPECT_EQ(nowhere.GetUniqueId(), 0);
     EXPECT_TRUE(GetMidiOutputPorts().empty());
+}
+
+// The numbers the engine's texts and branches name are the multimedia service's own: on Windows
+// these are checked against the system headers, elsewhere against the platform layer's copies.
+static_assert(MMSYSERR_NOERROR == 0 && MMSYSERR_BADDEVICEID == 2 && MMSYSERR_ALLOCATED == 4 &&
+              MMSYSERR_INVALHANDLE == 5 && MMSYSERR_INVALPARAM == 11 && MMSYSERR_BADERRNUM == 9);
+static_assert(MIDIERR_UNPREPARED == 64 && MIDIERR_STILLPLAYING == 65 && MIDIERR_NODEVICE == 68);
+static_assert(MOM_DONE == 0x3C9 && MHDR_DONE == 1 && MHDR_PREPARED == 2 && MHDR_INQUEUE == 4);
+static_assert((sizeof(void*) != 8 || sizeof(MIDIHDR) == 112) && sizeof(MIDIOUTCAPSW) == 84);
+
+// Opening the first id past the device list fails in the service with MMSYSERR_BADDEVICEID, and
+// the stream device turns that into the unavailable-device text: the number, the service's own
+// text for it, then the device summary. On a machine without MIDI outputs (Wine in CI) that id
+// is 0, the device a host opens by default.
+TEST(DeviceTexts, OpeningAnUnlistedDeviceIsUnavailableWithTheServicesNumberAndText) {
+    const UINT unlisted = midiOutGetNumDevs();
+    UINT deviceId = unlisted;
+    HMIDISTRM stream = nullptr;
+    EXPECT_EQ(midiStreamOpen(&stream, &deviceId, 1, 0, 0, CALLBACK_NULL), MMSYSERR_BADDEVICEID);
+
+    const std::string serviceText = GetMidiOutErrorText(MMSYSERR_BADDEVICEID);
+    EXPECT_FALSE(serviceText.empty());
+    EXPECT_EQ(serviceText.find("Unknown error"), std::string::npos) << serviceText;
+    try {
+        WinSynth synth(unlisted);
+        FAIL() << "device " << unlisted << " opened";
+    } catch (const MidiDeviceUnavailable& error) {
+        const std::string text = error.what();
+        EXPECT_EQ(text.rfind("CreateSynthOutput() error 2, " + serviceText + "\n", 0), 0u) << text;
+        if (unlisted == 0) {
+            EXPECT_EQ(text.substr(text.find('\n') + 1),
+                      "There are no available devices for midi output.");
+        } else {
+            EXPECT_NE(text.find("Device info for " + std::to_string(unlisted) + " MIDI devices."),
+                      std::string::npos);
+        }
+    }
+    EXPECT_EQ(GetMidiOutDeviceInformation(unlisted),
+              "Unable to retrieve device capabilities for midi device " + std::to_string(unlisted) +
+                  "\nError reported: MMSYSERR_BADDEVICEID device ID out of range\n");
+    EXPECT_EQ(MidiOutputPortWin32(static_cast<unsigned char>(unlisted)).GetDisplayName(),
+              "Not a valid output device.");
 }

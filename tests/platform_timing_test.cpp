@@ -18,6 +18,17 @@
 
 namespace {
 
+// Answers to misuse (an unknown timer id, a missing callback, a bad size, an unpaired period
+// request, a bad handle) are the POSIX platform layer's promise, taken from Windows'
+// documentation. The Windows build is tested under Wine, which answers several of them
+// differently (TIMERR_NOCANDO for an unknown timer id; a timer armed without a callback calls
+// address 0), so there only the behaviour of correct calls is checked.
+#ifdef _WIN32
+constexpr bool kChecksMisuseAnswers = false;
+#else
+constexpr bool kChecksMisuseAnswers = true;
+#endif
+
 // Counts callbacks of one timer event and lets the test wait for a number of them. Optionally
 // kills the event from inside its own callback, or arms the next one-shot from it as the clock
 // does.
@@ -76,7 +87,9 @@ TEST(MultimediaTimer, OneShotFiresOnceAndThenNoLongerExists) {
     DrainTimerThread();
     EXPECT_EQ(counter.Calls(), 1);
     EXPECT_EQ(counter.ids[0], id);
-    EXPECT_EQ(timeKillEvent(id), static_cast<MMRESULT>(MMSYSERR_INVALPARAM));
+    if (kChecksMisuseAnswers) {
+        EXPECT_EQ(timeKillEvent(id), static_cast<MMRESULT>(MMSYSERR_INVALPARAM));
+    }
 }
 
 TEST(MultimediaTimer, PeriodicFiresUntilKilledAndNeverAfterTheKillReturns) {
@@ -88,7 +101,9 @@ TEST(MultimediaTimer, PeriodicFiresUntilKilledAndNeverAfterTheKillReturns) {
     const int callsAtKill = counter.Calls();
     DrainTimerThread();
     EXPECT_EQ(counter.Calls(), callsAtKill);
-    EXPECT_EQ(timeKillEvent(id), static_cast<MMRESULT>(MMSYSERR_INVALPARAM));
+    if (kChecksMisuseAnswers) {
+        EXPECT_EQ(timeKillEvent(id), static_cast<MMRESULT>(MMSYSERR_INVALPARAM));
+    }
 
     // A periodic event may also kill itself from its own callback.
     CallbackCounter self;
@@ -117,6 +132,9 @@ TEST(MultimediaTimer, CallbacksMayArmTheNextTimer) {
 }
 
 TEST(MultimediaTimer, RefusesWhatWindowsRefuses) {
+    if (!kChecksMisuseAnswers) {
+        GTEST_SKIP() << "misuse is answered by the system's own timer service here";
+    }
     CallbackCounter counter;
     EXPECT_EQ(counter.Start(0, TIME_ONESHOT), 0u);
     EXPECT_EQ(counter.Start(1'000'001, TIME_ONESHOT), 0u);
@@ -132,6 +150,9 @@ TEST(MultimediaTimer, RefusesWhatWindowsRefuses) {
 }
 
 TEST(MultimediaTimer, PeriodRequestsMustPairUp) {
+    if (!kChecksMisuseAnswers) {
+        GTEST_SKIP() << "unpaired period requests are answered by the system's own service here";
+    }
     EXPECT_EQ(timeBeginPeriod(0), static_cast<MMRESULT>(TIMERR_NOCANDO));
     EXPECT_EQ(timeEndPeriod(7), static_cast<MMRESULT>(TIMERR_NOCANDO));
     EXPECT_EQ(timeBeginPeriod(7), static_cast<MMRESULT>(TIMERR_NOERROR));
@@ -152,7 +173,9 @@ TEST(PreciseClock, CounterCountsHundredNanosecondsAndWaitsNeverReturnEarly) {
     const LONGLONG after = VeltPreciseTimeNow();
     EXPECT_LE(before / 100, count.QuadPart);
     EXPECT_LE(count.QuadPart, after / 100);
-    EXPECT_FALSE(QueryPerformanceCounter(nullptr));
+    if (kChecksMisuseAnswers) {
+        EXPECT_FALSE(QueryPerformanceCounter(nullptr));
+    }
 
     // The precise wait returns only once the deadline has passed, spinning or not.
     EXPECT_TRUE(VeltPreciseWaitUntil(0, 0));  // long past
@@ -166,7 +189,7 @@ TEST(PreciseClock, CounterCountsHundredNanosecondsAndWaitsNeverReturnEarly) {
 // A waitable timer handle that closes itself.
 class Timer {
   public:
-    explicit Timer(BOOL manualReset, const char16_t* name = nullptr)
+    explicit Timer(BOOL manualReset, const WCHAR* name = nullptr)
         : handle_(CreateWaitableTimerW(nullptr, manualReset, name)), error_(GetLastError()) {}
     ~Timer() {
         if (handle_ != nullptr) {
@@ -229,19 +252,22 @@ TEST(WaitableTimer, AbsoluteDueTimesAreWallClockFileTimes) {
 
 TEST(WaitableTimer, ANamedTimerIsOpenedAgainByItsName) {
     {
-        Timer first(FALSE, u"DelayedCallbackTimer");
+        Timer first(FALSE, VELT_WTEXT("DelayedCallbackTimer"));
         EXPECT_EQ(first.creationError(), static_cast<DWORD>(ERROR_SUCCESS));
-        Timer second(FALSE, u"DelayedCallbackTimer");
+        Timer second(FALSE, VELT_WTEXT("DelayedCallbackTimer"));
         EXPECT_EQ(second.creationError(), static_cast<DWORD>(ERROR_ALREADY_EXISTS));
         EXPECT_NE(first.get(), second.get());
         ASSERT_TRUE(first.SetRelative(0));
         EXPECT_EQ(WaitForSingleObject(second.get(), 0), WAIT_OBJECT_0);
     }
-    Timer again(FALSE, u"DelayedCallbackTimer");  // the name died with its last handle
+    Timer again(FALSE, VELT_WTEXT("DelayedCallbackTimer"));  // the name died with its last handle
     EXPECT_EQ(again.creationError(), static_cast<DWORD>(ERROR_SUCCESS));
 }
 
 TEST(WaitableTimer, BadHandlesAndUnsupportedUsesFailWithTheError) {
+    if (!kChecksMisuseAnswers) {
+        GTEST_SKIP() << "bad handles are answered by the system's own kernel here";
+    }
     HANDLE handle = CreateWaitableTimerW(nullptr, FALSE, nullptr);
     ASSERT_TRUE(CloseHandle(handle));
     SetLastError(0);
@@ -280,7 +306,10 @@ TEST(ThreadPriority, BadArgumentsFailWithTheThreadsOwnLastError) {
         SetLastError(7);
     }).join();
     EXPECT_EQ(other, 0u);
-    EXPECT_EQ(GetLastError(), 42u);
+    // On Windows the join itself is a system call that sets the last error.
+    if (kChecksMisuseAnswers) {
+        EXPECT_EQ(GetLastError(), 42u);
+    }
 }
 
 #ifndef _WIN32

@@ -218,6 +218,9 @@ class ShowManifest : public ::testing::Test {
         dir_ = std::filesystem::path(::testing::TempDir()) /
                ("show_" +
                 std::string(::testing::UnitTest::GetInstance()->current_test_info()->name()));
+        // Fresh for every run: files left by an earlier run must not be read or overwritten
+        // (overwriting one with copy_file failed in the Windows build under Wine).
+        std::filesystem::remove_all(dir_);
         std::filesystem::create_directories(dir_);
         auto song = velt_core::SongBuilder("From File", 480)
                         .Meter(0, 3, 4)

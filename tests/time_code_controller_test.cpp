@@ -14,7 +14,7 @@
 #include "interfaces/notify.h"
 #include "midi/time_code_controller.h"
 #include "midi/win32/midi_time_code_thread_win32.h"
-#include "platform/virtual_midi.h"
+#include "tests/support/virtual_devices.h"
 
 namespace {
 
@@ -140,7 +140,7 @@ TEST(TimeCodeSettings, UnwritableFileRaisesIoErrorWithItsPath) {
     }
 }
 
-TEST(TimeCodeController, SwitchingOnForwardsToTheGeneratorAndOffIgnoresCalls) {
+VIRTUAL_DEVICE_TEST(TimeCodeController, SwitchingOnForwardsToTheGeneratorAndOffIgnoresCalls) {
     Folder folder;
     RecordedGui gui;
     VirtualMidiOutput port("MTC Desk");
@@ -179,7 +179,7 @@ TEST(TimeCodeController, SwitchingOnForwardsToTheGeneratorAndOffIgnoresCalls) {
     controller.Shutdown();
 }
 
-TEST(TimeCodeController, APortThatCannotOpenIsLoggedAndStillNotified) {
+VIRTUAL_DEVICE_TEST(TimeCodeController, APortThatCannotOpenIsLoggedAndStillNotified) {
     Folder folder;
     RecordedGui gui;
     VirtualMidiOutput port("MTC Busy");

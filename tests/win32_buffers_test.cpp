@@ -11,7 +11,7 @@
 #include "midi/win32/data_buffer.h"
 #include "midi/win32/midi_buffer_win32.h"
 #include "platform/mmsystem.h"
-#include "platform/virtual_midi.h"
+#include "tests/support/virtual_devices.h"
 
 namespace {
 
@@ -95,7 +95,8 @@ TEST(DataBuffer, InUseHandshakeThrowsOnASecondSendAndWakesTheSender) {
     EXPECT_FALSE(buffer.GetInUse());
 }
 
-TEST(DataBuffer, HeadersArePreparedWithTheEventsLengthAndMovedBuffersKeepTheirHeader) {
+VIRTUAL_DEVICE_TEST(DataBuffer,
+                    HeadersArePreparedWithTheEventsLengthAndMovedBuffersKeepTheirHeader) {
     OpenStream stream;
     DataBuffer buffer(120, 0, "b");
     for (int i = 0; i < 3; ++i)
@@ -130,7 +131,7 @@ TEST(DataBuffer, HeadersArePreparedWithTheEventsLengthAndMovedBuffersKeepTheirHe
 
 // Moving to another device connects the new one before the old one is disconnected: the header
 // passes to the new handle, and the old device's disconnect must not take it away again.
-TEST(DataBuffer, AHeaderPassesToANewDeviceAndOnlyTheHandleHoldingItUnpreparesIt) {
+VIRTUAL_DEVICE_TEST(DataBuffer, AHeaderPassesToANewDeviceAndOnlyTheHandleHoldingItUnpreparesIt) {
     OpenStream first("Buffers First Out");
     OpenStream second("Buffers Second Out");
     DataBuffer buffer(120, 0, "b");
@@ -187,7 +188,7 @@ TEST(MidiBufferWin32, AFullPortRefusesTheEventAndKeepsItsProgramRecord) {
     EXPECT_EQ(seen, (MidiBuffer::ProgramChangeMap{{0, 5}}));
 }
 
-TEST(MidiBufferWin32, QuarantineReplacesThePacketAndCleanUpDropsOnlyReturnedOnes) {
+VIRTUAL_DEVICE_TEST(MidiBufferWin32, QuarantineReplacesThePacketAndCleanUpDropsOnlyReturnedOnes) {
     OpenStream stream;
     MidiBufferWin32 buffer(3, 120, "Main Buffer 1");
     buffer.PrepareHeaders(stream.Handle());

@@ -10,8 +10,12 @@
 # terminal the default (no) is taken, and the test runs its server without real-time priority.
 set -euo pipefail
 
+# With arguments, those packages instead of the build's own (tools/ensure_windows_packages.sh).
 packages=(build-essential cmake libgtest-dev libgmock-dev libbenchmark-dev jackd2
           libjack-jackd2-dev librtmidi-dev nlohmann-json3-dev pkg-config)
+if (($# > 0)); then
+    packages=("$@")
+fi
 missing=()
 for package in "${packages[@]}"; do
     if ! dpkg -s "$package" >/dev/null 2>&1; then
