@@ -242,3 +242,31 @@ TEST(ShowSession, RefusesWhatAPerformerCannotMean) {
     EXPECT_THROW(f.session->ChooseDevice("No Such Device"), MidiDeviceUnavailable);
     EXPECT_EQ(f.session->Status().state, PlayState::cued);
 }
+
+// The performer's tempo scale is heard at once, not at the score's next tempo event (this song
+// has one tempo only): the clock period after the one already timed when the verb returns is
+// sent at the new tempo, and every earlier period at the old one. The tempo the clock reports
+// with each period (clicks per minute) is kept by the output for the period's tick.
+TEST(ShowSession, ATempoScaleReachesTheRunningClockWithinOneClock) {
+    Fixture f(TestSong());
+    MidiOutputWin32& output = f.session->Output();
+    const auto bpmAt = [&output](std::uint32_t tick) {
+        double bpm = 0;
+        return output.GetBpmAtTickIndex(tick, &bpm) ? bpm : -1.0;
+    };
+    constexpr std::uint32_t clock = 20;  // 480 ticks per quarter
+    f.session->Play();
+    WaitForBar(*f.session, 2);
+    const std::uint32_t before = output.GetTickIndex();
+    f.session->SetTempoScale(0.5);
+    const std::uint32_t after = output.GetTickIndex();
+    for (int i = 0; i < 2000 && output.GetTickIndex() < after + 4 * clock; ++i)
+        std::this_thread::sleep_for(1ms);
+    f.session->Stop();
+    ASSERT_GE(output.GetTickIndex(), after + 4 * clock);
+    for (std::uint32_t tick = 0; tick <= before; tick += clock)
+        ASSERT_DOUBLE_EQ(bpmAt(tick), 960.0) << tick;
+    for (std::uint32_t tick = after + 2 * clock; tick <= after + 4 * clock; tick += clock)
+        EXPECT_DOUBLE_EQ(bpmAt(tick), 480.0) << tick;
+    EXPECT_DOUBLE_EQ(f.session->Status().tempoScale, 0.5);
+}

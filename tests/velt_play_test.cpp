@@ -570,6 +570,11 @@ TEST_F(PlayerTest, APerformerPlaysJumpsMutesTransposesAndQuitsAtTheTerminal) {
     player.Mark();
     player.Type(" ");
     ASSERT_TRUE(player.WaitForBar(2)) << player.Output();
+    // Two steps typed faster than a beat are two steps, not one from the scale still shown.
+    player.Type("++");
+    ASSERT_TRUE(player.WaitForOutput(
+        [](const std::string& text) { return text.find("scale 1.10") != text.npos; }, 10s))
+        << player.Output();
     player.Mark();
     player.Type("b9\r");  // a jump while playing
     ASSERT_TRUE(player.WaitForBar(10)) << player.Output();
@@ -751,7 +756,10 @@ TEST_F(PlayerTest, EveryBadRequestIsOneLineOnStandardErrorBeforeAnythingPlays) {
         {{exampleShow, "--play", "99"}, "there is no song 99: the show has 4 songs", 2},
         {{exampleShow, "--play=0"}, "--play must be a song number from 1", 2},
         {{exampleShow, "--tempo-scale", "nan"}, "--tempo-scale must be a number, not \"nan\"", 2},
+        {{exampleShow, "--tempo-scale", "inf"}, "--tempo-scale must be a number, not \"inf\"", 2},
         {{exampleShow, "--tempo-scale", "2.5"}, "--tempo-scale must lie between 0.5 and 2.0", 2},
+        {{exampleShow, "--tempo-scale", "0"}, "--tempo-scale must lie between 0.5 and 2.0", 2},
+        {{exampleShow, "--tempo-scale=-1"}, "--tempo-scale must lie between 0.5 and 2.0", 2},
         {{exampleShow, "--transpose", "+25"}, "--transpose must lie between -24 and 24", 2},
         {{exampleShow, "--transpose", "up"}, "--transpose must be a whole number", 2},
         {{exampleShow, "--play", "2", "--from", "17"},
