@@ -270,3 +270,54 @@ TEST(ShowSession, ATempoScaleReachesTheRunningClockWithinOneClock) {
         EXPECT_DOUBLE_EQ(bpmAt(tick), 480.0) << tick;
     EXPECT_DOUBLE_EQ(f.session->Status().tempoScale, 0.5);
 }
+
+// Early in a bar, with the bass's whole note held: a transposition sends
+// each held note's note-off at the pitch it was struck with (a note-off at the new pitch would
+// leave the old one sounding) and strikes the bass again at the new pitch; a mute then releases
+// the track's held note at once, and the track stays silent.
+TEST(ShowSession, ATranspositionReleasesHeldNotesAtTheirOldPitchAndAMuteReleasesTheTrack) {
+    Fixture f(TestSong());
+    MidiOutputWin32& output = f.session->Output();
+    const auto afterClocks = [&output](int clocks) {
+        const std::uint32_t until = output.GetTickIndex() + 20 * static_cast<std::uint32_t>(clocks);
+        for (int i = 0; i < 2000 && output.GetTickIndex() < until; ++i)
+            std::this_thread::sleep_for(1ms);
+        ASSERT_GE(output.GetTickIndex(), until);
+    };
+    const auto releases = [](const std::vector<Message>& messages, std::size_t from, int key) {
+        return std::any_of(
+            messages.begin() + static_cast<long>(from), messages.end(), [key](const Message& m) {
+                return ((m[0] & 0xF0) == 0x80 || ((m[0] & 0xF0) == 0x90 && m[2] == 0)) &&
+                       (((m[0] & 0x0F) << 8) | m[1]) == key;
+            });
+    };
+    // The ring of four buffers is filled ahead of the one sent: a change is heard from the first
+    // period filled after it.
+    constexpr int ringAhead = 6;
+    f.session->Play();
+    WaitForBar(*f.session, 2);
+    const auto beforeTransposing = f.Heard();
+    const std::set<int> held = Sounding(beforeTransposing);
+    ASSERT_TRUE(held.contains((1 << 8) | 37)) << "the bass of bar 2";
+    f.session->SetTransposition(5);
+    afterClocks(ringAhead);
+    auto heard = f.Heard();
+    for (const int key : held)
+        EXPECT_TRUE(releases(heard, beforeTransposing.size(), key)) << key;
+    const auto struck =
+        NoteOns({heard.begin() + static_cast<long>(beforeTransposing.size()), heard.end()});
+    EXPECT_NE(std::find(struck.begin(), struck.end(), Message{0x91, 37 + 5, 90}), struck.end());
+
+    const std::size_t beforeMuting = heard.size();
+    f.session->MuteTrack(0x01);
+    afterClocks(ringAhead);
+    heard = f.Heard();
+    EXPECT_TRUE(releases(heard, beforeMuting, (1 << 8) | (37 + 5)));
+    WaitForBar(*f.session, 4);
+    f.session->Stop();
+    heard = f.Heard();
+    const auto laterOns = NoteOns({heard.begin() + static_cast<long>(beforeMuting), heard.end()});
+    EXPECT_TRUE(std::none_of(laterOns.begin(), laterOns.end(),
+                             [](const Message& m) { return m[0] == 0x91; }));
+    EXPECT_TRUE(Sounding(heard).empty());
+}

@@ -104,7 +104,9 @@ class Player {
             kill(pid_, SIGKILL);
             Wait(10s);
         }
-        reader_.join();
+        if (reader_.joinable()) {
+            reader_.join();
+        }
         close(output_);
         if (errors_ >= 0) {
             close(errors_);
@@ -130,6 +132,11 @@ class Player {
             } else {
                 std::this_thread::sleep_for(10ms);
             }
+        }
+        // Everything the program wrote is read before its output is looked at: the reader ends
+        // at the end of the pipe or terminal, which comes once the program has gone.
+        if (reader_.joinable()) {
+            reader_.join();
         }
         return *status_;
     }
