@@ -631,11 +631,18 @@ TEST_F(PlayerTest, APerformerPlaysJumpsMutesTransposesAndQuitsAtTheTerminal) {
     EXPECT_TRUE(HeldAfter(heard, heard.size() - 32).empty());
 }
 
-TEST_F(PlayerTest, AScriptPlaysBarsOfASongTransposedWithATrackMuted) {
+TEST_F(PlayerTest, AScriptListsTheDevicesAndPlaysBarsOfASongTransposedWithATrackMuted) {
+    Player list(Player::Mode::piped, {"--list-devices"});
+    ASSERT_EQ(list.Wait(20s), 0) << list.Errors();
+    EXPECT_EQ(list.Output().rfind("MIDI output devices:\n  0  Built-in Default Output", 0), 0u)
+        << list.Output();
+
     const std::string song = WriteCountingSong(Path("counting.mid"));
     const std::string recording = Path("bars.mid");
-    Player player(Player::Mode::piped, {song, "--play", "1", "--from", "3", "--until", "4",
-                                        "--transpose=-2", "--mute", "echo", "--record", recording});
+    // The device by a part of its name, in any case.
+    Player player(Player::Mode::piped,
+                  {song, "--play", "1", "--from", "3", "--until", "4", "--transpose=-2", "--mute",
+                   "echo", "--device", "default OUT", "--record", recording});
     ASSERT_EQ(player.Wait(30s), 0) << player.Output() << player.Errors();
     EXPECT_NE(player.Output().find("Song 1: Counting\n  bar 3\n  bar 4\n  stopped after bar 4"),
               std::string::npos)
@@ -761,6 +768,7 @@ TEST_F(PlayerTest, EveryBadRequestIsOneLineOnStandardErrorBeforeAnythingPlays) {
         {{exampleShow, "--bogus"}, "there is no option --bogus", 2},
         {{exampleShow, song}, "one show at a time", 2},
         {{exampleShow, "--play", "99"}, "there is no song 99: the show has 4 songs", 2},
+        {{exampleShow, "--song", "99"}, "there is no option --song: --play SONG plays one", 2},
         {{exampleShow, "--play=0"}, "--play must be a song number from 1", 2},
         {{exampleShow, "--tempo-scale", "nan"}, "--tempo-scale must be a number, not \"nan\"", 2},
         {{exampleShow, "--tempo-scale", "inf"}, "--tempo-scale must be a number, not \"inf\"", 2},
