@@ -594,7 +594,11 @@ void ShowSession::Stopped_() {
         resumeTick_ = stoppedAt;
         firstFill_ = caesura ? FirstFill::chase : FirstFill::strike;
     }
-    ShowStoppedAt_(stoppedAt);
+    if (limit || caesura) {
+        ShowStoppedAt_(stoppedAt);
+    } else {
+        ShowEnded_();
+    }
     SetState_(limit ? PlayState::stopped : caesura ? PlayState::caesura : PlayState::ended);
     Publish_();
 }
@@ -604,6 +608,23 @@ void ShowSession::Stopped_() {
 void ShowSession::ShowStoppedAt_(std::uint32_t end) {
     std::scoped_lock lock(statusMutex_);
     shownTick_ = end >= ticksPerClockShown_ ? end - ticksPerClockShown_ : 0;
+}
+
+// At the end the display rests on the song's last beat. Where the last period sent ends lies
+// past it, on the bar line after the last bar, which would show a bar the song does not have.
+void ShowSession::ShowEnded_() {
+    std::uint32_t lastBeat = 0;
+    {
+        std::scoped_lock lock(positionMutex_);
+        const TL::Timeline& timeline = Song_().GetTimeline();
+        for (const TL::BarsBeats& beat : timeline.GetBarsBeats().GetVector()) {
+            if (beat.tick_index < timeline.lastTickIndex) {
+                lastBeat = beat.tick_index;
+            }
+        }
+    }
+    std::scoped_lock lock(statusMutex_);
+    shownTick_ = lastBeat;
 }
 
 void ShowSession::Downbeat_(unsigned int tick) {

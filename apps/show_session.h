@@ -191,6 +191,7 @@ class ShowSession {
     // Note-offs for every note the device holds; then controllers 123 and 121 when `resets`.
     void ReleaseSoundingNotes_(bool resets);
     void ShowStoppedAt_(std::uint32_t end);
+    void ShowEnded_();
     void RecordFilledNotes_(std::uint32_t tick, MidiBuffer& buffer);
     void WriteMutedNoteOffs_(std::uint32_t tick, MidiBuffer& buffer);
     // What a period's note messages leave of `notes`.

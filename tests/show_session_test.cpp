@@ -121,7 +121,11 @@ TEST(ShowSession, PlaysASongStraightThroughAndEndsWithNothingSounding) {
     Fixture f(song);
     f.session->Play();
     ASSERT_TRUE(f.session->WaitUntilNotPlaying(20s));
-    EXPECT_EQ(f.session->Status().state, PlayState::ended);
+    const auto status = f.session->Status();
+    EXPECT_EQ(status.state, PlayState::ended);
+    // The display rests on the last beat of the last bar, not on the bar line after it.
+    EXPECT_EQ(std::make_pair(status.bar, status.beat), std::make_pair(8, 4));
+    EXPECT_EQ(status.clicksToEnd, 0);
     const auto heard = f.Heard();
     EXPECT_TRUE(Sounding(BeforeFinalResets(heard)).empty());
     std::vector<Message> expected;
