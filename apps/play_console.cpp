@@ -513,10 +513,12 @@ class Console {
 
     std::vector<std::string> Lines_() const {
         const SessionStatus& s = status_;
+        const bool lastSong = static_cast<std::size_t>(s.songNumber) == session_.Songs().size();
         std::vector<std::string> lines;
         lines.push_back(setup_.showName + "  |  song " + std::to_string(s.songNumber) + "/" +
                         std::to_string(session_.Songs().size()) + " \"" + s.songName + "\"  |  " +
-                        StateText(s.state));
+                        (lastSong && s.state == PlayState::ended ? "ended: Enter plays it again"
+                                                                 : StateText(s.state)));
         lines.push_back("bar " + std::to_string(s.bar) + ":" + std::to_string(s.beat) +
                         "   tempo " + Fixed(s.tempo, 1) + "   scale " + Fixed(s.tempoScale, 2) +
                         "   transpose " + SignedText(s.transposition) + "   key " +
