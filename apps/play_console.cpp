@@ -308,11 +308,16 @@ class Console {
     void Command_(char key) {
         switch (key) {
             case ' ':
-                if (session_.Status().state == PlayState::playing) {
+                if (setup_.conducted) {
+                    session_.ConductBeat();
+                } else if (session_.Status().state == PlayState::playing) {
                     session_.Stop();
                 } else {
                     session_.Play();
                 }
+                break;
+            case '.':
+                session_.Stop();
                 break;
             case 'n':
                 session_.NextSong();
@@ -379,6 +384,12 @@ class Console {
                 break;
             case '(':
                 session_.DecreaseDisplayDelay();
+                break;
+            case 'c':
+            case 'f':
+                message_ = setup_.sync == nullptr ? "No time code: start with --mtc PORT."
+                           : key == 'c'           ? setup_.sync->ToggleTimeCode()
+                                                  : setup_.sync->NextFrameRate();
                 break;
             case '?':
             case 'h':
@@ -519,10 +530,14 @@ class Console {
                         std::to_string(session_.Songs().size()) + " \"" + s.songName + "\"  |  " +
                         (lastSong && s.state == PlayState::ended ? "ended: Enter plays it again"
                                                                  : StateText(s.state)));
+        const std::string beaten = !setup_.conducted ? ""
+                                   : s.followedTempo > 0.0
+                                       ? "   beaten " + Fixed(s.followedTempo, 1)
+                                       : "   beaten -";
         lines.push_back("bar " + std::to_string(s.bar) + ":" + std::to_string(s.beat) +
-                        "   tempo " + Fixed(s.tempo, 1) + "   scale " + Fixed(s.tempoScale, 2) +
-                        "   transpose " + SignedText(s.transposition) + "   key " +
-                        (s.key.empty() ? "-" : s.key));
+                        "   tempo " + Fixed(s.tempo, 1) + beaten + "   scale " +
+                        Fixed(s.tempoScale, 2) + "   transpose " + SignedText(s.transposition) +
+                        "   key " + (s.key.empty() ? "-" : s.key));
         lines.push_back("marker " + (s.marker.empty() ? std::string("-") : "\"" + s.marker + "\"") +
                         "   page " + (s.page > 0 ? std::to_string(s.page) : std::string("-")) +
                         "   clicks to the end " + std::to_string(s.clicksToEnd));
@@ -531,18 +546,24 @@ class Console {
             muted += (muted.empty() ? "" : ", ") + TrackText_(track);
         }
         lines.push_back("muted " + (muted.empty() ? std::string("-") : muted));
-        lines.push_back("device \"" + s.device + "\"" +
-                        (s.deviceLost ? "  LOST: o chooses another" : "") + "   display delay " +
-                        std::to_string(std::lround(s.displayDelay * 1000)) + " ms");
+        lines.push_back(
+            "device \"" + s.device + "\"" +
+            (s.deviceLost ? "  LOST: plays on there once it is back; o chooses another" : "") +
+            "   display delay " + std::to_string(std::lround(s.displayDelay * 1000)) + " ms");
         if (!setup_.recordingNote.empty()) {
             lines.push_back(setup_.recordingNote);
+        }
+        if (setup_.sync != nullptr) {
+            lines.push_back(setup_.sync->StatusLine());
         }
         if (prompt_) {
             lines.push_back(std::string("> ") + Question(*prompt_) + ": " + answer_ + "_");
         } else if (!message_.empty()) {
             lines.push_back(message_);
         } else {
-            lines.push_back("space play/stop   Enter play on   ? keys   q quit");
+            lines.push_back(setup_.conducted
+                                ? "space beat   . stop   Enter play on   ? keys   q quit"
+                                : "space play/stop   Enter play on   ? keys   q quit");
         }
         return lines;
     }
@@ -596,7 +617,8 @@ class Console {
 
 const char* ConsoleHelp() {
     return "Keys\n"
-           "  space   play / stop\n"
+           "  space   play / stop; with --clock conducted, a beat (the first one plays)\n"
+           "  .       stop\n"
            "  Enter   play: plays on after a caesura or a stop, again after the end\n"
            "  n  p    next / previous song          s  choose a song by number\n"
            "  ]  [    next / previous marker        b  go to a bar\n"
@@ -605,6 +627,7 @@ const char* ConsoleHelp() {
            "  m       mute or unmute a track        g  mute or unmute a group of tracks\n"
            "  v       volume trim of a track        o  choose the output device\n"
            "  )  (    display delay up / down 10 ms\n"
+           "  c       time code off / on            f  next time-code frame rate\n"
            "  ?       these keys                    q  quit (asks again while playing)\n"
            "A question is answered with Enter; Esc cancels it, Backspace deletes.";
 }

@@ -8,6 +8,7 @@
 
 #include "apps/play_support.h"
 #include "apps/show_session.h"
+#include "apps/sync_outputs.h"
 
 namespace velt_play {
 
@@ -16,6 +17,11 @@ struct ConsoleSetup {
     std::shared_ptr<pv::ParvelShowData> show;  // for its groups
     /// A line under the status area's device line (where the recording goes, or how to make one).
     std::string recordingNote;
+    /// The clock follows the performer's beats: the space bar beats instead of playing and
+    /// stopping, and the status shows the tempo beaten.
+    bool conducted = false;
+    /// The time code and beat clock outputs, if the command line asked for them.
+    SyncOutputs* sync = nullptr;
 };
 
 /// The keys and what they do, as `?` shows them.

@@ -10,6 +10,7 @@
 #include "interfaces/kit.h"
 #include "interfaces/notify.h"
 #include "midi/velt_midi_error.h"
+#include "midi/win32/conducted_midi_clock.h"
 #include "midi/win32/midi_buffer_win32.h"
 #include "midi/win32/midi_device_info.h"
 #include "midi/win32/precision_midi_clock_impl.h"
@@ -26,6 +27,8 @@ constexpr double maximumTempoScale = 2.0;
 constexpr int maximumTransposition = 24;
 // How long a stop waits for the clock's thread to finish its period.
 constexpr auto clockStopLimit = 10s;
+// How often the device list is read while a lost device is awaited.
+constexpr auto deviceWatchInterval = 250ms;
 
 // A caesura is a marker whose text begins with "caesura" (any case): the score holds there until
 // the performer plays on.
@@ -79,18 +82,25 @@ ShowSession::ShowSession(std::vector<SessionSong> songs, std::shared_ptr<pv::Par
         throw std::invalid_argument("the show has no song that can be played");
     }
     portCount_ = PortCount(songs_);
-    if (options_.clock == ClockKind::precision) {
-        auto clock = std::make_unique<PrecisionMidiClockImpl>();
+    const auto useClock = [this](auto clock) {
         waitForClockStop_ = [raw = clock.get()](auto limit) {
             return raw->WaitUntilStopped(limit);
         };
         clock_ = std::move(clock);
-    } else {
-        auto clock = std::make_unique<StandardMidiClockImpl>();
-        waitForClockStop_ = [raw = clock.get()](auto limit) {
-            return raw->WaitUntilStopped(limit);
-        };
-        clock_ = std::move(clock);
+    };
+    switch (options_.clock) {
+        case ClockKind::precision:
+            useClock(std::make_unique<PrecisionMidiClockImpl>());
+            break;
+        case ClockKind::standard:
+            useClock(std::make_unique<StandardMidiClockImpl>());
+            break;
+        case ClockKind::conducted: {
+            auto clock = std::make_unique<ConductedMidiClock>();
+            conducted_ = clock.get();
+            useClock(std::move(clock));
+            break;
+        }
     }
     position_ = std::make_unique<HowToPlayWithMidiClock>(controls_, *clock_);
     streams_ = std::make_unique<ParvelMidiStreamCollection>(*show_);
@@ -104,13 +114,20 @@ ShowSession::ShowSession(std::vector<SessionSong> songs, std::shared_ptr<pv::Par
     } else {
         output_->CreateSynthOutput(options_.device);
     }
-    notify::callbackDispatcher.AddCallback(notify::names::midiOutputDeviceLost, this,
-                                           [this](void*) { Publish_(); });
+    deviceWatch_ = std::make_unique<DeviceReturnWatch>(
+        [this](const std::string& name) { return ReopenDevice_(name); }, deviceWatchInterval);
+    // Posted on the clock's thread with the client mutex held: only hand the name on.
+    notify::callbackDispatcher.AddCallback(
+        notify::names::midiOutputDeviceLost, this, [this](void* payload) {
+            deviceWatch_->Watch(*static_cast<const std::string*>(payload));
+            Publish_();
+        });
     SelectSong(static_cast<int>(playable - songs_.begin()) + 1);
 }
 
 ShowSession::~ShowSession() {
     notify::callbackDispatcher.RemoveCallbacksForTarget(this);
+    deviceWatch_.reset();  // its callback takes the transport
     try {
         Stop();
     } catch (const std::exception& error) {
@@ -215,6 +232,9 @@ void ShowSession::Cue_(std::uint32_t tick) {
         shownTick_ = tick;
         display_->Seek(tick);
     }
+    if (hooks_.located) {
+        hooks_.located(Song_(), tick);
+    }
 }
 
 std::uint32_t ShowSession::ResumeTick_() {
@@ -267,6 +287,17 @@ void ShowSession::Resume() {
         throw std::logic_error("the song has ended; play it again or choose another");
     }
     Start_(ResumeTick_());
+}
+
+void ShowSession::ConductBeat() {
+    std::scoped_lock transport(transportMutex_);
+    if (!conducted_) {
+        throw std::logic_error("beats are for a conducted clock (--clock conducted)");
+    }
+    if (State_() != PlayState::playing) {
+        Play_();
+    }
+    conducted_->ConductBeat();
 }
 
 void ShowSession::Stop() {
@@ -361,6 +392,9 @@ void ShowSession::Start_(std::uint32_t tick) {
         stopBeforeReached_ = false;
         lastSentEnd_ = tick;
     }
+    if (hooks_.located) {
+        hooks_.located(Song_(), tick);
+    }
     output_->Seek(tick);
     clock_->ArmPlayback(ticksPerClock_, clocksPerClick, clockTime, tick, clockNumber);
     {
@@ -371,6 +405,9 @@ void ShowSession::Start_(std::uint32_t tick) {
         throw std::logic_error("the output refused to arm after priming");
     }
     SetState_(PlayState::playing);
+    if (hooks_.starting) {
+        hooks_.starting(tick);
+    }
     clock_->ContinuousMode();
     Publish_();
 }
@@ -408,6 +445,9 @@ void ShowSession::Halt_(PlayState why) {
         resumeTick = lastSentEnd_;
     }
     waitForClockStop_(clockStopLimit);
+    if (hooks_.stopped) {
+        hooks_.stopped();
+    }
     {
         std::scoped_lock lock(positionMutex_);
         resumeTick_ = resumeTick;
@@ -553,6 +593,9 @@ void ShowSession::RecordFilledNotes_(std::uint32_t tick, MidiBuffer& buffer) {
 // Returns whether playback stops here: the next period would reach PlayUntilBar's limit, or this
 // one holds a caesura.
 bool ShowSession::PeriodSent_(unsigned int tick) {
+    if (hooks_.periodSent) {
+        hooks_.periodSent(tick, clock_->GetClockState().GetClockTime());
+    }
     std::scoped_lock lock(sentMutex_);
     if (const auto filled = filledNotes_.find(tick); filled != filledNotes_.end()) {
         ApplyNoteChanges_(filled->second, sounding_);
@@ -572,6 +615,9 @@ bool ShowSession::PeriodSent_(unsigned int tick) {
 }
 
 void ShowSession::Stopped_() {
+    if (hooks_.stopped) {
+        hooks_.stopped();
+    }
     bool limit = false;
     bool caesura = false;
     std::uint32_t stoppedAt = 0;
@@ -730,8 +776,70 @@ void ShowSession::SetTrackTrim(unsigned short trackId, unsigned char trim) {
 
 void ShowSession::ChooseDevice(const std::string& deviceName) {
     std::scoped_lock transport(transportMutex_);
-    output_->CreateSynthOutput(deviceName);
+    if (output_->GetSynthIsLost()) {
+        ReplaceLostDevice_(deviceName);
+    } else {
+        output_->CreateSynthOutput(deviceName);
+    }
+    deviceWatch_->Cancel();  // the performer's choice replaces the device awaited
     Publish_();
+}
+
+// The device watch found the lost device listed again.
+bool ShowSession::ReopenDevice_(const std::string& deviceName) {
+    std::scoped_lock transport(transportMutex_);
+    if (!output_->GetSynthIsLost() || output_->GetSynthDeviceName() != deviceName) {
+        return true;  // another device was chosen meanwhile: nothing to wait for
+    }
+    try {
+        ReplaceLostDevice_(deviceName);
+    } catch (const MidiDeviceUnavailable& error) {
+        // Listed but not open yet (a device still coming up, or held by another program): the
+        // watch tries again, without a line each time.
+        if (!std::exchange(reopenFailureLogged_, true)) {
+            kit::CoutBuffer() << "WARNING: MIDI output device \"" << deviceName
+                              << "\" is listed again but cannot be opened yet: " << error.what()
+                              << kit::endl;
+        }
+        return false;
+    }
+    reopenFailureLogged_ = false;
+    kit::CoutBuffer() << "MIDI output device \"" << deviceName
+                      << "\" is back; playback goes on there." << kit::endl;
+    Publish_();
+    return true;
+}
+
+// A device opened in place of a lost one holds nothing: no note, no controller, not even its
+// program. Playing, the run is halted and started again at the same place, so that its first
+// period strikes everything that sounds there; otherwise the next start does. The device changes
+// between the halt and the start, so that no period goes to either device while what the device
+// holds is forgotten. When the device cannot be opened (MidiDeviceUnavailable) the run goes on as
+// it was.
+void ShowSession::ReplaceLostDevice_(const std::string& deviceName) {
+    const bool playing = State_() == PlayState::playing;
+    if (playing) {
+        Halt_(PlayState::playing);
+    }
+    try {
+        output_->CreateSynthOutput(deviceName);
+    } catch (...) {
+        if (playing) {
+            Start_(ResumeTick_());
+        }
+        throw;
+    }
+    {
+        std::scoped_lock lock(sentMutex_);
+        sounding_.clear();
+    }
+    {
+        std::scoped_lock lock(positionMutex_);
+        firstFill_ = FirstFill::strike;
+    }
+    if (playing) {
+        Start_(ResumeTick_());
+    }
 }
 
 void ShowSession::IncreaseDisplayDelay() {
@@ -791,6 +899,11 @@ SessionStatus ShowSession::Status() {
     status.device = output_->GetSynthDeviceName();
     status.deviceLost = output_->GetSynthIsLost();
     status.displayDelay = output_->GetGuiDelay();
+    if (conducted_) {
+        if (const auto clockTime = conducted_->GetFollowedClockTime()) {
+            status.followedTempo = 60.0 / (24 * *clockTime);
+        }
+    }
     std::scoped_lock lock(statusMutex_);
     status.state = state_;
     status.tick = shownTick_;

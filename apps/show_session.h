@@ -18,17 +18,20 @@
 #include <string>
 #include <vector>
 
+#include "apps/device_return_watch.h"
 #include "interfaces/song_data.h"
 #include "midi/how_to_play.h"
 #include "midi/midi_stream_collection.h"
 #include "midi/user_controls.h"
 #include "midi/win32/midi_output_win32.h"
 
+class ConductedMidiClock;
 class StandardMidiClock;
 
 namespace velt_play {
 
-enum class ClockKind { precision, standard };
+/// `conducted`: the clock follows the performer's beats (ConductBeat).
+enum class ClockKind { precision, standard, conducted };
 
 /// Where the session stands. `cued`: a song is selected and positioned, nothing plays.
 /// `caesura`: stopped at a caesura of the score, Resume plays on. `stopped`: stopped by the
@@ -63,6 +66,8 @@ struct SessionStatus {
     std::string device;
     bool deviceLost = false;
     double displayDelay = 0;  // seconds
+    /// Quarter notes per minute the conductor beats (a conducted clock); 0 before an interval.
+    double followedTempo = 0;
 };
 
 struct SessionOptions {
@@ -71,10 +76,26 @@ struct SessionOptions {
     std::string device;
 };
 
+/// What equipment that follows the show is told (beat clock, time code). Each may be empty.
+/// `located`: the song and tick playback is positioned at (a cue, or the start of a run), host
+/// thread. `starting`: a run is about to start at the tick (before its first clock), host
+/// thread. `periodSent`: the clock period starting at the tick, of `clockTime` seconds, has
+/// been sent (clock thread). `stopped`: a run ended (host thread for a stop or a jump, the
+/// output's stopped thread at the song's end, a caesura or a limit). Called with no lock of the
+/// session held, except `periodSent`, under the client mutex of the send step.
+struct TransportHooks {
+    std::function<void(const velt_midi::SongData& song, std::uint32_t tick)> located;
+    std::function<void(std::uint32_t tick)> starting;
+    std::function<void(std::uint32_t tick, double clockTime)> periodSent;
+    std::function<void()> stopped;
+};
+
 /// Threads that enter: the host's thread (every verb and query), the output's queue thread (the
 /// fill callback), the clock's thread (the caesura check after each sent period), the output's
-/// async-stopped thread (the stopped callback) and the display thread (the downbeat callback,
-/// which updates the status and calls the status listener).
+/// async-stopped thread (the stopped callback), the display thread (the downbeat callback,
+/// which updates the status and calls the status listener), the clock's thread again for the
+/// device-lost notification (which only hands the name to the device watch), and the device
+/// watch's thread, which re-opens a returned device as a verb does, under the transport mutex.
 ///
 /// Locks, in order: the transport mutex (each verb whole; never taken by the engine's threads),
 /// then the client mutex handed to the output (the whole send step; verbs take it to change
@@ -105,6 +126,8 @@ class ShowSession {
     ~ShowSession();
 
     void SetStatusListener(StatusListener listener);
+    /// Sets the sync hooks; call before the first verb that plays.
+    void SetTransportHooks(TransportHooks hooks) { hooks_ = std::move(hooks); }
 
     // Transport. Each verb returns once the engine has taken it in.
 
@@ -126,6 +149,10 @@ class ShowSession {
     void Stop();
     /// Plays on after a caesura or a stop, with the notes that sound there chased.
     void Resume();
+    /// A beat of the performer conducting (conducted clock only, else std::logic_error): the
+    /// start of the next click. When not playing it plays as Play does, and the beat starts the
+    /// music; until then the clock waits.
+    void ConductBeat();
     /// Moves to bar `bar` (from 1): while playing, playback jumps there and goes on with what
     /// sounds there chased; otherwise it is cued there. Throws std::out_of_range.
     void SeekToBar(int bar);
@@ -150,7 +177,11 @@ class ShowSession {
     /// A track's volume trim, 0..127 (127 = as written): its volume controller is scaled.
     void SetTrackTrim(unsigned short trackId, unsigned char trim);
     /// Moves playback to the output device with this product name (exact); it goes on there.
-    /// Throws MidiDeviceUnavailable.
+    /// Throws MidiDeviceUnavailable. A device that goes away is awaited by its name, never
+    /// replaced by whatever is listed first: when it is listed again the session opens it and
+    /// plays on there, with what sounds at that point struck again (the status shows
+    /// deviceLost meanwhile). Choosing a device ends that wait; chosen in place of a lost one,
+    /// it too has what sounds struck.
     void ChooseDevice(const std::string& deviceName);
     void IncreaseDisplayDelay();
     void DecreaseDisplayDelay();
@@ -204,6 +235,8 @@ class ShowSession {
     PlayState State_();
     void SetState_(PlayState state);
     void Publish_();
+    bool ReopenDevice_(const std::string& deviceName);
+    void ReplaceLostDevice_(const std::string& deviceName);
     const velt_midi::SongData& Song_() const;
 
     std::vector<SessionSong> songs_;
@@ -213,9 +246,11 @@ class ShowSession {
 
     std::mutex transportMutex_;
     std::recursive_mutex clientMutex_;
+    bool reopenFailureLogged_ = false;  // guarded by transportMutex_
 
     UserControls controls_;
     std::unique_ptr<StandardMidiClock> clock_;
+    ConductedMidiClock* conducted_ = nullptr;  // clock_, when it is conducted
     std::function<bool(std::chrono::milliseconds)> waitForClockStop_;
 
     // Guarded by positionMutex_.
@@ -251,7 +286,9 @@ class ShowSession {
     std::unique_ptr<HowToPlay> display_;  // a position of its own, at the tick shown
     StatusListener listener_;
 
-    std::unique_ptr<MidiOutputWin32> output_;  // last: destroyed first
+    TransportHooks hooks_;  // set before playing, then only read
+    std::unique_ptr<MidiOutputWin32> output_;
+    std::unique_ptr<DeviceReturnWatch> deviceWatch_;  // last: destroyed first
 };
 
 }  // namespace velt_play

@@ -29,6 +29,7 @@
 #include "apps/play_console.h"
 #include "apps/play_support.h"
 #include "apps/show_session.h"
+#include "apps/sync_outputs.h"
 #include "platform/virtual_midi.h"
 #include "velt_core/show_loader.h"
 
@@ -58,7 +59,8 @@ const char* const usage =
     "  --list-devices      list the MIDI output devices\n"
     "  --record PATH       the built-in default output writes what it receives to PATH, a\n"
     "                      Standard MIDI File (the default output is there when no port is)\n"
-    "  --clock KIND        precision (the default) or standard\n"
+    "  --clock KIND        precision (the default), standard, or conducted (the space bar\n"
+    "                      beats: each beat starts a click; '.' stops)\n"
     "  --help              this text\n";
 
 // A command line that asks for something that cannot be.
@@ -81,6 +83,7 @@ struct Options {
     std::optional<std::string> device;
     std::optional<std::string> record;
     velt_play::ClockKind clock = velt_play::ClockKind::precision;
+    velt_play::SyncCommandLine sync;
 };
 
 bool IsDigits(const std::string& text) {
@@ -137,6 +140,7 @@ Options ParseOptions(int argc, char** argv) {
         };
         if (arg == "--help" || arg == "-h") {
             options.help = flag();
+        } else if (Checked([&] { return velt_play::TakeSyncOption(arg, value, options.sync); })) {
         } else if (arg == "--list-devices") {
             options.listDevices = flag();
         } else if (arg == "--play") {
@@ -173,11 +177,16 @@ Options ParseOptions(int argc, char** argv) {
             }
         } else if (arg == "--clock") {
             const std::string kind = value();
-            if (kind != "precision" && kind != "standard") {
-                throw UsageError("--clock is precision or standard, not \"" + kind + "\"");
+            if (kind == "precision") {
+                options.clock = velt_play::ClockKind::precision;
+            } else if (kind == "standard") {
+                options.clock = velt_play::ClockKind::standard;
+            } else if (kind == "conducted") {
+                options.clock = velt_play::ClockKind::conducted;
+            } else {
+                throw UsageError("--clock is precision, standard or conducted, not \"" + kind +
+                                 "\"");
             }
-            options.clock = kind == "standard" ? velt_play::ClockKind::standard
-                                               : velt_play::ClockKind::precision;
         } else if (arg.size() > 1 && arg[0] == '-') {
             // The options of the player's first version say what took their place.
             const std::string instead = arg == "--song" ? ": --play SONG plays one song"
@@ -202,6 +211,13 @@ Options ParseOptions(int argc, char** argv) {
     }
     if (options.until && !options.play) {
         throw UsageError("--until goes with --play");
+    }
+    if (options.play && options.clock == velt_play::ClockKind::conducted) {
+        throw UsageError("--clock conducted needs the keyboard's beats, not --play");
+    }
+    if (options.clock == velt_play::ClockKind::conducted &&
+        !(isatty(STDIN_FILENO) && isatty(STDOUT_FILENO))) {
+        throw UsageError("--clock conducted needs the keyboard's beats: run it on a terminal");
     }
     if (options.from && options.until && *options.until < *options.from) {
         throw UsageError("--until " + std::to_string(*options.until) + " comes before --from " +
@@ -426,6 +442,7 @@ void ListDevices() {
 int Run(const Options& options, velt_play::MainEvents& events) {
     if (options.help) {
         std::fputs(usage, stdout);
+        std::fputs(velt_play::syncUsage, stdout);
         return 0;
     }
     if (options.listDevices) {
@@ -442,8 +459,14 @@ int Run(const Options& options, velt_play::MainEvents& events) {
     for (const auto& entry : playable.songs) {
         songs.push_back({entry.name, entry.song, entry.error});
     }
+    std::unique_ptr<velt_play::SyncOutputs> sync;  // outlives the session, which calls it
     auto session = std::make_unique<ShowSession>(
         std::move(songs), playable.show, velt_play::SessionOptions{options.clock, plan.device});
+    if (options.sync.Any()) {  // after the session: the music has the first claim on a port
+        sync = std::make_unique<velt_play::SyncOutputs>(
+            *playable.show, Checked([&] { return velt_play::ResolveSyncOptions(options.sync); }));
+        session->SetTransportHooks(sync->Hooks());
+    }
     session->SetStatusListener(
         [&events](const velt_play::SessionStatus& status) { events.PostStatus(status); });
     if (options.tempoScale) {
@@ -483,7 +506,10 @@ int Run(const Options& options, velt_play::MainEvents& events) {
         if (options.from) {
             session->SeekToBar(*options.from);
         }
-        status = velt_play::RunConsole(*session, events, {showName, playable.show, recordingNote});
+        status = velt_play::RunConsole(*session, events,
+                                       {showName, playable.show, recordingNote,
+                                        options.clock == velt_play::ClockKind::conducted,
+                                        sync.get()});
     } else {
         status = PlayThrough(*session, events, options, plan);
     }

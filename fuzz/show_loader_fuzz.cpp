@@ -21,28 +21,19 @@
 #include <fstream>
 #include <string>
 
+#include "fuzz/scratch_folder.h"
 #include "velt_core/show_loader.h"
 #include "velt_core/smf_writer.h"
 #include "velt_core/song_builder.h"
 
 namespace {
 
-// The scratch folder of this process (libFuzzer's workers are processes of their own), removed
-// when the process ends normally.
-struct ScratchFolder {
-    std::filesystem::path path;
-    ~ScratchFolder() {
-        std::error_code ignored;
-        std::filesystem::remove_all(path, ignored);
-    }
-} scratch;
+ScratchFolder scratch;
 
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    scratch.path =
-        std::filesystem::temp_directory_path() / ("velt_show_fuzz_" + std::to_string(::getpid()));
-    std::filesystem::create_directories(scratch.path);
+    scratch.Create("velt_show_fuzz_");
     // Track 0x011 and 8 bars of 3/4 at 480 ticks per quarter: positions up to "9:1" and 11520.
     const auto song = velt_core::SongBuilder("Fuzz", 480)
                           .Meter(0, 3, 4)

@@ -14,7 +14,9 @@
 #include "midi/midi_stream.h"
 
 /// Owns the streams of a show, keyed by song name, remembers which one is current and forwards
-/// the track-mute operations to it.
+/// the track-mute operations to it. Song names are the keys: a later song of a name already built
+/// is warned about and gets no stream of its own (a stream handed out stays valid), so a host
+/// gives every song of a show its own name.
 ///
 /// Threads: the loading thread "run_load_streams" builds the streams; GetStream may be called on
 /// any thread and blocks until its stream exists; the mute operations and GetCurrentStream come

@@ -8,6 +8,7 @@
 #include "interfaces/kit.h"
 #include "interfaces/notify.h"
 #include "midi/midi_stream_collection.h"
+#include "tests/captured_log.h"
 #include "tests/stream_test_support.h"
 #include "velt_core/song_builder.h"
 
@@ -96,6 +97,24 @@ TEST(MidiStreamCollection, TheFirstSongPlaysWhileLaterSongsAreStillLoading) {
     EXPECT_EQ(collection.Built(), 3);
     EXPECT_EQ(&collection.GetCurrentStream(), &third);
     EXPECT_NE(&first, &third);
+}
+
+// A stream handed out is played from: a later song of the same name must not replace it.
+TEST(MidiStreamCollection, ALaterSongOfTheSameNameNeverReplacesAStreamHandedOut) {
+    CapturedLog log;
+    velt_midi::ShowData show;
+    AddSongs(show, {"One", "One", "Three"});
+    {
+        GatedCollection collection(show);
+        MidiStream& first = collection.GetStream("One");
+        collection.OpenGate();
+        collection.GetStream("Three");  // loading has passed the second "One"
+        EXPECT_EQ(&collection.GetStream("One"), &first);
+        EXPECT_EQ(collection.Built(), 2);
+    }
+    EXPECT_EQ(log.lines(),
+              std::vector<std::string>{"WARNING: the show has more than one song named "
+                                       "\"One\"; each of them plays the first one's stream."});
 }
 
 /// Builds Tamber streams but fails on the song named "Bad".

@@ -400,3 +400,38 @@ TEST(PlaybackDevices, AFailingSendDropsItsPeriodLogsOnceAndTheSongStillEnds) {
               1u);
     EXPECT_EQ(Packets(device).back(), AllNotesOffMessages());
 }
+
+// Unplugged while nothing plays: the host's own sends (panics) are the first to meet the gap. One
+// fails; later sends of the host return quietly, and the next run reports the loss.
+TEST(PlaybackDevices, ALossFoundByTheHostsOwnSendIsReportedByTheNextRun) {
+    std::optional<velt_platform::VirtualMidiOutput> device(std::in_place, "Stage Left");
+    velt_platform::VirtualMidiOutput other("Stage Right");
+    LogLines log;
+    LostDevices lost;
+    Host host(QuarterNotes(2));
+    host.Output().CreateSynthOutput("Stage Left");
+    device.reset();
+    // The service may take one more packet before it notices; exactly one send fails.
+    int failures = 0;
+    for (int i = 0; i < 3; ++i) {
+        try {
+            host.Output().AllNotesOff();
+        } catch (const MidiImplementationError&) {
+            ++failures;
+        }
+    }
+    EXPECT_EQ(failures, 1);
+    EXPECT_TRUE(host.Output().GetSynthIsLost());
+    EXPECT_NO_THROW(host.Output().InjectEvents({velt_midi::VoiceEvent(0, 0x80, 0, 60, 0)}));
+
+    host.Play(0);
+    ASSERT_TRUE(lost.WaitFor(1));
+    ASSERT_TRUE(host.WaitForStops(1));
+    EXPECT_EQ(lost.Names(), std::vector<std::string>{"Stage Left"});
+    EXPECT_EQ(log.CountStartingWith("[ERROR] MIDI output device \"Stage Left\" is no longer "
+                                    "connected (midi/Sources/win32/win_synth line 166: calling "
+                                    "midiStreamOut caused error 68, MIDIERR_NODEVICE port no "
+                                    "longer connected.)"),
+              1u);
+    EXPECT_TRUE(other.Messages().empty());
+}

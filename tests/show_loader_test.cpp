@@ -386,6 +386,7 @@ TEST_F(ShowManifest, NumbersOutOfRangeOrOfTheWrongTypeAreShowErrorsNamingTheKey)
         {song(R"("pages": [{"at": 0, "page": -1}])"), "pages[0].page"},
         {song(R"("pages": [{"at": "1:1", "page": 1e999}])"), "songs[0].pages[0].page"},
         {song(R"("markers": [{"at": "2147483648:1", "text": "m"}])"), "markers[0].at"},
+        {song(R"("markers": [{"at": "1:99999999999", "text": "m"}])"), "markers[0].at"},
         {song(R"("ranges": {"17": [-1, 60]})"), "ranges.17[0]"},
         {song(R"("ranges": {"17": [60, 1e400]})"), "songs[0].ranges.17[1]"},
         {song(R"("ranges": {"99999999999": [60, 70]})"), "ranges.99999999999"},
@@ -468,6 +469,19 @@ TEST_F(ShowManifest, PlayableShowFromAFolderAManifestOrASingleMidiFile) {
     }
 }
 
+// Streams are found by song name: a reprise under the same name must not play as, or replace,
+// the first.
+TEST_F(ShowManifest, SongsSharingANameAreToldApartByANumber) {
+    CapturedLog log;
+    const auto show = Load(R"json({"name": "S", "songs": [{"name": "Reprise", "file": "a.mid"},
+        {"name": "Reprise", "file": "a.mid"}, {"name": "Reprise (2)", "file": "a.mid"}]})json");
+    std::vector<std::string> names;
+    for (const auto& song : show->GetSongs())
+        names.push_back(song->GetSongName());
+    EXPECT_EQ(names, (std::vector<std::string>{"Reprise", "Reprise (2)", "Reprise (2) (2)"}));
+    EXPECT_EQ(log.lines().size(), 2u);
+}
+
 TEST_F(ShowManifest, APlayableShowGoesOnWithoutASongFileThatCannotBeRead) {
     std::ofstream(dir_ / "bad.mid") << "MThd";  // too short for a header
     // The broken song's start cannot be checked without its bars.
@@ -485,9 +499,16 @@ TEST_F(ShowManifest, APlayableShowGoesOnWithoutASongFileThatCannotBeRead) {
     EXPECT_EQ(playable.songs[1].error, error);
     EXPECT_EQ(playable.songs[2].song, playable.show->GetSongs()[1]);
     EXPECT_EQ(playable.songs[2].song->GetSongLog().GetSongNumber(), "3");
+    // The same file again is a song of its own name.
+    EXPECT_EQ(playable.songs[2].name, "From File (2)");
+    EXPECT_EQ(playable.songs[2].song->GetSongName(), "From File (2)");
+    const std::string manifest = (dir_ / "show.json").string();
     EXPECT_EQ(log.lines(),
-              std::vector<std::string>{"WARNING: " + (dir_ / "show.json").string() +
-                                       ": song 2 \"Broken\" cannot be played: " + error});
+              (std::vector<std::string>{
+                  "WARNING: " + manifest + ": song 2 \"Broken\" cannot be played: " + error,
+                  "WARNING: " + manifest +
+                      ": song 3 is named \"From File\" as an earlier song is; it is called "
+                      "\"From File (2)\"."}));
 
     // The strict loader still refuses the show; a manifest fault still fails the player's show,
     // also in the broken song's entry; a single file that cannot be read is refused.

@@ -8,6 +8,7 @@
 #include <chrono>
 #include <cmath>
 #include <map>
+#include <optional>
 #include <set>
 #include <thread>
 #include <vector>
@@ -31,9 +32,9 @@ constexpr std::uint32_t bar = 1920;  // 4/4 at 480 ticks per quarter
 // bar lines on channel 0, a bass of whole notes on channel 1, a trill on channel 2, a caesura
 // marker in bar 7. Every
 // note ends by the song's last tick, so the song itself leaves nothing sounding.
-std::shared_ptr<velt_midi::SongData> TestSong(bool withCaesura = false) {
+std::shared_ptr<velt_midi::SongData> TestSong(bool withCaesura = false, int tempo = 960) {
     velt_core::SongBuilder song("Tied", 480);
-    song.Tempo(0, 960).Meter(0, 4, 4).Bars(8);
+    song.Tempo(0, tempo).Meter(0, 4, 4).Bars(8);
     song.Track(0x00, "Melody", 0, {0, 127}).Track(0x01, "Bass", 32, {0, 127});
     for (std::uint32_t tick = 0; tick + 1440 <= 8 * bar; tick += 960) {
         song.Note(0x00, tick + 480, static_cast<std::uint8_t>(60 + tick / 960 % 12), 90, 960);
@@ -53,22 +54,25 @@ std::shared_ptr<velt_midi::SongData> TestSong(bool withCaesura = false) {
     return song.Build();
 }
 
+std::vector<Message> Heard(const velt_platform::MidiOutputRecorder& device) {
+    std::vector<Message> messages;
+    for (const auto& message : device.Messages())
+        messages.push_back(message.bytes);
+    return messages;
+}
+
 struct Fixture {
-    explicit Fixture(std::shared_ptr<velt_midi::SongData> song) {
+    explicit Fixture(std::shared_ptr<velt_midi::SongData> song,
+                     velt_play::ClockKind clock = velt_play::ClockKind::precision) {
         show->AddSong(song);
         session = std::make_unique<ShowSession>(
             std::vector<SessionSong>{{song->GetSongName(), song, ""}}, show,
-            velt_play::SessionOptions{velt_play::ClockKind::precision, "Session Test Out"});
+            velt_play::SessionOptions{clock, "Session Test Out"});
         // The display follows each downbeat at once: these songs click faster than the delay.
         while (session->Output().GetGuiDelay() > 0)
             session->DecreaseDisplayDelay();
     }
-    std::vector<Message> Heard() const {
-        std::vector<Message> messages;
-        for (const auto& message : device.Messages())
-            messages.push_back(message.bytes);
-        return messages;
-    }
+    std::vector<Message> Heard() const { return ::Heard(device); }
     velt_platform::VirtualMidiOutput device{"Session Test Out"};
     std::shared_ptr<pv::ParvelShowData> show = std::make_shared<pv::ParvelShowData>();
     std::unique_ptr<ShowSession> session;
@@ -106,6 +110,32 @@ std::vector<Message> BeforeFinalResets(const std::vector<Message>& messages) {
     const Message first{0xB0, 123, 0};
     const auto last = std::find(messages.rbegin(), messages.rend(), first);
     return {messages.begin(), last == messages.rend() ? messages.end() : std::prev(last.base())};
+}
+
+// Note-offs that answer no note-on heard before them: the device was never told to play what
+// they end, so what should have sounded there was silent.
+int Unanswered(const std::vector<Message>& messages) {
+    std::map<int, int> voices;
+    int unanswered = 0;
+    for (const auto& m : messages) {
+        const int kind = m[0] & 0xF0;
+        const int key = ((m[0] & 0x0F) << 8) | m[1];
+        if (kind == 0x90 && m[2] > 0)
+            ++voices[key];
+        else if (kind == 0x80 || kind == 0x90)
+            voices[key] > 0 ? --voices[key] : ++unanswered;
+    }
+    return unanswered;
+}
+
+template <typename Condition>
+bool Eventually(Condition condition) {
+    for (int i = 0; i < 2000; ++i) {
+        if (condition())
+            return true;
+        std::this_thread::sleep_for(5ms);
+    }
+    return false;
 }
 
 void WaitForBar(ShowSession& session, int bar) {
@@ -244,6 +274,7 @@ TEST(ShowSession, RefusesWhatAPerformerCannotMean) {
     EXPECT_THROW(f.session->SetTransposition(25), std::out_of_range);
     EXPECT_THROW(f.session->MuteTrack(0x22), std::out_of_range);
     EXPECT_THROW(f.session->ChooseDevice("No Such Device"), MidiDeviceUnavailable);
+    EXPECT_THROW(f.session->ConductBeat(), std::logic_error);  // the clock runs by itself
     EXPECT_EQ(f.session->Status().state, PlayState::cued);
 }
 
@@ -324,4 +355,114 @@ TEST(ShowSession, ATranspositionReleasesHeldNotesAtTheirOldPitchAndAMuteReleases
     EXPECT_TRUE(std::none_of(laterOns.begin(), laterOns.end(),
                              [](const Message& m) { return m[0] == 0x91; }));
     EXPECT_TRUE(Sounding(heard).empty());
+}
+
+TEST(ShowSession, AConductedSongPlaysOnlyTheClicksBeatenAndStopsAsAnyOther) {
+    Fixture f(TestSong(), velt_play::ClockKind::conducted);
+    // The trill strikes a note on every clock: a click is 24 of them. The melody strikes a note
+    // at the start of every second click from the second on.
+    const auto trills = [&] {
+        const auto ons = NoteOns(f.Heard());
+        return std::count_if(ons.begin(), ons.end(), [](const Message& m) { return m[0] == 0x92; });
+    };
+    const auto waitForTrills = [&](long count) {
+        for (int i = 0; i < 2000 && trills() < count; ++i)
+            std::this_thread::sleep_for(5ms);
+        ASSERT_GE(trills(), count);
+        // However long the clock is given, it waits for the next beat there.
+        std::this_thread::sleep_for(200ms);
+    };
+    const auto heard = [&](const Message& message) {
+        const auto ons = NoteOns(f.Heard());
+        return std::find(ons.begin(), ons.end(), message) != ons.end();
+    };
+
+    f.session->ConductBeat();  // plays, and starts the first click
+    EXPECT_EQ(f.session->Status().state, PlayState::playing);
+    waitForTrills(24);
+    EXPECT_EQ(trills(), 24);
+    EXPECT_FALSE(heard({0x90, 60, 90}));
+    EXPECT_EQ(f.session->Status().followedTempo, 0.0);  // no interval yet
+
+    f.session->ConductBeat();
+    waitForTrills(48);
+    EXPECT_EQ(trills(), 48);
+    EXPECT_TRUE(heard({0x90, 60, 90}));
+    EXPECT_GT(f.session->Status().followedTempo, 0.0);
+
+    f.session->Stop();
+    EXPECT_EQ(f.session->Status().state, PlayState::stopped);
+    EXPECT_TRUE(Sounding(f.Heard()).empty());
+    // A beat after the stop plays on from there, one click: the third, not the fourth.
+    f.session->ConductBeat();
+    waitForTrills(72);
+    EXPECT_FALSE(heard({0x90, 61, 90}));
+    f.session->Stop();
+    EXPECT_TRUE(Sounding(f.Heard()).empty());
+}
+
+// The device is unplugged mid-song and comes back during the next song. Meanwhile the show keeps
+// its time and a stop works; nothing goes to the other device, now the first listed; once the
+// device is listed again under its name it plays on, with what sounds at that point struck again.
+TEST(ShowSession, ALostDeviceIsAwaitedByNameAndPlaysOnWithWhatSoundsStruckAgain) {
+    const std::string name = "Session Lost Out";
+    std::optional<velt_platform::VirtualMidiOutput> device(std::in_place, name);
+    velt_platform::VirtualMidiOutput other{"Session Other Out"};
+    auto song = TestSong(false, 240);  // a bar a second
+    auto next = TestSong(false, 240);
+    next->GetSongLog().SetSongName("Tied Again");
+    auto show = std::make_shared<pv::ParvelShowData>();
+    show->AddSong(song);
+    show->AddSong(next);
+    ShowSession session({{"Tied", song, ""}, {"Tied Again", next, ""}}, show,
+                        velt_play::SessionOptions{velt_play::ClockKind::precision, name});
+    while (session.Output().GetGuiDelay() > 0)
+        session.DecreaseDisplayDelay();
+
+    session.Play();
+    WaitForBar(session, 2);
+    device.reset();
+    ASSERT_TRUE(Eventually([&] { return session.Status().deviceLost; }));
+    EXPECT_NO_THROW(session.Stop());
+    EXPECT_EQ(session.Status().state, PlayState::stopped);
+
+    session.NextSong();
+    session.Play();
+    WaitForBar(session, 3);
+    device.emplace(name);
+    ASSERT_TRUE(Eventually([&] { return !device->Messages().empty(); }));
+    EXPECT_FALSE(session.Status().deviceLost);
+    EXPECT_EQ(session.Status().device, name);
+    ASSERT_TRUE(session.WaitUntilNotPlaying(30s));
+    EXPECT_EQ(session.Status().state, PlayState::ended);
+
+    const auto heard = Heard(*device);
+    EXPECT_EQ(Unanswered(heard), 0);
+    EXPECT_TRUE(Sounding(BeforeFinalResets(heard)).empty());
+    const auto ons = NoteOns(heard);
+    EXPECT_TRUE(std::any_of(ons.begin(), ons.end(), [](const Message& m) { return m[0] == 0x91; }));
+    EXPECT_TRUE(other.Messages().empty());
+}
+
+// The performer does not wait for the lost device and chooses another mid-song: that one holds
+// nothing yet, so what sounds there is struck on it before the music goes on.
+TEST(ShowSession, ADeviceChosenInPlaceOfALostOneHasWhatSoundsStruck) {
+    std::optional<velt_platform::VirtualMidiOutput> device(std::in_place, "Session Lost Out");
+    velt_platform::VirtualMidiOutput spare{"Session Spare Out"};
+    auto song = TestSong(false, 480);
+    auto show = std::make_shared<pv::ParvelShowData>();
+    show->AddSong(song);
+    ShowSession session(
+        {{"Tied", song, ""}}, show,
+        velt_play::SessionOptions{velt_play::ClockKind::precision, "Session Lost Out"});
+    session.Play();
+    device.reset();
+    ASSERT_TRUE(Eventually([&] { return session.Status().deviceLost; }));
+    session.ChooseDevice("Session Spare Out");
+    EXPECT_FALSE(session.Status().deviceLost);
+    ASSERT_TRUE(session.WaitUntilNotPlaying(30s));
+
+    const auto heard = Heard(spare);
+    EXPECT_EQ(Unanswered(heard), 0);
+    EXPECT_TRUE(Sounding(BeforeFinalResets(heard)).empty());
 }

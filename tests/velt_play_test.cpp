@@ -13,6 +13,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cctype>
 #include <chrono>
 #include <condition_variable>
 #include <cstdlib>
@@ -631,6 +632,40 @@ TEST_F(PlayerTest, APerformerPlaysJumpsMutesTransposesAndQuitsAtTheTerminal) {
     EXPECT_TRUE(HeldAfter(heard, heard.size() - 32).empty());
 }
 
+TEST_F(PlayerTest, AConductorBeatsClicksWithTheSpaceBarAndStopsWithAFullStop) {
+    const std::string song = WriteCountingSong(Path("counting.mid"));
+    const std::string recording = Path("recording.mid");
+    Player player(Player::Mode::terminal, {song, "--clock", "conducted", "--record", recording});
+    ASSERT_TRUE(player.WaitForOutput(
+        [](const std::string& text) { return text.find("space beat") != std::string::npos; }, 20s))
+        << player.Output();
+    player.Type(" ");  // plays, and the first click with it
+    std::this_thread::sleep_for(300ms);
+    player.Type(" ");  // the second: the tempo beaten is known from here
+    ASSERT_TRUE(player.WaitForOutput(
+        [](const std::string& text) {
+            for (auto at = text.find("beaten "); at != text.npos; at = text.find("beaten ", at + 1))
+                if (at + 7 < text.size() && std::isdigit(static_cast<unsigned char>(text[at + 7])))
+                    return true;
+            return false;
+        },
+        20s))
+        << player.Output();
+    // However long it is given, the music waits at the third click for its beat.
+    std::this_thread::sleep_for(1s);
+    player.Type(".");
+    ASSERT_TRUE(player.WaitForOutput(
+        [](const std::string& text) { return text.find("stopped: Enter plays on") != text.npos; },
+        20s))
+        << player.Output();
+    player.Type("q");
+    ASSERT_EQ(player.Wait(20s), 0) << player.Output();
+
+    const auto heard = ReadRecording(recording);
+    EXPECT_EQ(Struck(heard, 0, 100), (std::vector<int>{beatBase, beatBase + 1}));
+    EXPECT_TRUE(EndsWithResets(heard));
+}
+
 TEST_F(PlayerTest, AScriptListsTheDevicesAndPlaysBarsOfASongTransposedWithATrackMuted) {
     Player list(Player::Mode::piped, {"--list-devices"});
     ASSERT_EQ(list.Wait(20s), 0) << list.Errors();
@@ -788,7 +823,9 @@ TEST_F(PlayerTest, EveryBadRequestIsOneLineOnStandardErrorBeforeAnythingPlays) {
          2},
         {{song, "--device", "3"}, "there is no MIDI output device 3", 2},
         {{song, "--device", "Synth"}, "no MIDI output device is called \"Synth\"", 2},
-        {{song, "--clock", "fast"}, "--clock is precision or standard", 2},
+        {{song, "--clock", "fast"}, "--clock is precision, standard or conducted", 2},
+        {{song, "--clock", "conducted", "--play"}, "--clock conducted needs the keyboard", 2},
+        {{song, "--clock", "conducted"}, "needs the keyboard's beats: run it on a terminal", 2},
         {{song, "--record"}, "--record needs a value", 2},
         {{song, "--record", Path("no/such/folder/x.mid")}, "cannot write the recording to", 1},
         {{song, "--record", folder_.string()}, "cannot write the recording to", 1},

@@ -977,18 +977,38 @@ std::shared_ptr<pv::ParvelShowData> ReadShow(const std::filesystem::path& manife
     }
     const std::filesystem::path directory = manifestPath.parent_path();
     const Json& songs = root["songs"];
+    // The player finds a song's music by its name, so no two songs share one. A song reprised
+    // from the same file, or two files that carry the same sequence name, are told apart by a
+    // number.
+    std::set<std::string> names;
+    const auto ownName = [&](const std::string& name, std::size_t position) {
+        std::string unique = name;
+        for (int n = 2; names.contains(unique); ++n) {
+            unique = name + " (" + std::to_string(n) + ")";
+        }
+        if (unique != name) {
+            kit::CoutBuffer() << "WARNING: " << manifest << ": song " << position << " is named \""
+                              << name << "\" as an earlier song is; it is called \"" << unique
+                              << "\"." << kit::endl;
+        }
+        names.insert(unique);
+        return unique;
+    };
     for (std::size_t i = 0; i < songs.size(); ++i) {
         SongEntryReader reader(manifest, directory, i + 1);
         if (entries == nullptr) {
-            show->AddSong(reader.Read(songs[i]));
+            auto song = reader.Read(songs[i]);
+            song->GetSongLog().SetSongName(ownName(song->GetSongName(), i + 1));
+            show->AddSong(song);
             continue;
         }
         try {
             auto song = reader.Read(songs[i]);
+            song->GetSongLog().SetSongName(ownName(song->GetSongName(), i + 1));
             show->AddSong(song);
             entries->push_back(ShowEntry{song->GetSongName(), song, {}});
         } catch (const SmfError& e) {
-            ShowEntry entry{reader.ReadUnplayable(songs[i]), nullptr, e.what()};
+            ShowEntry entry{ownName(reader.ReadUnplayable(songs[i]), i + 1), nullptr, e.what()};
             kit::CoutBuffer() << "WARNING: " << manifest << ": song " << i + 1 << " \""
                               << entry.name << "\" cannot be played: " << entry.error << kit::endl;
             entries->push_back(std::move(entry));

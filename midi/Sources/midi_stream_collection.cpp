@@ -50,13 +50,25 @@ void MidiStreamCollection::StopLoadStreamsThread() {
 
 void MidiStreamCollection::LoadStreams() {
     for (const auto& song : show_.GetSongs()) {
-        // Built without the mutex: building includes the chase checkpoints and takes a while.
-        std::shared_ptr<MidiStream> stream = CreateMidiStream(*song);
+        const std::string& name = song->GetSongName();
+        bool known = false;
         {
             std::scoped_lock lock(mutex_);
-            streams_[song->GetSongName()] = std::move(stream);
+            known = streams_.contains(name);
         }
-        streamAdded_.notify_all();
+        if (known) {
+            // A stream once built is never replaced: a host may be playing it already.
+            kit::CoutBuffer() << "WARNING: the show has more than one song named \"" << name
+                              << "\"; each of them plays the first one's stream." << kit::endl;
+        } else {
+            // Built without the mutex: building includes the chase checkpoints and takes a while.
+            std::shared_ptr<MidiStream> stream = CreateMidiStream(*song);
+            {
+                std::scoped_lock lock(mutex_);
+                streams_.emplace(name, std::move(stream));
+            }
+            streamAdded_.notify_all();
+        }
         std::scoped_lock lock(mutex_);
         if (stopLoading_) {
             break;

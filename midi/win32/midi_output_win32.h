@@ -25,9 +25,11 @@
 /// song keeps its time and ends as usual. A device that went away is
 /// reported once, by a log line and the notification notify::names::midiOutputDeviceLost (its
 /// payload is a const std::string* with the device's name, valid during the call), posted on the
-/// clock's thread after the output's locks are released, as disarmedPlayback is. Nothing more is
-/// sent to that device; the host opens it again by name (CreateSynthOutput(name)) from its own
-/// thread once FindMidiOutDevice lists it again, and playback goes on there.
+/// clock's thread after the output's locks are released, as disarmedPlayback is; when a send of
+/// the host's own (a stop's note-offs, a trim) found the loss, the next send step reports it.
+/// Nothing more is sent to that device, and the host's sends to it return without effect; the host
+/// opens it again by name (CreateSynthOutput(name)) from its own thread once FindMidiOutDevice
+/// lists it again, and playback goes on there.
 class MidiOutputWin32 : public MidiOutput {
   public:
     /// The display delay at construction, in seconds.
@@ -83,6 +85,7 @@ class MidiOutputWin32 : public MidiOutput {
     // Posts the device-lost notification owed by a send of this step, if any. Called with only
     // the client mutex held.
     void PostDeviceLost_();
+    std::string GetConnectedName_() const;
 
     MidiOutputPortsWin32 ports_;
     std::unique_ptr<WinSynth> synth_;

@@ -23,8 +23,9 @@ class Synth {
 ///
 /// A device that goes away while open (unplugged, its port gone) is not closed by the service:
 /// the next midiStreamOut answers MIDIERR_NODEVICE. The device then counts as lost for good
-/// (GetIsLost); the owner stops sending to it and opens the device again, when it is back, as a
-/// new WinSynth.
+/// (GetIsLost) and every later send returns at once without sending: a stop or a panic asked for
+/// by the host after the loss must not fail for want of a device. The owner opens the device
+/// again, when it is back, as a new WinSynth.
 class WinSynth : public Synth {
   public:
     /// Opens stream device `deviceId` with the completion callback; no stream properties are set
@@ -39,7 +40,8 @@ class WinSynth : public Synth {
     /// Sends the port's packet of the buffer and waits up to 3 seconds for it to come back; a
     /// packet that does not come back is quarantined and replaced. An empty packet is not sent.
     /// Throws std::logic_error when the packet's header is not prepared, or prepared with
-    /// another device; MidiImplementationError when the service refuses it. Blocks.
+    /// another device; MidiImplementationError when the service refuses it. Blocks. Does nothing
+    /// once the device is lost.
     void SendPort(MidiBufferWin32* buffer, unsigned char port);
     /// Starts the stream playing (it opens paused). Throws MidiImplementationError.
     void Restart();
@@ -52,6 +54,8 @@ class WinSynth : public Synth {
     const std::string& GetDeviceName() const { return deviceName_; }
     /// The device went away under the open stream (see the class comment). Any thread.
     bool GetIsLost() const { return lost_.load(); }
+    /// The failure text of the send that found the device gone ("" while it is not lost).
+    std::string GetLossReason();
     /// The stream handle as the output handle headers are prepared with.
     HMIDIOUT GetOutputHandle() const { return reinterpret_cast<HMIDIOUT>(stream_); }
 
@@ -64,5 +68,6 @@ class WinSynth : public Synth {
     HMIDISTRM stream_ = nullptr;
     UINT deviceId_;
     std::string deviceName_;
+    std::string lossReason_;  // guarded by mutex_; written before lost_ is set
     std::atomic<bool> lost_{false};
 };

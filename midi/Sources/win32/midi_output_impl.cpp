@@ -75,7 +75,7 @@ void MidiOutputWin32::ConnectSynth_(UINT deviceId) {
 
 std::string MidiOutputWin32::GetSynthDeviceName() {
     std::scoped_lock client(*GetClientMutex());
-    return connectedSynth_ != nullptr ? connectedSynth_->GetDeviceName() : std::string();
+    return GetConnectedName_();
 }
 
 bool MidiOutputWin32::GetSynthIsLost() {
@@ -84,34 +84,38 @@ bool MidiOutputWin32::GetSynthIsLost() {
 }
 
 void MidiOutputWin32::SendGuarded_(const std::function<void()>& send) {
-    if (connectedSynth_ != nullptr && connectedSynth_->GetIsLost()) {
-        ++droppedSends_;  // reported once, when the loss was found
-        return;
-    }
-    try {
-        send();
-    } catch (const std::exception& error) {
+    const bool lostBefore = connectedSynth_ != nullptr && connectedSynth_->GetIsLost();
+    if (lostBefore) {
         ++droppedSends_;
-        const std::string device =
-            connectedSynth_ != nullptr ? connectedSynth_->GetDeviceName() : std::string();
-        if (connectedSynth_ != nullptr && connectedSynth_->GetIsLost()) {
-            if (!lossReported_) {
-                lossReported_ = true;
-                lossToPost_ = true;
-                kit::CoutBuffer() << "[ERROR] MIDI output device \"" << device
-                                  << "\" is no longer connected (" << error.what()
-                                  << ") Playback goes on without it until it is opened again."
+    } else {
+        try {
+            send();
+        } catch (const std::exception& error) {
+            ++droppedSends_;
+            if ((connectedSynth_ == nullptr || !connectedSynth_->GetIsLost()) &&
+                !failureReported_) {
+                // A fault that repeats would otherwise write a line per period, hundreds a second.
+                failureReported_ = true;
+                kit::CoutBuffer() << "[ERROR] Sending to MIDI output device \""
+                                  << GetConnectedName_() << "\" failed: " << error.what()
+                                  << " The period is dropped; later failures are only counted."
                                   << kit::endl;
             }
-        } else if (!failureReported_) {
-            // A fault that repeats would otherwise write a line per period, hundreds a second.
-            failureReported_ = true;
-            kit::CoutBuffer() << "[ERROR] Sending to MIDI output device \"" << device
-                              << "\" failed: " << error.what()
-                              << " The period is dropped; later failures are only counted."
-                              << kit::endl;
         }
     }
+    // The loss is reported once, by whichever send found it: this step's, or one the host made
+    // from its own thread (a stop, a trim) while nothing was playing.
+    if (connectedSynth_ != nullptr && connectedSynth_->GetIsLost() && !lossReported_) {
+        lossReported_ = true;
+        lossToPost_ = true;
+        kit::CoutBuffer() << "[ERROR] MIDI output device \"" << GetConnectedName_()
+                          << "\" is no longer connected (" << connectedSynth_->GetLossReason()
+                          << ") Playback goes on without it until it is opened again." << kit::endl;
+    }
+}
+
+std::string MidiOutputWin32::GetConnectedName_() const {
+    return connectedSynth_ != nullptr ? connectedSynth_->GetDeviceName() : std::string();
 }
 
 void MidiOutputWin32::PostDeviceLost_() {
@@ -119,7 +123,7 @@ void MidiOutputWin32::PostDeviceLost_() {
         return;
     }
     lossToPost_ = false;
-    std::string device = connectedSynth_ != nullptr ? connectedSynth_->GetDeviceName() : "";
+    std::string device = GetConnectedName_();
     notify::callbackDispatcher.Notify(notify::names::midiOutputDeviceLost, &device);
 }
 

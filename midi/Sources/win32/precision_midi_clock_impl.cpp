@@ -8,6 +8,7 @@
 #include "interfaces/kit.h"
 #include "interfaces/notify.h"
 #include "midi/Sources/logged_exceptions.h"
+#include "midi/Sources/win32/clock_timing.h"
 #include "platform/mmsystem.h"
 
 namespace {
@@ -22,35 +23,13 @@ constexpr std::int64_t kPreciseWaitNanoseconds = 2'000'000;
 // other clock and the grid starts on a clock that is as punctual as the rest.
 constexpr std::int64_t kStartLeadNanoseconds = 1'000'000;
 
-// The system timer resolution raised to 1 ms for the life of a run. The interruptible sleep of
-// each wait is only as fine as this resolution on Windows (15.6 ms by default); on POSIX it is
-// fine already and the request costs nothing.
-class OneMillisecondTimerResolution {
-  public:
-    OneMillisecondTimerResolution() : raised_(timeBeginPeriod(1) == TIMERR_NOERROR) {}
-    ~OneMillisecondTimerResolution() {
-        if (raised_) {
-            timeEndPeriod(1);
-        }
-    }
-    OneMillisecondTimerResolution(const OneMillisecondTimerResolution&) = delete;
-    OneMillisecondTimerResolution& operator=(const OneMillisecondTimerResolution&) = delete;
-
-  private:
-    const bool raised_;
-};
-
 }  // namespace
 
 PrecisionMidiClockImpl::Timing PrecisionMidiClockImpl::PreciseTiming(
     std::chrono::nanoseconds spin) {
     return Timing{[] { return static_cast<std::int64_t>(VeltPreciseTimeNow()); },
                   [spinNanoseconds = spin.count()](std::int64_t deadline) {
-                      if (!VeltPreciseWaitUntil(deadline, spinNanoseconds)) {
-                          // The system refused the precise wait; the clock's sleep has brought
-                          // the thread close, so the last stretch is spent spinning.
-                          VeltPreciseWaitUntil(deadline, deadline - VeltPreciseTimeNow());
-                      }
+                      PreciseWaitUntil(deadline, spinNanoseconds);
                   }};
 }
 

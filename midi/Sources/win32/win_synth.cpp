@@ -15,10 +15,13 @@ constexpr int streamRestartLine = 231;
 // How long a sent packet may stay with the service before it is quarantined.
 constexpr int streamOutDoneSeconds = 3;
 
+std::string ImplementationErrorText(int line, const char* action, MMRESULT result) {
+    return kit::format("%s line %d: %s caused error %d, %s.", winSynthSource, line, action,
+                       static_cast<int>(result), GetMidiErrorAsString(result).c_str());
+}
+
 [[noreturn]] void ThrowImplementationError(int line, const char* action, MMRESULT result) {
-    throw MidiImplementationError(kit::format("%s line %d: %s caused error %d, %s.", winSynthSource,
-                                              line, action, static_cast<int>(result),
-                                              GetMidiErrorAsString(result).c_str()));
+    throw MidiImplementationError(ImplementationErrorText(line, action, result));
 }
 }  // namespace
 
@@ -52,6 +55,9 @@ void CALLBACK WinSynth::CompletionCallback(HMIDIOUT, UINT message, DWORD_PTR, DW
 
 void WinSynth::SendPort(MidiBufferWin32* buffer, unsigned char port) {
     std::scoped_lock lock(mutex_);
+    if (lost_) {
+        return;  // nothing can reach a device that went away; its loss was reported when found
+    }
     std::shared_ptr<DataBuffer> dataBuffer = buffer->GetDataBuffer(port);
     if (!dataBuffer->GetHeaderIsPrepared()) {
         kit::CoutBuffer() << "Header is not prepared." << kit::endl;
@@ -71,10 +77,13 @@ void WinSynth::SendPort(MidiBufferWin32* buffer, unsigned char port) {
     MMRESULT result = midiStreamOut(stream_, dataBuffer->GetMidiHeader(), sizeof(MIDIHDR));
     if (result != MMSYSERR_NOERROR) {
         dataBuffer->SignalMidiStreamOutDone();  // the service never took it
+        const std::string failure =
+            ImplementationErrorText(streamOutLine, "calling midiStreamOut", result);
         if (result == MIDIERR_NODEVICE) {
+            lossReason_ = failure;
             lost_ = true;
         }
-        ThrowImplementationError(streamOutLine, "calling midiStreamOut", result);
+        throw MidiImplementationError(failure);
     }
     if (!dataBuffer->WaitForMidiStreamOutDone(streamOutDoneSeconds)) {
         kit::CoutBuffer() << "midiStreamOutDone_ timed out "
@@ -83,6 +92,11 @@ void WinSynth::SendPort(MidiBufferWin32* buffer, unsigned char port) {
                           << kit::endl;
         buffer->QuarantineDataBuffer(port, GetOutputHandle());
     }
+}
+
+std::string WinSynth::GetLossReason() {
+    std::scoped_lock lock(mutex_);
+    return lossReason_;
 }
 
 void WinSynth::Restart() {
