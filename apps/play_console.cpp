@@ -412,23 +412,23 @@ class Console {
             case 'b':
                 Ask_(Ask::bar);
                 break;
+            // Steps start from the session's value, not the status shown: that follows the
+            // downbeats, so keys typed faster than a beat would each step from the same value.
             case '+':
             case '=':
-                session_.SetTempoScale(std::round((status_.tempoScale + tempoScaleStep) * 100) /
-                                       100);
+                StepTempoScale_(tempoScaleStep);
                 break;
             case '-':
-                session_.SetTempoScale(std::round((status_.tempoScale - tempoScaleStep) * 100) /
-                                       100);
+                StepTempoScale_(-tempoScaleStep);
                 break;
             case 'x':
                 Ask_(Ask::tempoScale);
                 break;
             case '>':
-                session_.SetTransposition(status_.transposition + 1);
+                session_.SetTransposition(session_.Status().transposition + 1);
                 break;
             case '<':
-                session_.SetTransposition(status_.transposition - 1);
+                session_.SetTransposition(session_.Status().transposition - 1);
                 break;
             case 't':
                 Ask_(Ask::transposition);
@@ -477,6 +477,11 @@ class Console {
                 message_ = "No key '" + std::string(1, key) + "'; ? lists the keys.";
                 break;
         }
+    }
+
+    void StepTempoScale_(double step) {
+        const double scale = session_.Status().tempoScale;
+        session_.SetTempoScale(std::round((scale + step) * 100) / 100);
     }
 
     void Answer_(Ask ask, const std::string& text) {
@@ -616,10 +621,12 @@ class Console {
 
     std::vector<std::string> Lines_() const {
         const SessionStatus& s = status_;
+        const bool lastSong = static_cast<std::size_t>(s.songNumber) == session_.Songs().size();
         std::vector<std::string> lines;
         lines.push_back(setup_.showName + "  |  song " + std::to_string(s.songNumber) + "/" +
                         std::to_string(session_.Songs().size()) + " \"" + s.songName + "\"  |  " +
-                        StateText(s.state));
+                        (lastSong && s.state == PlayState::ended ? "ended: Enter plays it again"
+                                                                 : StateText(s.state)));
         const std::string beaten = !setup_.conducted ? ""
                                    : s.followedTempo > 0.0
                                        ? "   beaten " + Fixed(s.followedTempo, 1)

@@ -497,6 +497,9 @@ void ShowSession::Fill_(MidiBuffer& buffer) {
     const auto [now, before] = position_->GetTranspositionPair();
     const auto transposition = static_cast<signed char>(now);
     const std::uint32_t periodEnd = tick + ticksPerClock_;
+    if (std::exchange(releaseMutedNotes_, false)) {
+        WriteMutedNoteOffs_(tick, buffer);
+    }
     switch (std::exchange(firstFill_, FirstFill::none)) {
         case FirstFill::strike:
             stream_->EnqueueAttacca(periodEnd, transposition, buffer);
@@ -519,6 +522,45 @@ void ShowSession::Fill_(MidiBuffer& buffer) {
     nextTick_ = periodEnd;
     RecordFilledNotes_(tick, buffer);
     buffer.SetHasData(true);
+}
+
+void ShowSession::ApplyNoteChanges_(const std::vector<std::pair<NoteKey, NoteChange>>& changes,
+                                    std::set<NoteKey>& notes) {
+    for (const auto& [key, change] : changes) {
+        if (change == NoteChange::on) {
+            notes.insert(key);
+        } else if (change == NoteChange::off) {
+            notes.erase(key);
+        } else {
+            std::erase_if(notes, [key](NoteKey note) { return (note & ~0xFFu) == key; });
+        }
+    }
+}
+
+// A mute makes the stream send controller 123 on the muted tracks' channels, which some synths
+// ignore: first each note those channels will hold once the periods filled so far are sent gets
+// its own note-off. Called by the fill with the position mutex held.
+void ShowSession::WriteMutedNoteOffs_(std::uint32_t tick, MidiBuffer& buffer) {
+    std::set<NoteKey> held;
+    {
+        std::scoped_lock lock(sentMutex_);
+        held = sounding_;
+        for (auto filled = filledNotes_.begin();
+             filled != filledNotes_.end() && filled->first < tick; ++filled) {
+            ApplyNoteChanges_(filled->second, held);
+        }
+    }
+    const std::set<unsigned short> muted = streams_->GetMutedTracks();
+    std::scoped_lock bufferLock(buffer.GetMutex());
+    for (const NoteKey note : held) {
+        const auto trackId = static_cast<std::uint16_t>(((note >> 16) << 4) | ((note >> 8) & 0x0F));
+        if (muted.contains(trackId)) {
+            buffer.AddEventToBuffer(
+                static_cast<unsigned char>(note >> 16),
+                velt_midi::VoiceEvent(tick, 0x80, trackId, static_cast<std::uint8_t>(note & 0x7F),
+                                      0));
+        }
+    }
 }
 
 // Remembers the note messages of a filled period, as the device will receive them.
@@ -556,15 +598,7 @@ bool ShowSession::PeriodSent_(unsigned int tick) {
     }
     std::scoped_lock lock(sentMutex_);
     if (const auto filled = filledNotes_.find(tick); filled != filledNotes_.end()) {
-        for (const auto& [key, change] : filled->second) {
-            if (change == NoteChange::on) {
-                sounding_.insert(key);
-            } else if (change == NoteChange::off) {
-                sounding_.erase(key);
-            } else {
-                std::erase_if(sounding_, [key](NoteKey note) { return (note & ~0xFFu) == key; });
-            }
-        }
+        ApplyNoteChanges_(filled->second, sounding_);
         filledNotes_.erase(filledNotes_.begin(), std::next(filled));
     }
     lastSentEnd_ = tick + ticksPerClockSent_;
@@ -606,7 +640,11 @@ void ShowSession::Stopped_() {
         resumeTick_ = stoppedAt;
         firstFill_ = caesura ? FirstFill::chase : FirstFill::strike;
     }
-    ShowStoppedAt_(stoppedAt);
+    if (limit || caesura) {
+        ShowStoppedAt_(stoppedAt);
+    } else {
+        ShowEnded_();
+    }
     SetState_(limit ? PlayState::stopped : caesura ? PlayState::caesura : PlayState::ended);
     Publish_();
 }
@@ -616,6 +654,23 @@ void ShowSession::Stopped_() {
 void ShowSession::ShowStoppedAt_(std::uint32_t end) {
     std::scoped_lock lock(statusMutex_);
     shownTick_ = end >= ticksPerClockShown_ ? end - ticksPerClockShown_ : 0;
+}
+
+// At the end the display rests on the song's last beat. Where the last period sent ends lies
+// past it, on the bar line after the last bar, which would show a bar the song does not have.
+void ShowSession::ShowEnded_() {
+    std::uint32_t lastBeat = 0;
+    {
+        std::scoped_lock lock(positionMutex_);
+        const TL::Timeline& timeline = Song_().GetTimeline();
+        for (const TL::BarsBeats& beat : timeline.GetBarsBeats().GetVector()) {
+            if (beat.tick_index < timeline.lastTickIndex) {
+                lastBeat = beat.tick_index;
+            }
+        }
+    }
+    std::scoped_lock lock(statusMutex_);
+    shownTick_ = lastBeat;
 }
 
 void ShowSession::Downbeat_(unsigned int tick) {
@@ -684,6 +739,7 @@ void ShowSession::MuteTrack(unsigned short trackId) {
     ChangeStreams_([&] {
         streams_->MuteTrack(trackId);
         stream_->SendAllNotesOffForMutedTracks();
+        releaseMutedNotes_ = true;
     });
 }
 
@@ -699,6 +755,7 @@ void ShowSession::MuteGroup(unsigned char group) {
     ChangeStreams_([&] {
         streams_->MuteGroup(group);
         stream_->SendAllNotesOffForMutedTracks();
+        releaseMutedNotes_ = true;
     });
 }
 

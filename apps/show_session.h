@@ -107,7 +107,8 @@ struct TransportHooks {
 /// What the device holds: every filled period's note messages are remembered by tick; the
 /// caesura check, told the tick of each period as it is sent, applies them to the set of notes
 /// sounding at the device. A stop mid-song sends a note-off for each of them (some synths ignore
-/// controller 123), then the controller resets.
+/// controller 123), then the controller resets; a mute sends one for each held on the muted
+/// tracks' channels in the period that carries the stream's controller 123 for them.
 class ShowSession {
   public:
     /// Called with a fresh status after each downbeat heard (display thread) and after each verb
@@ -221,7 +222,12 @@ class ShowSession {
     // Note-offs for every note the device holds; then controllers 123 and 121 when `resets`.
     void ReleaseSoundingNotes_(bool resets);
     void ShowStoppedAt_(std::uint32_t end);
+    void ShowEnded_();
     void RecordFilledNotes_(std::uint32_t tick, MidiBuffer& buffer);
+    void WriteMutedNoteOffs_(std::uint32_t tick, MidiBuffer& buffer);
+    // What a period's note messages leave of `notes`.
+    static void ApplyNoteChanges_(const std::vector<std::pair<NoteKey, NoteChange>>& changes,
+                                  std::set<NoteKey>& notes);
     void RequireTrack_(unsigned short trackId) const;
     void RequireGroup_(unsigned char group) const;
     void ChangeStreams_(const std::function<void()>& change);
@@ -258,6 +264,7 @@ class ShowSession {
     std::uint32_t nextTick_ = 0;
     std::uint32_t resumeTick_ = 0;  // where Play or Resume starts when not playing
     FirstFill firstFill_ = FirstFill::strike;
+    bool releaseMutedNotes_ = false;  // a mute since the last fill: see WriteMutedNoteOffs_
 
     // Guarded by sentMutex_.
     std::mutex sentMutex_;

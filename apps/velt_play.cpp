@@ -201,7 +201,12 @@ Options ParseOptions(int argc, char** argv) {
                                  "\"");
             }
         } else if (arg.size() > 1 && arg[0] == '-') {
-            throw UsageError("there is no option " + arg + " (velt-play --help lists them)");
+            // The options of the player's first version say what took their place.
+            const std::string instead = arg == "--song" ? ": --play SONG plays one song"
+                                        : arg == "--midi-file"
+                                            ? ": --record PATH writes the recording"
+                                            : " (velt-play --help lists them)";
+            throw UsageError("there is no option " + arg + instead);
         } else if (!options.show.empty()) {
             throw UsageError("one show at a time, not \"" + options.show + "\" and \"" + arg +
                              "\"");

@@ -151,7 +151,11 @@ TEST(ShowSession, PlaysASongStraightThroughAndEndsWithNothingSounding) {
     Fixture f(song);
     f.session->Play();
     ASSERT_TRUE(f.session->WaitUntilNotPlaying(20s));
-    EXPECT_EQ(f.session->Status().state, PlayState::ended);
+    const auto status = f.session->Status();
+    EXPECT_EQ(status.state, PlayState::ended);
+    // The display rests on the last beat of the last bar, not on the bar line after it.
+    EXPECT_EQ(std::make_pair(status.bar, status.beat), std::make_pair(8, 4));
+    EXPECT_EQ(status.clicksToEnd, 0);
     const auto heard = f.Heard();
     EXPECT_TRUE(Sounding(BeforeFinalResets(heard)).empty());
     std::vector<Message> expected;
@@ -272,6 +276,85 @@ TEST(ShowSession, RefusesWhatAPerformerCannotMean) {
     EXPECT_THROW(f.session->ChooseDevice("No Such Device"), MidiDeviceUnavailable);
     EXPECT_THROW(f.session->ConductBeat(), std::logic_error);  // the clock runs by itself
     EXPECT_EQ(f.session->Status().state, PlayState::cued);
+}
+
+// The performer's tempo scale is heard at once, not at the score's next tempo event (this song
+// has one tempo only): the clock period after the one already timed when the verb returns is
+// sent at the new tempo, and every earlier period at the old one. The tempo the clock reports
+// with each period (clicks per minute) is kept by the output for the period's tick.
+TEST(ShowSession, ATempoScaleReachesTheRunningClockWithinOneClock) {
+    Fixture f(TestSong());
+    MidiOutputWin32& output = f.session->Output();
+    const auto bpmAt = [&output](std::uint32_t tick) {
+        double bpm = 0;
+        return output.GetBpmAtTickIndex(tick, &bpm) ? bpm : -1.0;
+    };
+    constexpr std::uint32_t clock = 20;  // 480 ticks per quarter
+    f.session->Play();
+    WaitForBar(*f.session, 2);
+    const std::uint32_t before = output.GetTickIndex();
+    f.session->SetTempoScale(0.5);
+    const std::uint32_t after = output.GetTickIndex();
+    for (int i = 0; i < 2000 && output.GetTickIndex() < after + 4 * clock; ++i)
+        std::this_thread::sleep_for(1ms);
+    f.session->Stop();
+    ASSERT_GE(output.GetTickIndex(), after + 4 * clock);
+    for (std::uint32_t tick = 0; tick <= before; tick += clock)
+        ASSERT_DOUBLE_EQ(bpmAt(tick), 960.0) << tick;
+    for (std::uint32_t tick = after + 2 * clock; tick <= after + 4 * clock; tick += clock)
+        EXPECT_DOUBLE_EQ(bpmAt(tick), 480.0) << tick;
+    EXPECT_DOUBLE_EQ(f.session->Status().tempoScale, 0.5);
+}
+
+// Early in a bar, with the bass's whole note held: a transposition sends
+// each held note's note-off at the pitch it was struck with (a note-off at the new pitch would
+// leave the old one sounding) and strikes the bass again at the new pitch; a mute then releases
+// the track's held note at once, and the track stays silent.
+TEST(ShowSession, ATranspositionReleasesHeldNotesAtTheirOldPitchAndAMuteReleasesTheTrack) {
+    Fixture f(TestSong());
+    MidiOutputWin32& output = f.session->Output();
+    const auto afterClocks = [&output](int clocks) {
+        const std::uint32_t until = output.GetTickIndex() + 20 * static_cast<std::uint32_t>(clocks);
+        for (int i = 0; i < 2000 && output.GetTickIndex() < until; ++i)
+            std::this_thread::sleep_for(1ms);
+        ASSERT_GE(output.GetTickIndex(), until);
+    };
+    const auto releases = [](const std::vector<Message>& messages, std::size_t from, int key) {
+        return std::any_of(
+            messages.begin() + static_cast<long>(from), messages.end(), [key](const Message& m) {
+                return ((m[0] & 0xF0) == 0x80 || ((m[0] & 0xF0) == 0x90 && m[2] == 0)) &&
+                       (((m[0] & 0x0F) << 8) | m[1]) == key;
+            });
+    };
+    // The ring of four buffers is filled ahead of the one sent: a change is heard from the first
+    // period filled after it.
+    constexpr int ringAhead = 6;
+    f.session->Play();
+    WaitForBar(*f.session, 2);
+    const auto beforeTransposing = f.Heard();
+    const std::set<int> held = Sounding(beforeTransposing);
+    ASSERT_TRUE(held.contains((1 << 8) | 37)) << "the bass of bar 2";
+    f.session->SetTransposition(5);
+    afterClocks(ringAhead);
+    auto heard = f.Heard();
+    for (const int key : held)
+        EXPECT_TRUE(releases(heard, beforeTransposing.size(), key)) << key;
+    const auto struck =
+        NoteOns({heard.begin() + static_cast<long>(beforeTransposing.size()), heard.end()});
+    EXPECT_NE(std::find(struck.begin(), struck.end(), Message{0x91, 37 + 5, 90}), struck.end());
+
+    const std::size_t beforeMuting = heard.size();
+    f.session->MuteTrack(0x01);
+    afterClocks(ringAhead);
+    heard = f.Heard();
+    EXPECT_TRUE(releases(heard, beforeMuting, (1 << 8) | (37 + 5)));
+    WaitForBar(*f.session, 4);
+    f.session->Stop();
+    heard = f.Heard();
+    const auto laterOns = NoteOns({heard.begin() + static_cast<long>(beforeMuting), heard.end()});
+    EXPECT_TRUE(std::none_of(laterOns.begin(), laterOns.end(),
+                             [](const Message& m) { return m[0] == 0x91; }));
+    EXPECT_TRUE(Sounding(heard).empty());
 }
 
 TEST(ShowSession, AConductedSongPlaysOnlyTheClicksBeatenAndStopsAsAnyOther) {

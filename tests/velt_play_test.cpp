@@ -105,7 +105,9 @@ class Player {
             kill(pid_, SIGKILL);
             Wait(10s);
         }
-        reader_.join();
+        if (reader_.joinable()) {
+            reader_.join();
+        }
         close(output_);
         if (errors_ >= 0) {
             close(errors_);
@@ -131,6 +133,11 @@ class Player {
             } else {
                 std::this_thread::sleep_for(10ms);
             }
+        }
+        // Everything the program wrote is read before its output is looked at: the reader ends
+        // at the end of the pipe or terminal, which comes once the program has gone.
+        if (reader_.joinable()) {
+            reader_.join();
         }
         return *status_;
     }
@@ -571,6 +578,11 @@ TEST_F(PlayerTest, APerformerPlaysJumpsMutesTransposesAndQuitsAtTheTerminal) {
     player.Mark();
     player.Type(" ");
     ASSERT_TRUE(player.WaitForBar(2)) << player.Output();
+    // Two steps typed faster than a beat are two steps, not one from the scale still shown.
+    player.Type("++");
+    ASSERT_TRUE(player.WaitForOutput(
+        [](const std::string& text) { return text.find("scale 1.10") != text.npos; }, 10s))
+        << player.Output();
     player.Mark();
     player.Type("b9\r");  // a jump while playing
     ASSERT_TRUE(player.WaitForBar(10)) << player.Output();
@@ -654,11 +666,18 @@ TEST_F(PlayerTest, AConductorBeatsClicksWithTheSpaceBarAndStopsWithAFullStop) {
     EXPECT_TRUE(EndsWithResets(heard));
 }
 
-TEST_F(PlayerTest, AScriptPlaysBarsOfASongTransposedWithATrackMuted) {
+TEST_F(PlayerTest, AScriptListsTheDevicesAndPlaysBarsOfASongTransposedWithATrackMuted) {
+    Player list(Player::Mode::piped, {"--list-devices"});
+    ASSERT_EQ(list.Wait(20s), 0) << list.Errors();
+    EXPECT_EQ(list.Output().rfind("MIDI output devices:\n  0  Built-in Default Output", 0), 0u)
+        << list.Output();
+
     const std::string song = WriteCountingSong(Path("counting.mid"));
     const std::string recording = Path("bars.mid");
-    Player player(Player::Mode::piped, {song, "--play", "1", "--from", "3", "--until", "4",
-                                        "--transpose=-2", "--mute", "echo", "--record", recording});
+    // The device by a part of its name, in any case.
+    Player player(Player::Mode::piped,
+                  {song, "--play", "1", "--from", "3", "--until", "4", "--transpose=-2", "--mute",
+                   "echo", "--device", "default OUT", "--record", recording});
     ASSERT_EQ(player.Wait(30s), 0) << player.Output() << player.Errors();
     EXPECT_NE(player.Output().find("Song 1: Counting\n  bar 3\n  bar 4\n  stopped after bar 4"),
               std::string::npos)
@@ -784,9 +803,13 @@ TEST_F(PlayerTest, EveryBadRequestIsOneLineOnStandardErrorBeforeAnythingPlays) {
         {{exampleShow, "--bogus"}, "there is no option --bogus", 2},
         {{exampleShow, song}, "one show at a time", 2},
         {{exampleShow, "--play", "99"}, "there is no song 99: the show has 4 songs", 2},
+        {{exampleShow, "--song", "99"}, "there is no option --song: --play SONG plays one", 2},
         {{exampleShow, "--play=0"}, "--play must be a song number from 1", 2},
         {{exampleShow, "--tempo-scale", "nan"}, "--tempo-scale must be a number, not \"nan\"", 2},
+        {{exampleShow, "--tempo-scale", "inf"}, "--tempo-scale must be a number, not \"inf\"", 2},
         {{exampleShow, "--tempo-scale", "2.5"}, "--tempo-scale must lie between 0.5 and 2.0", 2},
+        {{exampleShow, "--tempo-scale", "0"}, "--tempo-scale must lie between 0.5 and 2.0", 2},
+        {{exampleShow, "--tempo-scale=-1"}, "--tempo-scale must lie between 0.5 and 2.0", 2},
         {{exampleShow, "--transpose", "+25"}, "--transpose must lie between -24 and 24", 2},
         {{exampleShow, "--transpose", "up"}, "--transpose must be a whole number", 2},
         {{exampleShow, "--play", "2", "--from", "17"},
