@@ -29,6 +29,9 @@ class StandardMidiClock;
 namespace velt_play {
 
 enum class ClockKind { precision, standard };
+/// How the output times the events of a clock period: `exact` plays each at its own offset
+/// inside the period, `clock` plays them all at the period's start.
+enum class TimingKind { exact, clock };
 
 /// Where the session stands. `cued`: a song is selected and positioned, nothing plays.
 /// `caesura`: stopped at a caesura of the score, Resume plays on. `stopped`: stopped by the
@@ -69,6 +72,8 @@ struct SessionOptions {
     ClockKind clock = ClockKind::precision;
     /// The output device's product name ("" = device 0, as listed when the session starts).
     std::string device;
+    /// Empty: exact with the precision clock, clock timing with the standard clock.
+    std::optional<TimingKind> timing;
 };
 
 /// Threads that enter: the host's thread (every verb and query), the output's queue thread (the

@@ -2,6 +2,7 @@
 //
 //   velt-play SHOW [--play [SONG]] [--from BAR] [--until BAR] [--transpose N] [--mute TRACK]...
 //                  [--tempo-scale X] [--device N|NAME] [--record PATH] [--clock KIND]
+//                  [--timing KIND]
 //   velt-play --list-devices
 //
 // SHOW is a show folder, its show.json, or one Standard MIDI File (a show of one song). With a
@@ -59,6 +60,9 @@ const char* const usage =
     "  --record PATH       the built-in default output writes what it receives to PATH, a\n"
     "                      Standard MIDI File (the default output is there when no port is)\n"
     "  --clock KIND        precision (the default) or standard\n"
+    "  --timing KIND       exact: every event at its own time (the default with the precision\n"
+    "                      clock); clock: the events of each MIDI clock at its start (the\n"
+    "                      default with the standard clock)\n"
     "  --help              this text\n";
 
 // A command line that asks for something that cannot be.
@@ -81,6 +85,7 @@ struct Options {
     std::optional<std::string> device;
     std::optional<std::string> record;
     velt_play::ClockKind clock = velt_play::ClockKind::precision;
+    std::optional<velt_play::TimingKind> timing;
 };
 
 bool IsDigits(const std::string& text) {
@@ -178,6 +183,13 @@ Options ParseOptions(int argc, char** argv) {
             }
             options.clock = kind == "standard" ? velt_play::ClockKind::standard
                                                : velt_play::ClockKind::precision;
+        } else if (arg == "--timing") {
+            const std::string kind = value();
+            if (kind != "exact" && kind != "clock") {
+                throw UsageError("--timing is exact or clock, not \"" + kind + "\"");
+            }
+            options.timing =
+                kind == "exact" ? velt_play::TimingKind::exact : velt_play::TimingKind::clock;
         } else if (arg.size() > 1 && arg[0] == '-') {
             throw UsageError("there is no option " + arg + " (velt-play --help lists them)");
         } else if (!options.show.empty()) {
@@ -438,7 +450,8 @@ int Run(const Options& options, velt_play::MainEvents& events) {
         songs.push_back({entry.name, entry.song, entry.error});
     }
     auto session = std::make_unique<ShowSession>(
-        std::move(songs), playable.show, velt_play::SessionOptions{options.clock, plan.device});
+        std::move(songs), playable.show,
+        velt_play::SessionOptions{options.clock, plan.device, options.timing});
     session->SetStatusListener(
         [&events](const velt_play::SessionStatus& status) { events.PostStatus(status); });
     if (options.tempoScale) {

@@ -340,8 +340,9 @@ struct Expected {
     int transposition;
 };
 
-// The song's events as the session's stream writes them: period by period (a MIDI clock of ticks
-// from the start tick), within a period track after track, each track's events in order; notes
+// The song's events as the player sends them: period by period (a MIDI clock of ticks from the
+// start tick); within a period in time order, as the player's default exact timing plays them,
+// events of one tick track after track, each track's events in order; notes
 // moved by the transposition in force where their period starts, as the track's chase state
 // moves them (within the track's range).
 std::vector<Expected> SongMessages(const velt_midi::SongData& song) {
@@ -366,7 +367,8 @@ std::vector<Expected> SongMessages(const velt_midi::SongData& song) {
         }
     }
     std::sort(timed.begin(), timed.end(), [](const Timed& a, const Timed& b) {
-        return std::tie(a.period, a.track, a.index) < std::tie(b.period, b.track, b.index);
+        return std::tie(a.period, a.event.time, a.track, a.index) <
+               std::tie(b.period, b.event.time, b.track, b.index);
     });
     std::vector<Expected> expected;
     for (const auto& [period, track, index, event] : timed) {
