@@ -158,10 +158,15 @@ void MidiOutputWin32::DisarmPlayback() {
 }
 
 void MidiOutputWin32::DisarmPlayback_(bool flush) {
-    MidiOutput::DisarmPlayback();
     if (flush) {
+        // Dropped first, under the client mutex so that no send step queues more meanwhile: the
+        // queue thread, which the disarm waits for, may itself be waiting for a packet to come
+        // back before it refills it.
         std::scoped_lock client(*GetClientMutex());
         FlushSynth_();
+        MidiOutput::DisarmPlayback();
+    } else {
+        MidiOutput::DisarmPlayback();
     }
     if (synth_) {
         ports_.CleanUpQuarantinedDataBuffers(synth_->GetOutputHandle());
