@@ -155,6 +155,20 @@ class SteppedClock : public StandardMidiClock {
 
 using SteppedHost = playback::SongPlayer<SteppedClock>;
 
+// One period, once the queue thread has filled the ring ahead of it, as it has when a clock runs
+// in real time: the fill moves the position, which schedules the clock's changes at their ticks.
+bool StepWithTheRingFilled(SteppedHost& host, std::uint32_t lastTick) {
+    const std::uint32_t due = host.GetClock().GetClockState().GetTickIndex() + 3 * kTicksPerClock;
+    for (int wait = 0; wait < 1000; ++wait) {
+        const auto filled = host.Filled();
+        if (!filled.empty() && (filled.back().tick >= due || filled.back().tick >= lastTick)) {
+            break;
+        }
+        std::this_thread::sleep_for(1ms);
+    }
+    return host.GetClock().AdvanceClock();
+}
+
 // Replaces what port 0 sends with a record of the packets as they were handed over.
 class SentPackets {
   public:
@@ -198,10 +212,12 @@ TEST(ExactTimingPlayback, EachPeriodIsTimedWithItsOwnTempoAcrossATempoChangeAndA
         }
     }
     velt_platform::VirtualMidiOutput device("Exact Timing Out");
-    SteppedHost host(*builder.Build(), 1, {}, true);
+    const auto song = builder.Build();
+    SteppedHost host(*song, 1, {}, true);
     SentPackets sent(host.Output());
     host.Play(0);
-    for (int step = 0; step < 1000 && host.GetClock().AdvanceClock(); ++step) {
+    for (int step = 0;
+         step < 1000 && StepWithTheRingFilled(host, song->GetTimeline().lastTickIndex); ++step) {
     }
 
     const auto byTick = sent.ByTick();

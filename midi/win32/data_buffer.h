@@ -74,8 +74,14 @@ class DataBuffer {
     /// True only once more than maxEvents events are stored.
     bool GetBufferIsFull() const { return eventCount_ > maxEvents_; }
     std::uint16_t GetEventCount() const { return eventCount_; }
-    /// Forgets the events (the storage is not cleared).
-    void ResetEventCount() { eventCount_ = 0; }
+    /// Forgets the events (the storage is not cleared) and their timing.
+    void ResetEventCount() {
+        eventCount_ = 0;
+        timed_ = false;
+    }
+    /// Whether WriteDeltaTimes has timed the events since they were added: the packet then plays
+    /// over most of a period.
+    bool GetIsTimed() const { return timed_; }
     /// Forces every later voice message onto channel index 15.
     void SetUseChannel15() { useChannel15_ = true; }
     std::uint16_t GetMaxEvents() const { return maxEvents_; }
@@ -124,6 +130,7 @@ class DataBuffer {
     std::vector<std::uint8_t> storage_;
     std::vector<std::uint32_t> tickOffsets_;  // one per storage slot
     std::uint16_t eventCount_ = 0;
+    bool timed_ = false;
     bool useChannel15_ = false;
     MIDIHDR header_{};
     bool headerIsPrepared_ = false;

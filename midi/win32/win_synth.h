@@ -26,9 +26,12 @@ class Synth {
 /// microsecond is far finer than any device can resolve.
 ///
 /// Two ways to send (SetExactTiming): clock timing hands a packet over and waits for it to come
-/// back, as every event in it has delta time 0 and plays at once; exact timing hands it over and
-/// returns, the packet playing over most of the period, and the wait moves to the packet's next
-/// use (see MidiBufferWin32).
+/// back, as every event in it has delta time 0 and plays at once; exact timing hands a timed
+/// packet (DataBuffer::GetIsTimed: a period of the ring) over and returns, the packet playing over
+/// most of the period, and the wait moves to the packet's next use (see MidiBufferWin32). Untimed
+/// packets (panics, single events a client injects) are awaited in both ways, so that what a
+/// client sends has reached the device when its call returns; one sent while a timed packet
+/// still plays waits for that packet to end (at most a period).
 ///
 /// Threads: the clock thread sends (through the output ports' callbacks), the client's thread
 /// restarts, stops and closes, and the stream service's callback thread completes packets (it
@@ -56,8 +59,9 @@ class WinSynth : public Synth {
 
     /// Clock timing (the default): sends the port's packet of the buffer and waits up to 3
     /// seconds for it to come back; a packet that does not come back is quarantined and replaced.
-    /// Exact timing: waits (up to 3 seconds, then quarantines it and sends a fresh copy) only if
-    /// the packet is still with the service from an earlier send, and returns once it is queued.
+    /// Exact timing: waits (up to 3 seconds, then quarantines it and sends a fresh copy) if the
+    /// packet is still with the service from an earlier send; returns once a timed packet is
+    /// queued, and awaits an untimed one as clock timing does.
     /// An empty packet is not sent.
     /// Throws std::logic_error when the packet's header is not prepared, or prepared with
     /// another device; MidiImplementationError when the service refuses it. Blocks.

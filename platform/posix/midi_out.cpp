@@ -25,6 +25,10 @@
 // Locks: the handle table mutex (only to find, add or remove a handle; never held while a
 // handle's mutex is taken), then a handle's mutex. A port's own mutex is taken inside Send with
 // no handle mutex held.
+#ifdef __linux__
+#include <sys/prctl.h>
+#endif
+
 #include <algorithm>
 #include <array>
 #include <bitset>
@@ -36,6 +40,7 @@
 #include <thread>
 #include <unordered_map>
 
+#include "kernel.h"
 #include "midi_service.h"
 
 namespace velt_platform::detail {
@@ -412,6 +417,14 @@ class OutputHandle {
 
     void Run_() {
         SetCurrentThreadName("mm_midi_out");
+        // Stream events are played at their deadlines, as a clock's ticks are: the thread asks
+        // for the clock's priority (where the system refuses, it stays at normal priority and
+        // wakes later under load) and, on Linux, drops the timer slack the kernel adds to each
+        // wake-up of a thread at normal priority (50 us by default).
+        SetThreadPriority(GetCurrentThread(), THREAD_PRIORITY_TIME_CRITICAL);
+#ifdef __linux__
+        prctl(PR_SET_TIMERSLACK, 1UL, 0UL, 0UL, 0UL);
+#endif
         std::unique_lock lock(mutex_);
         for (;;) {
             if (!notices_.empty()) {

@@ -75,6 +75,7 @@ DataBuffer& DataBuffer::operator=(DataBuffer&& other) noexcept {
     tickOffsets_ = std::move(other.tickOffsets_);
     other.tickOffsets_.clear();
     eventCount_ = other.eventCount_;
+    timed_ = other.timed_;
     useChannel15_ = other.useChannel15_;
     header_ = other.header_;
     header_.lpData = reinterpret_cast<LPSTR>(storage_.data());
@@ -142,6 +143,7 @@ void DataBuffer::WriteDeltaTimes(double microsecondsPerTick, std::uint32_t perio
         tickOffsets_[i] = offset;
         previous = at;
     }
+    timed_ = true;
 }
 
 void DataBuffer::CopyEventsFrom(const DataBuffer& other) {
@@ -150,6 +152,7 @@ void DataBuffer::CopyEventsFrom(const DataBuffer& other) {
     std::copy_n(other.storage_.begin(), count * eventSize, storage_.begin());
     std::copy_n(other.tickOffsets_.begin(), count, tickOffsets_.begin());
     eventCount_ = count;
+    timed_ = other.timed_;
 }
 
 MIDIEVENT DataBuffer::GetMidiMessageAtMessageIndex(std::uint16_t index) const {

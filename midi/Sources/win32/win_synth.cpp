@@ -95,7 +95,7 @@ void WinSynth::SendPort(MidiBufferWin32* buffer, unsigned char port) {
         }
         ThrowImplementationError(streamOutLine, "calling midiStreamOut", result);
     }
-    if (exact) {
+    if (exact && dataBuffer->GetIsTimed()) {
         return;  // the packet's next use waits for it
     }
     if (!dataBuffer->WaitForMidiStreamOutDone(streamOutDoneSeconds)) {
