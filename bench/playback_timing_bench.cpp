@@ -262,7 +262,8 @@ class JackRecorder : public Recorder {
 // The clock thread is held up this long once, right after its wait for clock kStallClock of the
 // run: that clock and the ones that come due meanwhile fire late.
 constexpr std::chrono::milliseconds kStall{100};
-constexpr int kStallClock = 400;  // 8.4 s into the song with 4 bars per tempo
+// 7.92 s into the song with 4 bars a tempo: the metronome note at 8 s is due during the stall.
+constexpr int kStallClock = 380;
 
 class StalledPrecisionClock : public PrecisionMidiClockImpl {
   public:
@@ -451,7 +452,9 @@ void RunAll(const velt_midi::SongData& song, Recorder& recorder) {
     PlayEngine<StandardMidiClockImpl>("standard clock, clock timing", song, recorder, false);
     // The stall follows clock kStallClock, whose tick is kStallClock clocks into the song.
     const double stallAt = IdealSeconds(song, kStallClock * kTicksPerClock);
-    const double stallEnd = stallAt + std::chrono::duration<double>(kStall).count();
+    // The notes after it: due from 50 ms after its end, once the clocks that came due in it
+    // have fired.
+    const double stallEnd = stallAt + std::chrono::duration<double>(kStall).count() + 0.05;
     std::printf("the clock thread held up once for %lld ms at %.3f s:\n",
                 static_cast<long long>(kStall.count()), stallAt);
     PlayEngine<StalledPrecisionClock>("precision clock, exact timing", song, recorder, true,

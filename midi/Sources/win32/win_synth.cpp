@@ -83,6 +83,8 @@ void WinSynth::SendPort(MidiBufferWin32* buffer, unsigned char port) {
         buffer->QuarantineDataBufferKeepingEvents(port, GetOutputHandle());
         dataBuffer = buffer->GetDataBuffer(port);
     }
+    // Read before the service has the packet: once it is back, the next fill may reset it.
+    const bool awaitReturn = !exact || !dataBuffer->GetIsTimed();
     dataBuffer->SetInUse();
     // The header was prepared when the packet may have been empty; the service plays
     // dwBytesRecorded bytes, so it is set to this period's events.
@@ -95,7 +97,7 @@ void WinSynth::SendPort(MidiBufferWin32* buffer, unsigned char port) {
         }
         ThrowImplementationError(streamOutLine, "calling midiStreamOut", result);
     }
-    if (exact && dataBuffer->GetIsTimed()) {
+    if (!awaitReturn) {
         return;  // the packet's next use waits for it
     }
     if (!dataBuffer->WaitForMidiStreamOutDone(streamOutDoneSeconds)) {
