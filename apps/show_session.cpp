@@ -108,6 +108,9 @@ ShowSession::ShowSession(std::vector<SessionSong> songs, std::shared_ptr<pv::Par
         portCount_, [this](MidiBuffer& buffer) { Fill_(buffer); },
         [this](unsigned int tick) { Downbeat_(tick); }, [this] { Stopped_(); }, [] {},
         [this](unsigned int tick) { return PeriodSent_(tick); }, *clock_, &clientMutex_);
+    if (options_.timing) {
+        output_->SetExactTiming(*options_.timing == TimingKind::exact);
+    }
     output_->Initialize(portCount_);
     if (options_.device.empty()) {
         output_->CreateSynthOutput();

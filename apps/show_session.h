@@ -32,6 +32,9 @@ namespace velt_play {
 
 /// `conducted`: the clock follows the performer's beats (ConductBeat).
 enum class ClockKind { precision, standard, conducted };
+/// How the output times the events of a clock period: `exact` plays each at its own offset
+/// inside the period, `clock` plays them all at the period's start.
+enum class TimingKind { exact, clock };
 
 /// Where the session stands. `cued`: a song is selected and positioned, nothing plays.
 /// `caesura`: stopped at a caesura of the score, Resume plays on. `stopped`: stopped by the
@@ -74,6 +77,8 @@ struct SessionOptions {
     ClockKind clock = ClockKind::precision;
     /// The output device's product name ("" = device 0, as listed when the session starts).
     std::string device;
+    /// Empty: exact with the precision clock, clock timing with the standard clock.
+    std::optional<TimingKind> timing;
 };
 
 /// What equipment that follows the show is told (beat clock, time code). Each may be empty.

@@ -2,7 +2,7 @@
 //
 //   velt-play SHOW [--play [SONG]] [--from BAR] [--until BAR] [--transpose N] [--mute TRACK]...
 //                  [--tempo-scale X] [--device N|NAME] [--record PATH] [--clock KIND]
-//                  [--input N|NAME] [--cues PATH]
+//                  [--timing KIND] [--input N|NAME] [--cues PATH]
 //   velt-play --list-devices
 //
 // SHOW is a show folder, its show.json, or one Standard MIDI File (a show of one song). With a
@@ -68,6 +68,9 @@ const char* const usage =
     "  --input N|NAME      take learned commands and show-control cues from MIDI input N, or\n"
     "                      the one whose name contains NAME (l in the player learns a command)\n"
     "  --cues PATH         the cue list for show-control GO (default: cues.txt by the show)\n"
+    "  --timing KIND       exact: every event at its own time (the default with the precision\n"
+    "                      clock); clock: the events of each MIDI clock at its start (the\n"
+    "                      default with the standard clock)\n"
     "  --help              this text\n";
 
 // A command line that asks for something that cannot be.
@@ -93,6 +96,7 @@ struct Options {
     velt_play::SyncCommandLine sync;
     std::optional<std::string> input;  // MIDI input for learned commands and cues
     std::optional<std::string> cues;
+    std::optional<velt_play::TimingKind> timing;
 };
 
 bool IsDigits(const std::string& text) {
@@ -200,6 +204,13 @@ Options ParseOptions(int argc, char** argv) {
                 throw UsageError("--clock is precision, standard or conducted, not \"" + kind +
                                  "\"");
             }
+        } else if (arg == "--timing") {
+            const std::string kind = value();
+            if (kind != "exact" && kind != "clock") {
+                throw UsageError("--timing is exact or clock, not \"" + kind + "\"");
+            }
+            options.timing =
+                kind == "exact" ? velt_play::TimingKind::exact : velt_play::TimingKind::clock;
         } else if (arg.size() > 1 && arg[0] == '-') {
             // The options of the player's first version say what took their place.
             const std::string instead = arg == "--song" ? ": --play SONG plays one song"
@@ -227,6 +238,12 @@ Options ParseOptions(int argc, char** argv) {
     }
     if (options.play && options.clock == velt_play::ClockKind::conducted) {
         throw UsageError("--clock conducted needs the keyboard's beats, not --play");
+    }
+    // A conducted clock's periods follow the beats, not the score's clock time, so offsets
+    // inside a period cannot be placed ahead of time.
+    if (options.clock == velt_play::ClockKind::conducted &&
+        options.timing == velt_play::TimingKind::exact) {
+        throw UsageError("--timing exact needs a clock of its own, not --clock conducted");
     }
     if (options.clock == velt_play::ClockKind::conducted &&
         !(isatty(STDIN_FILENO) && isatty(STDOUT_FILENO))) {
@@ -519,7 +536,8 @@ int Run(const Options& options, velt_play::MainEvents& events) {
     }
     std::unique_ptr<velt_play::SyncOutputs> sync;  // outlives the session, which calls it
     auto session = std::make_unique<ShowSession>(
-        std::move(songs), playable.show, velt_play::SessionOptions{options.clock, plan.device});
+        std::move(songs), playable.show,
+        velt_play::SessionOptions{options.clock, plan.device, options.timing});
     if (options.sync.Any()) {  // after the session: the music has the first claim on a port
         sync = std::make_unique<velt_play::SyncOutputs>(
             *playable.show, Checked([&] { return velt_play::ResolveSyncOptions(options.sync); }));

@@ -400,6 +400,48 @@ TEST_F(PlatformMidiStream, DeltaTimesAndTempoAreHonouredNeverEarly) {
     EXPECT_GE(messages[2].timestampNs - beforeRestart, 40'000'000);
 }
 
+// A sender that queues one packet per period with each event's offset as its delta: the offsets
+// count from when the packet was queued, not from the last event of the packet before, which had
+// finished long ago; a packet queued while the one before still plays follows it.
+TEST_F(PlatformMidiStream, APacketsDeltasCountFromWhenItWasQueuedAndQueuedPacketsFollowInOrder) {
+    MIDIPROPTIMEDIV division{sizeof division, 1000};
+    MIDIPROPTEMPO tempo{sizeof tempo, 1000};  // one tick = one microsecond
+    ASSERT_EQ(Property(division, MIDIPROP_SET | MIDIPROP_TIMEDIV), MMSYSERR_NOERROR);
+    ASSERT_EQ(Property(tempo, MIDIPROP_SET | MIDIPROP_TEMPO), MMSYSERR_NOERROR);
+    ASSERT_EQ(midiStreamRestart(stream), MMSYSERR_NOERROR);
+
+    StreamPacket first;
+    first.AddShort(0x90, 60, 100);
+    first.AddShort(0x90, 61, 100, 30'000);  // at 30 ms
+    ASSERT_EQ(PrepareAndQueue(first), MMSYSERR_NOERROR);
+    ASSERT_TRUE(log.WaitFor(MOM_DONE, 1));
+    // Later than the first packet's last event, as the next period is.
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    StreamPacket second;
+    second.AddShort(0x90, 62, 100, 10'000);  // 10 ms after it was queued
+    second.AddShort(0x90, 63, 100, 10'000);  // 20 ms
+    StreamPacket third;
+    third.AddShort(0x90, 64, 100, 5'000);  // 5 ms after the second packet's last event
+    ASSERT_EQ(Prepare(second), MMSYSERR_NOERROR);
+    ASSERT_EQ(Prepare(third), MMSYSERR_NOERROR);
+    const std::int64_t secondQueued = SteadyNowNs();
+    ASSERT_EQ(Queue(second), MMSYSERR_NOERROR);
+    ASSERT_EQ(Queue(third), MMSYSERR_NOERROR);
+    ASSERT_TRUE(log.WaitFor(MOM_DONE, 3));
+
+    const auto messages = port.Messages();
+    ASSERT_EQ(messages.size(), 5u);
+    for (std::size_t i = 0; i < messages.size(); ++i) {
+        EXPECT_EQ(messages[i].bytes[1], 60 + i) << "played in queue order";
+    }
+    // Never early against its own deadline. Counted from the first packet's last event instead
+    // of from its queueing, the second packet's first event would be due before it was queued.
+    EXPECT_GE(messages[2].timestampNs - secondQueued, 10'000'000);
+    EXPECT_GE(messages[3].timestampNs - secondQueued, 20'000'000);
+    EXPECT_GE(messages[4].timestampNs - secondQueued, 25'000'000);
+    EXPECT_GE(messages[3].timestampNs - messages[2].timestampNs, 0);
+}
+
 TEST(PlatformMidiStreamCallback, MayQueueTheNextBufferButNotCloseItsHandle) {
     struct Chain {
         HMIDISTRM stream = nullptr;

@@ -186,12 +186,24 @@ class LostDevices {
     std::vector<std::string> names_;
 };
 
+// Every case runs with both timings of the output: clock timing (every event of a period at its
+// start, each packet awaited) and exact timing (events at their offsets, packets not awaited).
+class Playback : public ::testing::TestWithParam<bool> {};
+class PlaybackDevices : public ::testing::TestWithParam<bool> {};
+
+std::string TimingName(const ::testing::TestParamInfo<bool>& info) {
+    return info.param ? "ExactTiming" : "ClockTiming";
+}
+
 }  // namespace
 
-TEST(Playback, EverySongEventArrivesOnceInOrderAndTheSongEndsInSilence) {
+INSTANTIATE_TEST_SUITE_P(Timing, Playback, ::testing::Bool(), TimingName);
+INSTANTIATE_TEST_SUITE_P(Timing, PlaybackDevices, ::testing::Bool(), TimingName);
+
+TEST_P(Playback, EverySongEventArrivesOnceInOrderAndTheSongEndsInSilence) {
     velt_platform::VirtualMidiOutput device("Playback Test Out");
     const velt_midi::SongData song = FastLanterns();
-    Host host(song);
+    Host host(song, 1, {}, GetParam());
     host.Play(0);
     ASSERT_TRUE(host.WaitForStops(1));
 
@@ -224,10 +236,10 @@ TEST(Playback, EverySongEventArrivesOnceInOrderAndTheSongEndsInSilence) {
     EXPECT_FALSE(host.GetClock().GetPlaybackIsArmed());
 }
 
-TEST(Playback, ACaesuraStopsAtItsTickAndASeekResumesWithTheChasedState) {
+TEST_P(Playback, ACaesuraStopsAtItsTickAndASeekResumesWithTheChasedState) {
     velt_platform::VirtualMidiOutput device("Playback Test Out");
     const velt_midi::SongData song = FastLanterns();
-    Host host(song);
+    Host host(song, 1, {}, GetParam());
     const std::uint32_t caesura = 7200;  // the song's "Caesura" marker
     host.StopAt(caesura);
     host.Play(0);
@@ -267,7 +279,7 @@ TEST(Playback, ACaesuraStopsAtItsTickAndASeekResumesWithTheChasedState) {
     EXPECT_TRUE(HeldNotes(whole).empty());
 }
 
-TEST(Playback, APacketTheServiceNeverReturnsIsQuarantinedAndPlaybackGoesOn) {
+TEST_P(Playback, APacketTheServiceNeverReturnsIsQuarantinedAndPlaybackGoesOn) {
     velt_platform::VirtualMidiOutput device("Playback Test Out");
     auto song = velt_core::SongBuilder("Short", 480).Tempo(0, 600).Meter(0, 4, 4).Bars(2);
     for (std::uint32_t tick = 0; tick < 3840; tick += 240) {
@@ -281,7 +293,7 @@ TEST(Playback, APacketTheServiceNeverReturnsIsQuarantinedAndPlaybackGoesOn) {
     });
     device.LoseCompletionOfPacket(3);
     {
-        Host host(*song.Build());
+        Host host(*song.Build(), 1, {}, GetParam());
         host.Play(0);
         ASSERT_TRUE(host.WaitForStops(1));
         auto packets = Packets(device);
@@ -309,12 +321,12 @@ TEST(Playback, APacketTheServiceNeverReturnsIsQuarantinedAndPlaybackGoesOn) {
         has("WARNING: Main Buffer ", " has 1 quarantined data buffers after midiStreamStop."));
 }
 
-TEST(PlaybackDevices, ADeviceThatGoesAwayIsReportedOnceAndReopenedByNameWhenItIsBack) {
+TEST_P(PlaybackDevices, ADeviceThatGoesAwayIsReportedOnceAndReopenedByNameWhenItIsBack) {
     velt_platform::VirtualMidiOutput other("Stage Right");
     std::optional<velt_platform::VirtualMidiOutput> left(std::in_place, "Stage Left");
     LogLines log;
     LostDevices lost;
-    Host host(QuarterNotes(8));
+    Host host(QuarterNotes(8), 1, {}, GetParam());
     host.Output().CreateSynthOutput("Stage Left");
     host.Play(0);
     ASSERT_TRUE(left->WaitForMessages(8, 20s));
@@ -345,11 +357,11 @@ TEST(PlaybackDevices, ADeviceThatGoesAwayIsReportedOnceAndReopenedByNameWhenItIs
     EXPECT_EQ(lost.Names().size(), 1u);
 }
 
-TEST(PlaybackDevices, SwitchingDevicesMidSongSendsEveryPeriodToExactlyOneOfThem) {
+TEST_P(PlaybackDevices, SwitchingDevicesMidSongSendsEveryPeriodToExactlyOneOfThem) {
     velt_platform::VirtualMidiOutput left("Stage Left");
     velt_platform::VirtualMidiOutput right("Stage Right");
     LogLines log;
-    Host host(QuarterNotes(6));
+    Host host(QuarterNotes(6), 1, {}, GetParam());
     host.Play(0);
     ASSERT_TRUE(left.WaitForMessages(4, 20s));
     // Asking again for the device in use keeps playing on it.
@@ -377,10 +389,10 @@ TEST(PlaybackDevices, SwitchingDevicesMidSongSendsEveryPeriodToExactlyOneOfThem)
     EXPECT_EQ(log.CountStartingWith("[ERROR]"), 0u);
 }
 
-TEST(PlaybackDevices, AFailingSendDropsItsPeriodLogsOnceAndTheSongStillEnds) {
+TEST_P(PlaybackDevices, AFailingSendDropsItsPeriodLogsOnceAndTheSongStillEnds) {
     velt_platform::VirtualMidiOutput device("Stage Left");
     LogLines log;
-    Host host(QuarterNotes(4));
+    Host host(QuarterNotes(4), 1, {}, GetParam());
     {
         // Break one packet of the ring behind the output's back: it fails every time it comes
         // round again.

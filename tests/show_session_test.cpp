@@ -67,7 +67,7 @@ struct Fixture {
         show->AddSong(song);
         session = std::make_unique<ShowSession>(
             std::vector<SessionSong>{{song->GetSongName(), song, ""}}, show,
-            velt_play::SessionOptions{clock, "Session Test Out"});
+            velt_play::SessionOptions{clock, "Session Test Out", {}});
         // The display follows each downbeat at once: these songs click faster than the delay.
         while (session->Output().GetGuiDelay() > 0)
             session->DecreaseDisplayDelay();

@@ -348,8 +348,9 @@ struct Expected {
     int transposition;
 };
 
-// The song's events as the session's stream writes them: period by period (a MIDI clock of ticks
-// from the start tick), within a period track after track, each track's events in order; notes
+// The song's events as the player sends them: period by period (a MIDI clock of ticks from the
+// start tick); within a period in time order, as the player's default exact timing plays them,
+// events of one tick track after track, each track's events in order; notes
 // moved by the transposition in force where their period starts, as the track's chase state
 // moves them (within the track's range).
 std::vector<Expected> SongMessages(const velt_midi::SongData& song) {
@@ -374,7 +375,8 @@ std::vector<Expected> SongMessages(const velt_midi::SongData& song) {
         }
     }
     std::sort(timed.begin(), timed.end(), [](const Timed& a, const Timed& b) {
-        return std::tie(a.period, a.track, a.index) < std::tie(b.period, b.track, b.index);
+        return std::tie(a.period, a.event.time, a.track, a.index) <
+               std::tie(b.period, b.event.time, b.track, b.index);
     });
     std::vector<Expected> expected;
     for (const auto& [period, track, index, event] : timed) {
@@ -826,6 +828,8 @@ TEST_F(PlayerTest, EveryBadRequestIsOneLineOnStandardErrorBeforeAnythingPlays) {
         {{song, "--clock", "fast"}, "--clock is precision, standard or conducted", 2},
         {{song, "--clock", "conducted", "--play"}, "--clock conducted needs the keyboard", 2},
         {{song, "--clock", "conducted"}, "needs the keyboard's beats: run it on a terminal", 2},
+        {{song, "--clock", "conducted", "--timing", "exact"}, "--timing exact needs a clock", 2},
+        {{song, "--timing", "late"}, "--timing is exact or clock, not \"late\"", 2},
         {{song, "--record"}, "--record needs a value", 2},
         {{song, "--record", Path("no/such/folder/x.mid")}, "cannot write the recording to", 1},
         {{song, "--record", folder_.string()}, "cannot write the recording to", 1},

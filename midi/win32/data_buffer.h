@@ -14,8 +14,11 @@
 
 /// Stream event wire format (the short MIDIEVENT form, 12 bytes, little-endian):
 ///
-///   offset 0  DWORD dwDeltaTime   always 0: a packet plays at once; timing comes from sending
-///                                 one packet per clock period
+///   offset 0  DWORD dwDeltaTime   0 as events are added: the packet plays at once and timing
+///                                 comes from sending one packet per clock period. Exact timing
+///                                 rewrites it (WriteDeltaTimes) just before sending: microseconds
+///                                 after the previous event, the first counted from the packet's
+///                                 start, so each event plays at its own place inside the period
 ///   offset 4  DWORD dwStreamID    always 0
 ///   offset 8  DWORD dwEvent       short message: (data2 << 16) | (data1 << 8) | status, event
 ///                                 type 0 (MEVT_SHORTMSG) in the top byte
@@ -53,15 +56,32 @@ class DataBuffer {
     ~DataBuffer() = default;
 
     /// Appends the voice message (logging, but still adding, an invalid one). No fullness check:
-    /// the caller checks GetBufferIsFull first.
-    void AddVoiceEvent(const velt_midi::VoiceEvent& event);
+    /// the caller checks GetBufferIsFull first. `offsetTicks`: how many song ticks after the
+    /// period's first tick the event is due; kept beside the event for WriteDeltaTimes.
+    void AddVoiceEvent(const velt_midi::VoiceEvent& event, std::uint32_t offsetTicks = 0);
     /// Appends an event with the given event word.
-    void AddCallbackEvent(DWORD eventWord);
+    void AddCallbackEvent(DWORD eventWord, std::uint32_t offsetTicks = 0);
+    /// The tick offset the event at `index` was added with.
+    std::uint32_t GetTickOffset(std::uint16_t index) const { return tickOffsets_.at(index); }
+    /// Exact timing, once the period's length is known (when it is sent): puts the events in
+    /// order of their tick offsets (events of one offset keep the order they were added in) and
+    /// writes each one's delta time in microseconds, rounded from its offset so that rounding
+    /// never accumulates. Offsets at or past `periodTicks` (when non-zero) count as the period's
+    /// last tick: nothing of this packet may play in the next period.
+    void WriteDeltaTimes(double microsecondsPerTick, std::uint32_t periodTicks);
+    /// Takes the events (and their offsets) of `other`, for a packet that replaces it.
+    void CopyEventsFrom(const DataBuffer& other);
     /// True only once more than maxEvents events are stored.
     bool GetBufferIsFull() const { return eventCount_ > maxEvents_; }
     std::uint16_t GetEventCount() const { return eventCount_; }
-    /// Forgets the events (the storage is not cleared).
-    void ResetEventCount() { eventCount_ = 0; }
+    /// Forgets the events (the storage is not cleared) and their timing.
+    void ResetEventCount() {
+        eventCount_ = 0;
+        timed_ = false;
+    }
+    /// Whether WriteDeltaTimes has timed the events since they were added: the packet then plays
+    /// over most of a period.
+    bool GetIsTimed() const { return timed_; }
     /// Forces every later voice message onto channel index 15.
     void SetUseChannel15() { useChannel15_ = true; }
     std::uint16_t GetMaxEvents() const { return maxEvents_; }
@@ -99,6 +119,8 @@ class DataBuffer {
     /// Waits until the packet is no longer in use or `seconds` have passed (steady clock).
     /// Returns whether it is free. Blocks.
     bool WaitForMidiStreamOutDone(int seconds);
+    /// The log line of a packet the service did not hand back in time.
+    void LogQuarantine() const;
 
   private:
     void ResetHeader_();
@@ -106,7 +128,9 @@ class DataBuffer {
     std::uint16_t capacityBytes_;
     std::uint16_t maxEvents_;
     std::vector<std::uint8_t> storage_;
+    std::vector<std::uint32_t> tickOffsets_;  // one per storage slot
     std::uint16_t eventCount_ = 0;
+    bool timed_ = false;
     bool useChannel15_ = false;
     MIDIHDR header_{};
     bool headerIsPrepared_ = false;

@@ -30,6 +30,16 @@
 /// Nothing more is sent to that device, and the host's sends to it return without effect; the host
 /// opens it again by name (CreateSynthOutput(name)) from its own thread once FindMidiOutDevice
 /// lists it again, and playback goes on there.
+///
+/// Timing (SetExactTiming): with clock timing, the written behaviour, every event of a period
+/// goes out at the period's start. With exact timing each event plays at its own place inside
+/// the period: the send step writes the packets' delta times from the period's ticks per clock
+/// and clock time (read from the clock, which must be a StandardMidiClock; with another clock the
+/// deltas stay 0) and hands the packets over without waiting for them (see WinSynth). A stop by
+/// the client (DisarmPlayback) and a panic of the send step first drop what is still queued, so
+/// that nothing of an earlier period plays after them. Exact timing is on from construction when
+/// the clock is a PrecisionMidiClockImpl, whose periods are kept on an exact grid; off with any
+/// other clock.
 class MidiOutputWin32 : public MidiOutput {
   public:
     /// The display delay at construction, in seconds.
@@ -62,8 +72,13 @@ class MidiOutputWin32 : public MidiOutput {
     std::uint64_t GetDroppedSendCount() const { return droppedSends_.load(); }
     void CreateAudioUnitOutput(const velt_midi::VoiceData&) override {}
     void CreateKeysOutput() override {}
-    /// Disarms, then cleans up quarantined packets and drops pending display callbacks.
+    /// Disarms, then (exact timing) drops what the device still has queued, cleans up
+    /// quarantined packets and drops pending display callbacks.
     void DisarmPlayback() override;
+    /// Switches between exact timing (true) and clock timing; see the class comment. Takes the
+    /// client mutex, so it never changes in the middle of a send step.
+    void SetExactTiming(bool exact);
+    bool GetExactTiming() const { return exactTiming_.load(); }
     /// Drops pending display callbacks.
     void ResetMidiOutput() override;
     /// Display delay ± 0.01 s within [0, 0.25]; the host is told the new delay in milliseconds.
@@ -78,6 +93,13 @@ class MidiOutputWin32 : public MidiOutput {
 
   private:
     void SetGuiDelay_(double seconds);
+    // The disarm of the client's stop (flush true) or of the send step (false: the period just
+    // sent, or the all-notes-off that ends the song, still plays out).
+    void DisarmPlayback_(bool flush);
+    // Exact timing: the delta times of the buffer about to be sent, from the clock's period.
+    void TimeBuffer_(MidiBuffer& buffer);
+    // Exact timing: drops what the device still has queued.
+    void FlushSynth_();
     void ConnectSynth_(UINT deviceId);
     // One send of the step (a panic or the period's packets). A failure is counted and reported,
     // never thrown: the step must go on so that the ring keeps moving.
@@ -97,4 +119,5 @@ class MidiOutputWin32 : public MidiOutput {
     bool lossReported_ = false;
     bool lossToPost_ = false;
     std::atomic<std::uint64_t> droppedSends_{0};
+    std::atomic<bool> exactTiming_{false};
 };

@@ -122,6 +122,12 @@ struct RingBufferFree {
 };
 using RingBuffer = std::unique_ptr<jack_ringbuffer_t, RingBufferFree>;
 
+// One message in an output slot's queue: this header, then the bytes.
+struct QueueRecord {
+    std::uint32_t length = 0;
+    jack_nframes_t frame = 0;  // the server's frame time when it was sent
+};
+
 // Port names: the first slot's port is "VELT Out", the next "VELT Out 2", and so on.
 std::string SlotPortName(const char* base, std::size_t slot) {
     return slot == 0 ? std::string(base) : std::string(base) + " " + std::to_string(slot + 1);
@@ -234,17 +240,17 @@ class JackSession {
     // False once the slot's port has no connection left. Any thread.
     bool HasConnection(std::size_t slot) const { return outputs_[slot].connections.load() > 0; }
 
-    // Queues one message for the process thread. Single producer per slot: the device's mutex
-    // serialises its callers. MIDIERR_NOTREADY when the queue is full (the server stopped
-    // taking data).
+    // Queues one message for the process thread, stamped with the server's frame time now.
+    // Single producer per slot: the device's mutex serialises its callers. MIDIERR_NOTREADY when
+    // the queue is full (the server stopped taking data).
     MMRESULT Write(std::size_t slot, std::span<const BYTE> message) {
         jack_ringbuffer_t* queue = outputs_[slot].queue.get();
-        // Queue record: the message length as a native uint32_t, then the bytes.
-        const auto length = static_cast<std::uint32_t>(message.size());
-        if (jack_ringbuffer_write_space(queue) < sizeof length + message.size()) {
+        const QueueRecord record{static_cast<std::uint32_t>(message.size()),
+                                 jack_frame_time(client_)};
+        if (jack_ringbuffer_write_space(queue) < sizeof record + message.size()) {
             return MIDIERR_NOTREADY;
         }
-        jack_ringbuffer_write(queue, reinterpret_cast<const char*>(&length), sizeof length);
+        jack_ringbuffer_write(queue, reinterpret_cast<const char*>(&record), sizeof record);
         jack_ringbuffer_write(queue, reinterpret_cast<const char*>(message.data()), message.size());
         return MMSYSERR_NOERROR;
     }
@@ -485,6 +491,13 @@ class JackSession {
 
     // An output port's buffer is cleared every cycle, or a connected reader would read the same
     // events again. Messages that do not fit this cycle's buffer stay queued for the next.
+    //
+    // Each message goes out exactly one period after it was sent: a message stamped at frame f,
+    // sent while the cycle that began at frame c was being processed, lands at offset f - c of
+    // the next cycle, so the time between messages survives (nothing is moved to a cycle's
+    // start). A message whose place has passed (the process thread missed a cycle) goes at the
+    // first free frame; one whose place lies beyond this cycle (the frame estimate ran ahead)
+    // waits for the next. Offsets never go back, as a port buffer requires.
     void PlayOutput_(OutputSlot& output, jack_nframes_t frames) {
         jack_port_t* port = output.port.load();
         if (port == nullptr) {
@@ -497,15 +510,26 @@ class JackSession {
             return;
         }
         jack_ringbuffer_t* queue = output.queue.get();
-        std::uint32_t length = 0;
-        while (jack_ringbuffer_peek(queue, reinterpret_cast<char*>(&length), sizeof length) ==
-                   sizeof length &&
-               jack_ringbuffer_read_space(queue) >= sizeof length + length) {
-            jack_midi_data_t* event = jack_midi_event_reserve(buffer, 0, length);
+        const jack_nframes_t cycleStart = jack_last_frame_time(client_);
+        jack_nframes_t earliest = 0;
+        QueueRecord record{};
+        while (jack_ringbuffer_peek(queue, reinterpret_cast<char*>(&record), sizeof record) ==
+                   sizeof record &&
+               jack_ringbuffer_read_space(queue) >= sizeof record + record.length) {
+            // Frame times wrap around; the difference of two of them does not, as a signed value.
+            const auto place = static_cast<std::int32_t>(record.frame + frames - cycleStart);
+            if (place >= static_cast<std::int32_t>(frames)) {
+                break;  // due in a later cycle
+            }
+            const jack_nframes_t offset =
+                std::max(earliest, static_cast<jack_nframes_t>(std::max<std::int32_t>(place, 0)));
+            jack_midi_data_t* event = jack_midi_event_reserve(buffer, offset, record.length);
             if (event == nullptr && jack_midi_get_event_count(buffer) > 0) {
                 break;  // the rest goes next cycle
             }
-            jack_ringbuffer_read_advance(queue, sizeof length);
+            earliest = offset;
+            const std::uint32_t length = record.length;
+            jack_ringbuffer_read_advance(queue, sizeof record);
             if (event == nullptr) {
                 // Larger than a whole cycle's buffer: it can never go, and must not hold up
                 // what follows.

@@ -14,9 +14,21 @@
 // midiOutLongMsg refuse with MIDIERR_NODEVICE, so the sender learns of the loss from the next
 // call it makes. Stop, restart, unprepare and close keep working, so the owner can tidy up.
 //
+// Stream time: each event is due its delta time after the event before it, on deadlines computed
+// from the previous deadline (never from when an event actually went out, so lateness does not
+// add up). A packet's first delta counts from when the packet was queued, or from the previous
+// packet's last deadline when that is later: a sender that queues one packet per period and
+// writes each event's offset inside it gets every event at its offset from the packet's start,
+// and packets queued ahead of time simply follow one another. Time the stream spends paused
+// does not count; a stopped stream's time starts again at the restart.
+//
 // Locks: the handle table mutex (only to find, add or remove a handle; never held while a
 // handle's mutex is taken), then a handle's mutex. A port's own mutex is taken inside Send with
 // no handle mutex held.
+#ifdef __linux__
+#include <sys/prctl.h>
+#endif
+
 #include <algorithm>
 #include <array>
 #include <bitset>
@@ -28,6 +40,7 @@
 #include <thread>
 #include <unordered_map>
 
+#include "kernel.h"
 #include "midi_service.h"
 
 namespace velt_platform::detail {
@@ -94,7 +107,9 @@ struct Notice {
 struct QueuedPacket {
     LPMIDIHDR header = nullptr;
     PacketTicket ticket;
-    DWORD offset = 0;  // next event to play
+    DWORD offset = 0;                  // next event to play
+    SteadyClock::time_point queuedAt;  // its first delta counts from here at the earliest
+    bool started = false;
     std::optional<SteadyClock::time_point> completionDue;
 };
 
@@ -184,7 +199,8 @@ class OutputHandle {
             return MMSYSERR_INVALPARAM;
         }
         header->dwFlags = (header->dwFlags & ~MHDR_DONE) | MHDR_INQUEUE | MHDR_ISSTRM;
-        stream_.push_back(QueuedPacket{header, port_->QueuePacket(), 0, std::nullopt});
+        stream_.push_back(
+            QueuedPacket{header, port_->QueuePacket(), 0, SteadyClock::now(), false, std::nullopt});
         wake_.notify_all();
         return MMSYSERR_NOERROR;
     }
@@ -220,6 +236,10 @@ class OutputHandle {
             lastEventDue_ = now;
         } else if (state_ == State::Paused) {
             lastEventDue_ += now - pausedAt_;
+            for (QueuedPacket& packet : stream_) {
+                packet.queuedAt =
+                    packet.queuedAt < pausedAt_ ? packet.queuedAt + (now - pausedAt_) : now;
+            }
         }
         state_ = State::Running;
         wake_.notify_all();
@@ -397,6 +417,14 @@ class OutputHandle {
 
     void Run_() {
         SetCurrentThreadName("mm_midi_out");
+        // Stream events are played at their deadlines, as a clock's ticks are: the thread asks
+        // for the clock's priority (where the system refuses, it stays at normal priority and
+        // wakes later under load) and, on Linux, drops the timer slack the kernel adds to each
+        // wake-up of a thread at normal priority (50 us by default).
+        SetThreadPriority(GetCurrentThread(), THREAD_PRIORITY_TIME_CRITICAL);
+#ifdef __linux__
+        prctl(PR_SET_TIMERSLACK, 1UL, 0UL, 0UL, 0UL);
+#endif
         std::unique_lock lock(mutex_);
         for (;;) {
             if (!notices_.empty()) {
@@ -494,6 +522,10 @@ class OutputHandle {
         if (packet.offset + size > end) {
             packet.offset = end;  // a cut-off last event is not played
             return std::nullopt;
+        }
+        if (!packet.started) {
+            packet.started = true;
+            lastEventDue_ = std::max(lastEventDue_, packet.queuedAt);
         }
         const auto due = lastEventDue_ + TicksToDuration_(delta);
         if (due > now) {

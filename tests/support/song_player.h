@@ -12,6 +12,7 @@
 #include <limits>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -51,8 +52,11 @@ struct FilledPeriod {
 template <typename Clock>
 class SongPlayer {
   public:
+    /// `exactTiming`: the output's timing (MidiOutputWin32::SetExactTiming); empty for the
+    /// output's own default with this clock.
     explicit SongPlayer(const velt_midi::SongData& song, unsigned char portCount = 1,
-                        std::function<void(unsigned int)> downbeat = {}) {
+                        std::function<void(unsigned int)> downbeat = {},
+                        std::optional<bool> exactTiming = std::nullopt) {
         show_.AddSong(std::make_shared<velt_midi::SongData>(song));
         streams_ = std::make_unique<TamberMidiStreamCollection>(show_);
         stream_ = &streams_->GetStream(song.GetSongName());
@@ -67,6 +71,9 @@ class SongPlayer {
             [this] { Stopped_(); }, [] {},
             [this](unsigned int tick) { return tick == caesuraTick_.load(); }, clock_,
             &clientMutex_);
+        if (exactTiming) {
+            output_->SetExactTiming(*exactTiming);
+        }
         output_->Initialize(portCount);
         output_->CreateSynthOutput();
     }

@@ -1,7 +1,11 @@
 #include "midi/win32/data_buffer.h"
 
+#include <algorithm>
 #include <chrono>
+#include <cmath>
+#include <cstdint>
 #include <cstring>
+#include <limits>
 
 #include "interfaces/kit.h"
 #include "midi/velt_midi_error.h"
@@ -39,6 +43,7 @@ DataBuffer::DataBuffer(std::uint16_t capacityBytes, std::uint8_t portIndex, cons
     : capacityBytes_(capacityBytes),
       maxEvents_(static_cast<std::uint16_t>(capacityBytes / eventSize)),
       storage_((static_cast<std::size_t>(capacityBytes / eventSize) + 1) * eventSize),
+      tickOffsets_(static_cast<std::size_t>(capacityBytes / eventSize) + 1, 0),
       portIndex_(portIndex),
       name_(name),
       inUseMutex_(std::make_unique<std::mutex>()),
@@ -67,7 +72,10 @@ DataBuffer& DataBuffer::operator=(DataBuffer&& other) noexcept {
     maxEvents_ = other.maxEvents_;
     storage_ = std::move(other.storage_);
     other.storage_.clear();
+    tickOffsets_ = std::move(other.tickOffsets_);
+    other.tickOffsets_.clear();
     eventCount_ = other.eventCount_;
+    timed_ = other.timed_;
     useChannel15_ = other.useChannel15_;
     header_ = other.header_;
     header_.lpData = reinterpret_cast<LPSTR>(storage_.data());
@@ -84,7 +92,7 @@ DataBuffer& DataBuffer::operator=(DataBuffer&& other) noexcept {
     return *this;
 }
 
-void DataBuffer::AddVoiceEvent(const velt_midi::VoiceEvent& event) {
+void DataBuffer::AddVoiceEvent(const velt_midi::VoiceEvent& event, std::uint32_t offsetTicks) {
     if (!event.IsValidVoiceEvent()) {
         kit::CoutBuffer() << "Attempting to add invalid voice event:"
                           << "\n  status = " << static_cast<int>(event.status & 0xF0)
@@ -95,15 +103,56 @@ void DataBuffer::AddVoiceEvent(const velt_midi::VoiceEvent& event) {
         useChannel15_ ? static_cast<std::uint8_t>(event.status | 0x0F) : event.status;
     DWORD word =
         (static_cast<DWORD>(event.data2) << 16) | (static_cast<DWORD>(event.data1) << 8) | status;
-    AddCallbackEvent(word);
+    AddCallbackEvent(word, offsetTicks);
 }
 
-void DataBuffer::AddCallbackEvent(DWORD eventWord) {
+void DataBuffer::AddCallbackEvent(DWORD eventWord, std::uint32_t offsetTicks) {
     std::uint8_t* slot = storage_.data() + static_cast<std::size_t>(eventCount_) * eventSize;
     WriteDword(slot, 0);      // delta time
     WriteDword(slot + 4, 0);  // stream id
     WriteDword(slot + 8, eventWord);
+    tickOffsets_[eventCount_] = offsetTicks;
     ++eventCount_;
+}
+
+void DataBuffer::WriteDeltaTimes(double microsecondsPerTick, std::uint32_t periodTicks) {
+    const std::uint32_t lastTick =
+        periodTicks > 0 ? periodTicks - 1 : std::numeric_limits<std::uint32_t>::max();
+    // The writers add a period's events track by track, so offsets may go back and forth; the
+    // stream plays its events in storage order, so they are put in time order first.
+    std::vector<std::uint16_t> order(eventCount_);
+    for (std::uint16_t i = 0; i < eventCount_; ++i) {
+        order[i] = i;
+    }
+    std::stable_sort(order.begin(), order.end(), [this](std::uint16_t a, std::uint16_t b) {
+        return tickOffsets_[a] < tickOffsets_[b];
+    });
+    const std::vector<std::uint8_t> events(storage_.begin(),
+                                           storage_.begin() + eventCount_ * eventSize);
+    const std::vector<std::uint32_t> offsets(tickOffsets_.begin(),
+                                             tickOffsets_.begin() + eventCount_);
+    DWORD previous = 0;
+    for (std::uint16_t i = 0; i < eventCount_; ++i) {
+        const std::uint32_t offset = std::min(offsets[order[i]], lastTick);
+        // Each event's time is rounded from its own offset: the deltas add up to it exactly.
+        const auto at = static_cast<DWORD>(std::lround(offset * microsecondsPerTick));
+        std::uint8_t* slot = storage_.data() + static_cast<std::size_t>(i) * eventSize;
+        std::memcpy(slot, events.data() + static_cast<std::size_t>(order[i]) * eventSize,
+                    eventSize);
+        WriteDword(slot, at - previous);
+        tickOffsets_[i] = offset;
+        previous = at;
+    }
+    timed_ = true;
+}
+
+void DataBuffer::CopyEventsFrom(const DataBuffer& other) {
+    const std::uint16_t count =
+        std::min(other.eventCount_, static_cast<std::uint16_t>(maxEvents_ + 1));
+    std::copy_n(other.storage_.begin(), count * eventSize, storage_.begin());
+    std::copy_n(other.tickOffsets_.begin(), count, tickOffsets_.begin());
+    eventCount_ = count;
+    timed_ = other.timed_;
 }
 
 MIDIEVENT DataBuffer::GetMidiMessageAtMessageIndex(std::uint16_t index) const {
@@ -168,4 +217,10 @@ bool DataBuffer::WaitForMidiStreamOutDone(int seconds) {
     std::unique_lock lock(*inUseMutex_);
     return doneCondition_->wait_for(lock, std::chrono::seconds(seconds),
                                     [this] { return !inUse_; });
+}
+
+void DataBuffer::LogQuarantine() const {
+    kit::CoutBuffer() << "midiStreamOutDone_ timed out "
+                      << "without receiving a mom done message. "
+                      << "Buffer " << GetBufferName() << " will be quarantined." << kit::endl;
 }

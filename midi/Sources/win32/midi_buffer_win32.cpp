@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "interfaces/kit.h"
+
 MidiBufferWin32::MidiBufferWin32(unsigned char portCount, unsigned short dataBufferCapacity,
                                  const std::string& name)
     : MidiBuffer(portCount, name), dataBufferCapacity_(dataBufferCapacity) {
@@ -24,7 +26,11 @@ bool MidiBufferWin32::AddEventToBuffer(unsigned char port, const velt_midi::Voic
         return false;
     }
     FilterProgramChange(port, event);
-    dataBuffers_.at(port)->AddVoiceEvent(event);
+    // Events of a period lie at or after its first tick; one written from earlier (a chase after
+    // a seek, a panic) is due at the period's start.
+    const unsigned int periodStart = GetTickIndex();
+    dataBuffers_.at(port)->AddVoiceEvent(event,
+                                         event.time > periodStart ? event.time - periodStart : 0);
     return true;
 }
 
@@ -45,8 +51,22 @@ unsigned short MidiBufferWin32::GetPortEventCount(unsigned char port) {
 
 void MidiBufferWin32::ResetPortEventCounts() {
     std::scoped_lock lock(GetMutex());
+    for (unsigned char port = 0; port < dataBuffers_.size(); ++port) {
+        // The service reads a packet until it hands it back: it is not written before then.
+        if (!dataBuffers_[port]->WaitForMidiStreamOutDone(packetReturnSeconds)) {
+            dataBuffers_[port]->LogQuarantine();
+            QuarantineDataBuffer(port, dataBuffers_[port]->GetPreparedOutputHandle());
+        }
+        dataBuffers_[port]->ResetEventCount();
+    }
+}
+
+void MidiBufferWin32::WriteDeltaTimes(double periodSeconds, unsigned int periodTicks) {
+    std::scoped_lock lock(GetMutex());
+    const double microsecondsPerTick =
+        periodTicks > 0 ? periodSeconds * 1e6 / static_cast<double>(periodTicks) : 0.0;
     for (auto& dataBuffer : dataBuffers_) {
-        dataBuffer->ResetEventCount();
+        dataBuffer->WriteDeltaTimes(microsecondsPerTick, periodTicks);
     }
 }
 
@@ -84,8 +104,17 @@ void MidiBufferWin32::QuarantineDataBuffer(unsigned char port, HMIDIOUT handle) 
     auto& slot = dataBuffers_.at(port);
     quarantinedDataBuffers_.push_back(slot);
     auto fresh = MakeDataBuffer_(port);
-    fresh->PrepareHeader(handle);
+    if (handle != nullptr) {
+        fresh->PrepareHeader(handle);
+    }
     slot = std::move(fresh);
+}
+
+void MidiBufferWin32::QuarantineDataBufferKeepingEvents(unsigned char port, HMIDIOUT handle) {
+    std::scoped_lock lock(GetMutex());
+    const std::shared_ptr<DataBuffer> withdrawn = dataBuffers_.at(port);
+    QuarantineDataBuffer(port, handle);
+    dataBuffers_[port]->CopyEventsFrom(*withdrawn);
 }
 
 void MidiBufferWin32::CleanUpQuarantinedDataBuffers(HMIDIOUT handle) {

@@ -5,8 +5,10 @@
 #include "interfaces/kit.h"
 #include "interfaces/notify.h"
 #include "midi/velt_midi_error.h"
+#include "midi/win32/midi_buffer_win32.h"
 #include "midi/win32/midi_device_info.h"
 #include "midi/win32/midi_output_win32.h"
+#include "midi/win32/precision_midi_clock_impl.h"
 
 namespace {
 // Source position quoted when the send step logs a failure.
@@ -23,7 +25,34 @@ MidiOutputWin32::MidiOutputWin32(unsigned char portCount, FillCallback fill,
                  std::move(caesuraCheck), clock, clientMutex),
       ports_(portCount),
       delayedGui_([this](std::uint32_t tick) { DoDownbeatCallback(tick); }, initialGuiDelay) {
+    exactTiming_.store(dynamic_cast<PrecisionMidiClockImpl*>(&clock) != nullptr);
     clock.SetMidiClockCallback([this](double bpm) { ProcessMidiClock(bpm); });
+}
+
+void MidiOutputWin32::SetExactTiming(bool exact) {
+    std::scoped_lock client(*GetClientMutex());
+    exactTiming_.store(exact);
+    if (connectedSynth_ != nullptr) {
+        connectedSynth_->SetExactTiming(exact);
+    }
+}
+
+void MidiOutputWin32::TimeBuffer_(MidiBuffer& buffer) {
+    // Called on the clock's thread from inside its step, before the clock moves on: the state
+    // read here is the one of the period this buffer stands for.
+    auto* clock = dynamic_cast<StandardMidiClock*>(&GetClock());
+    if (clock == nullptr) {
+        return;
+    }
+    const ClockState state = clock->GetClockState();
+    dynamic_cast<MidiBufferWin32&>(buffer).WriteDeltaTimes(state.GetClockTime(),
+                                                           state.GetTicksPerClock());
+}
+
+void MidiOutputWin32::FlushSynth_() {
+    if (exactTiming_.load() && connectedSynth_ != nullptr && !connectedSynth_->GetIsLost()) {
+        SendGuarded_([this] { connectedSynth_->Flush(); });
+    }
 }
 
 MidiOutputWin32::~MidiOutputWin32() {
@@ -68,6 +97,7 @@ void MidiOutputWin32::ConnectSynth_(UINT deviceId) {
     }
     synth_ = std::move(synth);
     connectedSynth_ = synth_.get();
+    connectedSynth_->SetExactTiming(exactTiming_.load());
     failureReported_ = false;
     lossReported_ = false;
     lossToPost_ = false;
@@ -128,7 +158,20 @@ void MidiOutputWin32::PostDeviceLost_() {
 }
 
 void MidiOutputWin32::DisarmPlayback() {
-    MidiOutput::DisarmPlayback();
+    DisarmPlayback_(true);
+}
+
+void MidiOutputWin32::DisarmPlayback_(bool flush) {
+    if (flush) {
+        // Dropped first, under the client mutex so that no send step queues more meanwhile: the
+        // queue thread, which the disarm waits for, may itself be waiting for a packet to come
+        // back before it refills it.
+        std::scoped_lock client(*GetClientMutex());
+        FlushSynth_();
+        MidiOutput::DisarmPlayback();
+    } else {
+        MidiOutput::DisarmPlayback();
+    }
     if (synth_) {
         ports_.CleanUpQuarantinedDataBuffers(synth_->GetOutputHandle());
     }
@@ -176,19 +219,24 @@ void MidiOutputWin32::ProcessMidiClock(double bpm) {
 
         if (buffer->GetIsLastBuffer()) {
             // The last buffer's own events are not sent: the song ends in silence.
+            FlushSynth_();
             SendGuarded_([this] { AllNotesOff(); });
             bufferLock.unlock();
             outputLock.unlock();
-            DisarmPlayback();
+            DisarmPlayback_(false);
             SignalAsyncStoppedCallback();
             PostDeviceLost_();
             return;
         }
         // A panic goes out before the period's own events, and only one per period.
         if (buffer->GetShouldSendAllNotesOff()) {
+            FlushSynth_();
             SendGuarded_([this] { AllNotesOff(); });
         } else if (buffer->GetShouldSendAllCCsOff()) {
             SendGuarded_([this] { AllCCsOff(); });
+        }
+        if (exactTiming_.load()) {
+            TimeBuffer_(*buffer);
         }
         SendGuarded_([&] {
             try {
@@ -211,7 +259,7 @@ void MidiOutputWin32::ProcessMidiClock(double bpm) {
         PostDeviceLost_();
 
         if (DoCheckCaesuraCallback(tick)) {
-            DisarmPlayback();
+            DisarmPlayback_(false);
             SignalAsyncStoppedCallback();
         }
     } catch (const std::exception& error) {

@@ -36,6 +36,17 @@ WinSynth::WinSynth(UINT deviceId)
                                     std::to_string(static_cast<int>(result)) + ", " +
                                     GetMidiOutErrorText(result) + "\n" + CreateMidiDeviceSummary());
     }
+    // The stream opens stopped, when its time division may still change.
+    MIDIPROPTIMEDIV division{sizeof division, streamTimeDivision};
+    MIDIPROPTEMPO tempo{sizeof tempo, streamTempo};
+    if (midiStreamProperty(stream_, reinterpret_cast<LPBYTE>(&division),
+                           MIDIPROP_SET | MIDIPROP_TIMEDIV) != MMSYSERR_NOERROR ||
+        midiStreamProperty(stream_, reinterpret_cast<LPBYTE>(&tempo),
+                           MIDIPROP_SET | MIDIPROP_TEMPO) != MMSYSERR_NOERROR) {
+        // Only exact timing depends on it; clock timing sends every event with delta time 0.
+        kit::CoutBuffer() << "WARNING: the stream of \"" << deviceName_
+                          << "\" keeps its own time base; exact timing will be off." << kit::endl;
+    }
 }
 
 WinSynth::~WinSynth() {
@@ -70,6 +81,16 @@ void WinSynth::SendPort(MidiBufferWin32* buffer, unsigned char port) {
     if (dataBuffer->GetEventCount() == 0) {
         return;
     }
+    const bool exact = exactTiming_.load();
+    if (exact && !dataBuffer->WaitForMidiStreamOutDone(streamOutDoneSeconds)) {
+        // Still with the service from an earlier send (a special buffer sent again): a packet
+        // that is not back by now is lost, and a fresh copy goes in its place.
+        dataBuffer->LogQuarantine();
+        buffer->QuarantineDataBufferKeepingEvents(port, GetOutputHandle());
+        dataBuffer = buffer->GetDataBuffer(port);
+    }
+    // Read before the service has the packet: once it is back, the next fill may reset it.
+    const bool awaitReturn = !exact || !dataBuffer->GetIsTimed();
     dataBuffer->SetInUse();
     // The header was prepared when the packet may have been empty; the service plays
     // dwBytesRecorded bytes, so it is set to this period's events.
@@ -85,11 +106,11 @@ void WinSynth::SendPort(MidiBufferWin32* buffer, unsigned char port) {
         }
         throw MidiImplementationError(failure);
     }
+    if (!awaitReturn) {
+        return;  // the packet's next use waits for it
+    }
     if (!dataBuffer->WaitForMidiStreamOutDone(streamOutDoneSeconds)) {
-        kit::CoutBuffer() << "midiStreamOutDone_ timed out "
-                          << "without receiving a mom done message. "
-                          << "Buffer " << dataBuffer->GetBufferName() << " will be quarantined."
-                          << kit::endl;
+        dataBuffer->LogQuarantine();
         buffer->QuarantineDataBuffer(port, GetOutputHandle());
     }
 }
@@ -97,6 +118,15 @@ void WinSynth::SendPort(MidiBufferWin32* buffer, unsigned char port) {
 std::string WinSynth::GetLossReason() {
     std::scoped_lock lock(mutex_);
     return lossReason_;
+}
+
+void WinSynth::Flush() {
+    if (!exactTiming_.load()) {
+        return;
+    }
+    std::scoped_lock lock(mutex_);
+    midiStreamStop(stream_);
+    Restart();
 }
 
 void WinSynth::Restart() {
