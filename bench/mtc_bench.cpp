@@ -113,7 +113,7 @@ void PlayerRun(FrameRate rate, double seconds) {
     velt_play::SyncOutputs sync(*show, velt_play::ResolveSyncOptions(line));
     {
         velt_play::ShowSession session({{song->GetSongName(), song, ""}}, show,
-                                       {velt_play::ClockKind::precision, "MTC Bench Music"});
+                                       {velt_play::ClockKind::precision, "MTC Bench Music", {}});
         session.SetTransportHooks(sync.Hooks());
         session.Play();
         session.WaitUntilNotPlaying(

@@ -49,8 +49,8 @@ class Player {
             show->AddSong(song);
             songs.push_back({name, song, ""});
         }
-        session = std::make_unique<velt_play::ShowSession>(std::move(songs), show,
-                                                           velt_play::SessionOptions{clock, "Pit"});
+        session = std::make_unique<velt_play::ShowSession>(
+            std::move(songs), show, velt_play::SessionOptions{clock, "Pit", {}});
         Open(settings);
     }
     ~Player() {

@@ -415,7 +415,7 @@ TEST(ShowSession, ALostDeviceIsAwaitedByNameAndPlaysOnWithWhatSoundsStruckAgain)
     show->AddSong(song);
     show->AddSong(next);
     ShowSession session({{"Tied", song, ""}, {"Tied Again", next, ""}}, show,
-                        velt_play::SessionOptions{velt_play::ClockKind::precision, name});
+                        velt_play::SessionOptions{velt_play::ClockKind::precision, name, {}});
     while (session.Output().GetGuiDelay() > 0)
         session.DecreaseDisplayDelay();
 
@@ -454,7 +454,7 @@ TEST(ShowSession, ADeviceChosenInPlaceOfALostOneHasWhatSoundsStruck) {
     show->AddSong(song);
     ShowSession session(
         {{"Tied", song, ""}}, show,
-        velt_play::SessionOptions{velt_play::ClockKind::precision, "Session Lost Out"});
+        velt_play::SessionOptions{velt_play::ClockKind::precision, "Session Lost Out", {}});
     session.Play();
     device.reset();
     ASSERT_TRUE(Eventually([&] { return session.Status().deviceLost; }));

@@ -44,7 +44,7 @@ struct Fixture {
         sync = std::make_unique<velt_play::SyncOutputs>(*show, velt_play::ResolveSyncOptions(line));
         session = std::make_unique<velt_play::ShowSession>(
             std::vector<velt_play::SessionSong>{{song->GetSongName(), song, ""}}, show,
-            velt_play::SessionOptions{velt_play::ClockKind::precision, "Sync Music"});
+            velt_play::SessionOptions{velt_play::ClockKind::precision, "Sync Music", {}});
         session->SetTransportHooks(sync->Hooks());
     }
     ~Fixture() {
