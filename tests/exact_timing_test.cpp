@@ -23,6 +23,7 @@
 #include "midi/win32/midi_output_win32.h"
 #include "platform/virtual_midi.h"
 #include "tests/support/song_player.h"
+#include "tests/support/virtual_devices.h"
 #include "velt_core/song_builder.h"
 
 namespace {
@@ -190,7 +191,7 @@ class SentPackets {
     std::map<std::uint32_t, std::vector<StreamEvent>> byTick_;
 };
 
-TEST(ExactTimingPlayback, EachPeriodIsTimedWithItsOwnTempoAcrossATempoChangeAndATempoScale) {
+VIRTUAL_DEVICE_TEST(ExactTimingPlayback, EachPeriodIsTimedWithItsOwnTempoAcrossATempoChangeAndATempoScale) {
     constexpr std::uint32_t kTempoChange = 2 * kTicksPerQuarter;  // 120 -> 90
     constexpr std::uint32_t kScaleStart = 4 * kTicksPerQuarter;   // 90 x 1.5 until 6 quarters
     constexpr std::uint32_t kScaleEnd = 6 * kTicksPerQuarter;
@@ -241,7 +242,7 @@ TEST(ExactTimingPlayback, EachPeriodIsTimedWithItsOwnTempoAcrossATempoChangeAndA
     }
 }
 
-TEST(ExactTimingPlayback, AStopDropsTheRestOfThePacketAndTheResetsFollowNothingOfIt) {
+VIRTUAL_DEVICE_TEST(ExactTimingPlayback, AStopDropsTheRestOfThePacketAndTheResetsFollowNothingOfIt) {
     // 10 quarter notes a minute: a clock lasts 250 ms, a tick 12.5 ms.
     velt_core::SongBuilder builder("Slow", kTicksPerQuarter);
     builder.Tempo(0, 10).Meter(0, 4, 4).Bars(1);
