@@ -26,6 +26,7 @@
 #include "tests/manual_send_step.h"
 #include "tests/support/device_packets.h"
 #include "tests/support/virtual_devices.h"
+#include "tests/support/watchdog.h"
 
 namespace {
 
@@ -33,38 +34,6 @@ using namespace std::chrono_literals;
 using playback::AllNotesOffMessages;
 using playback::Message;
 using playback::Packets;
-
-// Ends the test program when the scope it guards has not been left within the limit: a
-// deadlocked thread cannot be joined, so failing the one test is not possible.
-class Watchdog {
-  public:
-    Watchdog(std::string what, std::chrono::seconds limit)
-        : thread_([this, what = std::move(what), limit] {
-              std::unique_lock lock(mutex_);
-              if (!done_condition_.wait_for(lock, limit, [this] { return done_; })) {
-                  std::fprintf(stderr, "DEADLOCK: %s did not finish within %lld s\n", what.c_str(),
-                               static_cast<long long>(limit.count()));
-                  std::fflush(stderr);
-                  std::_Exit(3);
-              }
-          }) {}
-    ~Watchdog() {
-        {
-            std::scoped_lock lock(mutex_);
-            done_ = true;
-        }
-        done_condition_.notify_all();
-        thread_.join();
-    }
-    Watchdog(const Watchdog&) = delete;
-    Watchdog& operator=(const Watchdog&) = delete;
-
-  private:
-    std::mutex mutex_;
-    std::condition_variable done_condition_;
-    bool done_ = false;
-    std::thread thread_;
-};
 
 constexpr unsigned int ticksPerPeriod = 10;
 constexpr std::uint8_t lastBufferKey = 127;
