@@ -36,22 +36,6 @@ class CountingPorts : public MidiOutputPorts {
     std::uint64_t events = 0;
 };
 
-class NullClock : public MidiClock {
-  public:
-    void SetTicksPerClock(unsigned int) override {}
-    void SetClocksPerClick(int, unsigned int) override {}
-    void SetClockTime(double, unsigned int) override {}
-    void SetTickIndex(unsigned int, int, unsigned int, int, double, unsigned int) override {}
-    void SetCaesura(unsigned int, double, int) override {}
-    void ArmPlayback(unsigned int, int, double, unsigned int, int) override {}
-    void DisarmPlayback() override {}
-    void ContinuousMode() override {}
-    void ConductBeat() override {}
-    void SetConductorClickTimerCallback(std::function<void(void*)>, void*) override {}
-    void SetDownbeatTimerCallback(std::function<void(void*)>, void*) override {}
-    bool GetPlaybackIsArmed() override { return true; }
-};
-
 class BenchOutput : public MidiOutput {
   public:
     using MidiOutput::MidiOutput;
@@ -72,7 +56,7 @@ struct Result {
 
 Result Run(std::function<void(MidiBuffer&)> fill, unsigned char portCount,
            std::uint64_t maximumPeriods) {
-    NullClock clock;
+    ManualClock clock;
     std::recursive_mutex clientMutex;
     BenchOutput output(
         std::move(fill), [](unsigned int) {}, [] {}, [] {}, [](unsigned int) { return false; },

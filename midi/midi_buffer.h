@@ -54,9 +54,14 @@ class MidiBuffer {
 
     /// Notifies the host of the program changes recorded since the last Reset
     /// (notify::names::currentProgramIds, payload: pointer to a ProgramChangeMap valid during the
-    /// call). Nothing is posted when there are none. Called by the output after sending; the
-    /// notification runs on the calling thread without the buffer lock held.
+    /// call). Nothing is posted when there are none. The notification runs on the calling thread
+    /// without the buffer lock held; a caller that holds the buffer's or the output's lock takes
+    /// the map with GetProgramChanges instead and posts it once it has let go of them.
     void SendProgramChanges();
+    /// The program changes recorded since the last Reset (a copy).
+    ProgramChangeMap GetProgramChanges();
+    /// Posts `programChanges` as SendProgramChanges does; nothing when the map is empty.
+    static void NotifyProgramChanges(ProgramChangeMap& programChanges);
 
     std::recursive_mutex& GetMutex() { return bufferMutex_; }
     unsigned char GetPortCount();

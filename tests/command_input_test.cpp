@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <filesystem>
@@ -13,6 +14,7 @@
 #include "apps/show_session.h"
 #include "midi_input_support.h"
 #include "platform/virtual_midi.h"
+#include "tests/support/watchdog.h"
 #include "velt_core/song_builder.h"
 
 namespace {
@@ -61,9 +63,17 @@ class Player {
     void Open(const std::filesystem::path& settings) {
         input.reset();
         input = std::make_unique<CommandInput>(settings.string(), [this] {
-            std::scoped_lock lock(mutex);
-            ++wakes;
-            woken.notify_all();
+            {
+                std::scoped_lock lock(mutex);
+                ++wakes;
+                woken.notify_all();
+            }
+            // A host may perform commands on the input's own thread instead of its main one.
+            if (performOnInputThread) {
+                auto lines = velt_play::PerformInputEvents(*session, *input, cues);
+                std::scoped_lock lock(mutex);
+                performedOnInput.insert(performedOnInput.end(), lines.begin(), lines.end());
+            }
         });
     }
 
@@ -88,6 +98,8 @@ class Player {
     std::condition_variable woken;
     int wakes = 0;
     int performed = 0;
+    std::atomic<bool> performOnInputThread{false};
+    std::vector<std::string> performedOnInput;  // guarded by mutex
 };
 
 class CommandInputTest : public ::testing::Test {
@@ -223,4 +235,89 @@ TEST_F(CommandInputTest, ShowControlGoRecallsTheCuesSongAndMarker) {
                                                  " line 1: give a cue number, a song number from "
                                                  "1 and optionally a marker");
     }
+}
+
+// Commands performed on the input's thread as they arrive, verbs from the main thread at the
+// same time, and sync hooks that take the host's lock (the output's client mutex) and read the
+// session from the clock thread and from inside the verbs: nothing may wait on itself or on
+// another thread that waits on it.
+TEST_F(CommandInputTest, CommandsOnTheInputThreadVerbsAndLockingHooksNeverDeadlock) {
+    Watchdog watchdog("commands, verbs and locking sync hooks", 120s);
+    Player player(folder_ / "midi_commands.dat");
+    player.input->Connect("Pads");
+    const std::vector<std::pair<std::string, std::uint8_t>> commands{
+        {"play", 60}, {"Stop", 62}, {"Next Marker", 64}, {"Previous Marker", 65}};
+    for (const auto& [name, note] : commands) {
+        player.input->Learn(velt_play::ResolveCommand(name));
+        ASSERT_TRUE(player.pads.SendShort(0x90, note, 100));
+        ASSERT_EQ(player.PerformNext().size(), 1u);
+    }
+
+    auto& session = *player.session;
+    std::atomic<int> periods{0};
+    std::atomic<int> reads{0};
+    auto readUnderHostLock = [&] {
+        std::scoped_lock client(*session.Output().GetClientMutex());
+        session.Status();
+        ++reads;
+    };
+    session.SetTransportHooks({
+        [&](const velt_midi::SongData&, std::uint32_t) { readUnderHostLock(); },
+        [&](std::uint32_t) { readUnderHostLock(); },
+        [&](std::uint32_t, double) {
+            std::scoped_lock client(*session.Output().GetClientMutex());
+            session.Output().GetTickIndex();
+            ++periods;
+        },
+        [&] { readUnderHostLock(); },
+    });
+    player.performOnInputThread = true;
+
+    constexpr int rounds = 60;
+    std::thread pads([&] {
+        for (int i = 0; i < rounds; ++i) {
+            const auto note = commands[static_cast<std::size_t>(i) % commands.size()].second;
+            player.pads.SendShort(0x90, note, 100);
+            std::this_thread::sleep_for(2ms);
+        }
+    });
+    for (int i = 0; i < rounds; ++i) {
+        switch (i % 4) {
+            case 0:
+                session.Play();
+                break;
+            case 1:
+                session.SeekToBar(1 + i % 12);
+                break;
+            case 2:
+                session.SetTempoScale(i % 8 == 2 ? 1.5 : 0.75);
+                break;
+            default:
+                session.Stop();
+                break;
+        }
+        std::this_thread::sleep_for(3ms);
+    }
+    pads.join();
+    // Every command was performed on the input thread, each with its line.
+    for (int i = 0; i < 200; ++i) {
+        {
+            std::scoped_lock lock(player.mutex);
+            if (player.performedOnInput.size() >= static_cast<std::size_t>(rounds))
+                break;
+        }
+        std::this_thread::sleep_for(10ms);
+    }
+    {
+        std::scoped_lock lock(player.mutex);
+        EXPECT_EQ(player.performedOnInput.size(), static_cast<std::size_t>(rounds));
+    }
+    EXPECT_GT(periods.load(), 0);
+    EXPECT_GT(reads.load(), 0);
+    // And the show still plays.
+    session.Stop();
+    player.pit.ClearMessages();
+    session.Play();
+    EXPECT_TRUE(player.pit.WaitForMessages(1, kHangLimit));
+    session.Stop();
 }

@@ -237,3 +237,31 @@ TEST_F(MidiCommandsTest, NameTablesPerEdition) {
     EXPECT_EQ(log.Count(notify::names::midiCommandPreviousPatch), 1u);
     EXPECT_EQ(log.Count(kPlay), 1u);
 }
+
+// A settings file cut short anywhere (a crash while saving, a full disk) is refused whole with
+// one warning: no command of it is half taken, and the object still learns.
+TEST_F(MidiCommandsTest, AFileCutShortAtAnyByteIsRefusedWholeWithAWarning) {
+    MidiMessageDispatcher dispatcher;
+    {
+        MidiCommands commands(dispatcher, path_.string());
+        commands.SetMidiCommand(2, 0x90, 0, 60);
+        commands.SetMidiCommand(5, 0xB0, 3, 64);
+        commands.SetMidiCommand(7, 0xC0, 15, 9);
+    }
+    const std::vector<std::uint8_t> whole = FileBytes();
+    ASSERT_GT(whole.size(), Header().size() + 3 * 4);
+    for (std::size_t size = 0; size < whole.size(); ++size) {
+        SCOPED_TRACE("cut to " + std::to_string(size) + " bytes");
+        WriteFile({whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(size)});
+        CapturedLog lines;
+        MidiCommands commands(dispatcher, path_.string());
+        ASSERT_EQ(lines.lines().size(), 1u);
+        EXPECT_TRUE(lines.lines()[0].starts_with("WARNING: ")) << lines.lines()[0];
+        EXPECT_TRUE(commands.GetLearnedCommands().empty());
+        commands.SetMidiCommand(4, 0x90, 1, 62);
+        EXPECT_EQ(commands.GetLearnedCommands().size(), 1u);
+    }
+    WriteFile(whole);
+    MidiCommands commands(dispatcher, path_.string());
+    EXPECT_EQ(commands.GetLearnedCommands().size(), 3u);
+}

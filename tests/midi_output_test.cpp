@@ -65,24 +65,6 @@ class RecordingPorts : public MidiOutputPorts {
     std::vector<std::string> registered_;
 };
 
-// Only disarming matters to the output; the rest of the clock is not driven here.
-class FakeClock : public MidiClock {
-  public:
-    void SetTicksPerClock(unsigned int) override {}
-    void SetClocksPerClick(int, unsigned int) override {}
-    void SetClockTime(double, unsigned int) override {}
-    void SetTickIndex(unsigned int, int, unsigned int, int, double, unsigned int) override {}
-    void SetCaesura(unsigned int, double, int) override {}
-    void ArmPlayback(unsigned int, int, double, unsigned int, int) override {}
-    void DisarmPlayback() override { ++disarms; }
-    void ContinuousMode() override {}
-    void ConductBeat() override {}
-    void SetConductorClickTimerCallback(std::function<void(void*)>, void*) override {}
-    void SetDownbeatTimerCallback(std::function<void(void*)>, void*) override {}
-    bool GetPlaybackIsArmed() override { return false; }
-    std::atomic<int> disarms{0};
-};
-
 class TestOutput : public MidiOutput {
   public:
     using MidiOutput::MidiOutput;
@@ -155,7 +137,7 @@ struct Host {
     }
 };
 
-std::unique_ptr<TestOutput> MakeOutput(Host& host, FakeClock& clock, unsigned char ports = 1) {
+std::unique_ptr<TestOutput> MakeOutput(Host& host, ManualClock& clock, unsigned char ports = 1) {
     auto output = std::make_unique<TestOutput>(
         [&host](MidiBuffer& b) { host.Fill(b); }, [](unsigned int) {}, [&host] { host.Stopped(); },
         [] {}, [](unsigned int) { return false; }, clock, &host.clientMutex);
@@ -190,7 +172,7 @@ std::vector<unsigned int> Range(unsigned int from, unsigned int to) {
 
 TEST(MidiOutput, InitializeBuildsTheRingAndThePreparedPanicBuffers) {
     Host host;
-    FakeClock clock;
+    ManualClock clock;
     auto output = MakeOutput(host, clock, 2);
     EXPECT_EQ(output->ports.Registered(),
               (std::vector<std::string>{"Main Buffer 0", "Main Buffer 1", "Main Buffer 2",
@@ -211,7 +193,7 @@ TEST(MidiOutput, InitializeBuildsTheRingAndThePreparedPanicBuffers) {
 
 TEST(MidiOutput, ArmingNeedsPrimingAndPrimingFillsFourBuffersFirstOneFlagged) {
     Host host;
-    FakeClock clock;
+    ManualClock clock;
     auto output = MakeOutput(host, clock);
     EXPECT_FALSE(output->ArmPlayback());
     Prime(*output);
@@ -244,7 +226,7 @@ TEST(MidiOutput, ArmingNeedsPrimingAndPrimingFillsFourBuffersFirstOneFlagged) {
 
 TEST(MidiOutput, PrimingWithALockThatDoesNotHoldTheOutputMutexFails) {
     Host host;
-    FakeClock clock;
+    ManualClock clock;
     auto output = MakeOutput(host, clock);
     std::unique_lock lock(output->GetMutex(), std::defer_lock);
     EXPECT_THROW(output->PrimeBuffers(lock), std::system_error);
@@ -252,7 +234,7 @@ TEST(MidiOutput, PrimingWithALockThatDoesNotHoldTheOutputMutexFails) {
 
 TEST(MidiOutput, EveryFilledPeriodIsSentExactlyOnceAndInOrder) {
     Host host;
-    FakeClock clock;
+    ManualClock clock;
     auto output = MakeOutput(host, clock);
     Prime(*output);
     ASSERT_TRUE(output->ArmPlayback());
@@ -273,7 +255,7 @@ TEST(MidiOutput, EveryFilledPeriodIsSentExactlyOnceAndInOrder) {
 
 TEST(MidiOutput, DisarmStopsSendingAndFillingAndRePrimingContinuesFromTheSeek) {
     Host host;
-    FakeClock clock;
+    ManualClock clock;
     auto output = MakeOutput(host, clock);
     std::atomic<int> disarmedNotifications{0};
     notify::callbackDispatcher.AddCallback(notify::names::disarmedPlayback, &disarmedNotifications,
@@ -308,7 +290,7 @@ TEST(MidiOutput, DisarmStopsSendingAndFillingAndRePrimingContinuesFromTheSeek) {
 TEST(MidiOutput, ALastBufferSilencesDisarmsAndReportsStoppedOnTheAsyncThread) {
     Host host;
     host.lastPeriod = 6;
-    FakeClock clock;
+    ManualClock clock;
     auto output = MakeOutput(host, clock);
     Prime(*output);
     ASSERT_TRUE(output->ArmPlayback());
@@ -332,7 +314,7 @@ TEST(MidiOutput, ALastBufferSilencesDisarmsAndReportsStoppedOnTheAsyncThread) {
 
 TEST(MidiOutput, StopSignalsGivenWhileTheStoppedCallbackRunsAreAllDelivered) {
     Host host;
-    FakeClock clock;
+    ManualClock clock;
     auto output = MakeOutput(host, clock);
     for (int i = 0; i < 5; ++i)
         output->SignalAsyncStoppedCallback();
@@ -344,7 +326,7 @@ TEST(MidiOutput, HostCallbacksThatThrowAreLoggedAndTheirThreadsGoOn) {
     Host host;
     host.failingPeriod = 5;
     host.failNextStop = true;
-    FakeClock clock;
+    ManualClock clock;
     auto output = MakeOutput(host, clock);
     Prime(*output);
     ASSERT_TRUE(output->ArmPlayback());
@@ -372,7 +354,7 @@ TEST(MidiOutput, HostCallbacksThatThrowAreLoggedAndTheirThreadsGoOn) {
 
 TEST(MidiOutput, InjectedAndSetTrackMessagesLeaveInOneShotPackets) {
     Host host;
-    FakeClock clock;
+    ManualClock clock;
     auto output = MakeOutput(host, clock, 4);
     output->SendAllNotesOff(0x23);
     auto sent = output->ports.Sent();
@@ -416,7 +398,7 @@ TEST(MidiOutput, InjectedAndSetTrackMessagesLeaveInOneShotPackets) {
 
 TEST(MidiOutput, IndicesWrapAndTimeCodeFailuresAreLoggedNotThrown) {
     Host host;
-    FakeClock clock;
+    ManualClock clock;
     auto output = MakeOutput(host, clock);
     for (int i = 0; i < 3; ++i)
         output->IncrementFillBufferIndex();
@@ -441,7 +423,7 @@ TEST(MidiOutput, ManyShortRunsShutDownCleanlyWhateverStateTheThreadsAreIn) {
     for (int run = 0; run < 60; ++run) {
         Host host;
         host.lastPeriod = (run % 3 == 0) ? 3 + run % 5 : 1'000'000;
-        FakeClock clock;
+        ManualClock clock;
         auto output = MakeOutput(host, clock);
         Prime(*output);
         ASSERT_TRUE(output->ArmPlayback());

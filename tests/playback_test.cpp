@@ -29,6 +29,7 @@
 #include "midi/win32/midi_output_win32.h"
 #include "midi/win32/standard_midi_clock_impl.h"
 #include "platform/virtual_midi.h"
+#include "tests/support/device_packets.h"
 #include "tests/support/song_player.h"
 #include "velt_core/show_loader.h"
 #include "velt_core/song_builder.h"
@@ -36,9 +37,11 @@
 namespace {
 
 using namespace std::chrono_literals;
+using playback::AllNotesOffMessages;
 using playback::FilledPeriod;
 using playback::Message;
 using playback::MessageOfWord;
+using playback::Packets;
 using Host = playback::SongPlayer<StandardMidiClockImpl>;
 
 // The first song of the example show, with its tempi ten times as fast so that it plays in a
@@ -52,22 +55,6 @@ velt_midi::SongData FastLanterns() {
     return song;
 }
 
-// What the device received, one list of messages per stream packet, in packet order.
-std::vector<std::vector<Message>> Packets(const velt_platform::MidiOutputRecorder& device) {
-    std::vector<std::vector<Message>> packets;
-    std::uint64_t current = std::numeric_limits<std::uint64_t>::max();
-    for (const auto& message : device.Messages()) {
-        if (!message.packet)
-            continue;
-        if (*message.packet != current) {
-            current = *message.packet;
-            packets.emplace_back();
-        }
-        packets.back().push_back(message.bytes);
-    }
-    return packets;
-}
-
 // The packets a run of filled periods becomes: one per period that has events.
 std::vector<std::vector<Message>> ExpectedPackets(const std::vector<FilledPeriod>& periods,
                                                   std::uint32_t upToTick) {
@@ -78,15 +65,6 @@ std::vector<std::vector<Message>> ExpectedPackets(const std::vector<FilledPeriod
         }
     }
     return packets;
-}
-
-std::vector<Message> AllNotesOffMessages() {
-    std::vector<Message> messages;
-    for (std::uint8_t channel = 0; channel < 16; ++channel) {
-        messages.push_back({static_cast<std::uint8_t>(0xB0 | channel), 123, 0});
-        messages.push_back({static_cast<std::uint8_t>(0xB0 | channel), 121, 0});
-    }
-    return messages;
 }
 
 // The notes an instrument holds after the messages (channel << 8 | note).

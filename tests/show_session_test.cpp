@@ -7,7 +7,9 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
+#include <functional>
 #include <map>
+#include <mutex>
 #include <optional>
 #include <set>
 #include <thread>
@@ -465,4 +467,64 @@ TEST(ShowSession, ADeviceChosenInPlaceOfALostOneHasWhatSoundsStruck) {
     const auto heard = Heard(spare);
     EXPECT_EQ(Unanswered(heard), 0);
     EXPECT_TRUE(Sounding(BeforeFinalResets(heard)).empty());
+}
+
+// Faults of the device and of the clock thread: the song is still heard whole and nothing is left
+// sounding.
+TEST(ShowSession, ADeviceThatAnswersLateAndAStalledClockStillPlayTheSongWhole) {
+    auto song = TestSong();
+    const auto straight = [&] {
+        Fixture f(song);
+        f.session->Play();
+        EXPECT_TRUE(f.session->WaitUntilNotPlaying(20s));
+        return NoteOns(f.Heard());
+    }();
+    ASSERT_FALSE(straight.empty());
+
+    struct Fault {
+        const char* what;
+        std::function<void(Fixture&)> plant;
+    };
+    const std::vector<Fault> faults{
+        {"a device that hands packets back later than a clock period for a bar",
+         [](Fixture& f) {
+             // From bar 3 to bar 4: long enough for the clock to fall behind its grid.
+             f.session->SetTransportHooks({{},
+                                           {},
+                                           [&device = f.device](std::uint32_t tick, double) {
+                                               if (tick == 2 * bar)
+                                                   device.SetCompletionDelay(10ms);
+                                               else if (tick == 3 * bar)
+                                                   device.SetCompletionDelay(0ms);
+                                           },
+                                           {}});
+         }},
+        {"a clock thread stalled for a tenth of a second in bar 3",
+         [](Fixture& f) {
+             f.session->SetTransportHooks({{},
+                                           {},
+                                           [stalled = false](std::uint32_t tick, double) mutable {
+                                               if (!stalled && tick >= 2 * bar) {
+                                                   stalled = true;
+                                                   std::this_thread::sleep_for(100ms);
+                                               }
+                                           },
+                                           {}});
+         }},
+    };
+    for (const auto& fault : faults) {
+        SCOPED_TRACE(fault.what);
+        std::vector<Message> heard;
+        {
+            Fixture f(song);
+            fault.plant(f);
+            f.session->Play();
+            ASSERT_TRUE(f.session->WaitUntilNotPlaying(60s));
+            EXPECT_EQ(f.session->Status().state, PlayState::ended);
+            heard = f.Heard();
+        }
+        EXPECT_EQ(NoteOns(heard), straight);
+        EXPECT_TRUE(Sounding(BeforeFinalResets(heard)).empty());
+        EXPECT_EQ(Unanswered(heard), 0);
+    }
 }

@@ -102,14 +102,18 @@ TEST(TimeCodeSettings, DamagedFilesLeaveTheDefaultsAndAreLogged) {
         Bytes bytes;
         std::string logged;
     };
-    const std::vector<Case> cases{
+    std::vector<Case> cases{
         {"tag differs in its last character", wrongTag, "Unrecognized command settings file."},
-        {"one byte short", shortFile, ""},
         {"unknown rate", SettingsBytes(0, 1, 7, 4), "Unsupported frame rate"},
-        {"empty", {}, ""},
     };
+    // Cut short at any byte (a crash while saving, a full disk): no port or rate of it is taken.
+    for (std::size_t size = 0; size < shortFile.size() + 1; ++size) {
+        cases.push_back({"cut short",
+                         Bytes(shortFile.begin(), shortFile.begin() + static_cast<long>(size)),
+                         ""});
+    }
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.what);
+        SCOPED_TRACE(std::string(c.what) + ", " + std::to_string(c.bytes.size()) + " bytes");
         WriteAll(folder.File(), c.bytes);
         CapturedLog log;
         MidiTimeCodeController controller(folder.File());

@@ -81,13 +81,16 @@ void MidiBuffer::FilterProgramChange(unsigned char port, const velt_midi::VoiceE
 }
 
 void MidiBuffer::SendProgramChanges() {
-    // The host's callbacks run on this thread; they get a copy so that the buffer lock is not
-    // held while they run.
-    ProgramChangeMap programChanges;
-    {
-        std::scoped_lock lock(bufferMutex_);
-        programChanges = programChanges_;
-    }
+    ProgramChangeMap programChanges = GetProgramChanges();
+    NotifyProgramChanges(programChanges);
+}
+
+MidiBuffer::ProgramChangeMap MidiBuffer::GetProgramChanges() {
+    std::scoped_lock lock(bufferMutex_);
+    return programChanges_;
+}
+
+void MidiBuffer::NotifyProgramChanges(ProgramChangeMap& programChanges) {
     if (!programChanges.empty()) {
         notify::callbackDispatcher.Notify(notify::names::currentProgramIds, &programChanges);
     }

@@ -246,7 +246,9 @@ void MidiOutputWin32::ProcessMidiClock(double bpm) {
                                   << "MidiOutputWin32::ProcessMidiClock" << kit::endl;
             }
         });
-        buffer->SendProgramChanges();
+        // The host hears of the program changes only once the output's locks are let go: its
+        // callback may wait for a thread that needs the output.
+        MidiBuffer::ProgramChangeMap programChanges = buffer->GetProgramChanges();
         const unsigned int tick = buffer->GetTickIndex();
         SetBpmAtTickIndex(bpm, tick);
         if (startsTick) {
@@ -256,6 +258,7 @@ void MidiOutputWin32::ProcessMidiClock(double bpm) {
         IncrementPlayBufferIndex();
         bufferLock.unlock();
         outputLock.unlock();
+        MidiBuffer::NotifyProgramChanges(programChanges);
         PostDeviceLost_();
 
         if (DoCheckCaesuraCallback(tick)) {
