@@ -779,11 +779,7 @@ void ShowSession::SetTrackTrim(unsigned short trackId, unsigned char trim) {
 
 void ShowSession::ChooseDevice(const std::string& deviceName) {
     std::scoped_lock transport(transportMutex_);
-    if (output_->GetSynthIsLost()) {
-        ReplaceLostDevice_(deviceName);
-    } else {
-        output_->CreateSynthOutput(deviceName);
-    }
+    ChangeDevice_(deviceName);
     deviceWatch_->Cancel();  // the performer's choice replaces the device awaited
     Publish_();
 }
@@ -795,7 +791,7 @@ bool ShowSession::ReopenDevice_(const std::string& deviceName) {
         return true;  // another device was chosen meanwhile: nothing to wait for
     }
     try {
-        ReplaceLostDevice_(deviceName);
+        ChangeDevice_(deviceName);
     } catch (const MidiDeviceUnavailable& error) {
         // Listed but not open yet (a device still coming up, or held by another program): the
         // watch tries again, without a line each time.
@@ -813,13 +809,16 @@ bool ShowSession::ReopenDevice_(const std::string& deviceName) {
     return true;
 }
 
-// A device opened in place of a lost one holds nothing: no note, no controller, not even its
-// program. Playing, the run is halted and started again at the same place, so that its first
-// period strikes everything that sounds there; otherwise the next start does. The device changes
-// between the halt and the start, so that no period goes to either device while what the device
-// holds is forgotten. When the device cannot be opened (MidiDeviceUnavailable) the run goes on as
+// A device newly opened holds nothing: no note, no controller, not even its program. Playing, the
+// run is halted and started again at the same place, so that its first period strikes everything
+// that sounds there; otherwise the next start does. The device changes between the halt and the
+// start, so that no period goes to either device while what the device holds is forgotten; the
+// device left is stopped as it is disconnected, which silences what it held. The halt is also
+// what lets a switch away from a device that never hands packets back through: the send step
+// holds the client mutex for seconds on such a device and only a disarmed clock stops asking
+// for the next one. When the device cannot be opened (MidiDeviceUnavailable) the run goes on as
 // it was.
-void ShowSession::ReplaceLostDevice_(const std::string& deviceName) {
+void ShowSession::ChangeDevice_(const std::string& deviceName) {
     const bool playing = State_() == PlayState::playing;
     if (playing) {
         Halt_(PlayState::playing);

@@ -185,8 +185,9 @@ class ShowSession {
     /// Throws MidiDeviceUnavailable. A device that goes away is awaited by its name, never
     /// replaced by whatever is listed first: when it is listed again the session opens it and
     /// plays on there, with what sounds at that point struck again (the status shows
-    /// deviceLost meanwhile). Choosing a device ends that wait; chosen in place of a lost one,
-    /// it too has what sounds struck.
+    /// deviceLost meanwhile). Choosing a device ends that wait. A device chosen while playing
+    /// has what sounds struck, whether the one it replaces was lost, answering or stuck: the
+    /// run stops (which waits for no more than the send step under way) and starts again there.
     void ChooseDevice(const std::string& deviceName);
     void IncreaseDisplayDelay();
     void DecreaseDisplayDelay();
@@ -241,7 +242,7 @@ class ShowSession {
     void SetState_(PlayState state);
     void Publish_();
     bool ReopenDevice_(const std::string& deviceName);
-    void ReplaceLostDevice_(const std::string& deviceName);
+    void ChangeDevice_(const std::string& deviceName);
     const velt_midi::SongData& Song_() const;
 
     std::vector<SessionSong> songs_;

@@ -179,7 +179,7 @@ class Soak {
         devices_.push_back(std::make_unique<Device>("Soak B"));
         session_ = std::make_unique<velt_play::ShowSession>(
             std::move(sessionSongs), show,
-            velt_play::SessionOptions{velt_play::ClockKind::precision, "Soak A"});
+            velt_play::SessionOptions{velt_play::ClockKind::precision, "Soak A", {}});
     }
 
     int Run() {

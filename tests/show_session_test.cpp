@@ -18,6 +18,8 @@
 #include "apps/show_session.h"
 #include "midi/velt_midi_error.h"
 #include "platform/virtual_midi.h"
+#include "tests/captured_log.h"
+#include "tests/support/watchdog.h"
 #include "velt_core/song_builder.h"
 
 namespace {
@@ -526,5 +528,56 @@ TEST(ShowSession, ADeviceThatAnswersLateAndAStalledClockStillPlayTheSongWhole) {
         EXPECT_EQ(NoteOns(heard), straight);
         EXPECT_TRUE(Sounding(BeforeFinalResets(heard)).empty());
         EXPECT_EQ(Unanswered(heard), 0);
+    }
+}
+
+// A device that takes packets and never hands one back: each send step waits out its limit on
+// the packets while the clock, ever further behind, asks for the next step at once. The log says
+// what became of the packets, the display is not held up, and the performer can still stop, or
+// move the show to another device where it plays on to its end.
+TEST(ShowSession, ADeviceThatNeverAnswersIsReportedAndCanBeStoppedOrLeft) {
+    for (const auto clock : {velt_play::ClockKind::precision, velt_play::ClockKind::standard}) {
+        for (const bool leave : {false, true}) {
+            SCOPED_TRACE(std::string(clock == velt_play::ClockKind::precision ? "exact timing"
+                                                                              : "clock timing") +
+                         (leave ? ", moved to a spare device" : ", stopped"));
+            CapturedLog log;
+            velt_platform::VirtualMidiOutput spare{"Session Spare Out"};
+            {
+                Fixture f(TestSong(false, 480), clock);
+                f.session->Play();
+                WaitForBar(*f.session, 2);
+                f.device.LoseNextCompletions(1'000'000);
+                // Long enough for a packet to be given up on and the clock to fall behind.
+                std::this_thread::sleep_for(4s);
+                const auto asked = std::chrono::steady_clock::now();
+                {
+                    Watchdog watchdog("a status of a show whose device never answers", 60s);
+                    EXPECT_EQ(f.session->Status().device, "Session Test Out");
+                }
+                EXPECT_LT(std::chrono::steady_clock::now() - asked, 1s);
+                {
+                    Watchdog watchdog("leaving a device that never answers", 60s);
+                    leave ? f.session->ChooseDevice("Session Spare Out") : f.session->Stop();
+                }
+                // Packets already handed over still get their 3 s each: the step under way's, the
+                // one the refill waits for, the stop's own note-offs. No later step adds to it.
+                EXPECT_LT(std::chrono::steady_clock::now() - asked, 13s);
+                if (leave) {
+                    ASSERT_TRUE(f.session->WaitUntilNotPlaying(60s));
+                    EXPECT_EQ(f.session->Status().state, PlayState::ended);
+                    const auto heard = Heard(spare);
+                    EXPECT_GT(NoteOns(heard).size(), 20u);
+                    EXPECT_TRUE(Sounding(heard).empty());
+                } else {
+                    EXPECT_EQ(f.session->Status().state, PlayState::stopped);
+                }
+            }
+            const auto& lines = log.lines();
+            EXPECT_TRUE(std::any_of(lines.begin(), lines.end(), [](const std::string& line) {
+                return line.find("midiStreamOutDone_ timed out without receiving a mom done "
+                                 "message.") != std::string::npos;
+            }));
+        }
     }
 }

@@ -52,6 +52,8 @@ class MidiBufferWin32 : public MidiBuffer {
     /// Appends a callback event (MEVT_F_CALLBACK | MEVT_NOP) to port 0's packet: the stream
     /// service reports the position when it reaches it.
     void AddPositionCallback();
+    /// Prepares every port's packet with the handle; a packet still in use (with a device that
+    /// never handed it back) is quarantined instead and a fresh one prepared in its place.
     void PrepareHeaders(HMIDIOUT handle);
     void UnprepareHeaders(HMIDIOUT handle);
     /// Withdraws the port's packet (kept alive, still prepared and in use, so the service may

@@ -56,11 +56,14 @@ class MidiOutputPortsWin32 : public MidiOutputPorts {
     /// Keeps the buffer (a MidiBufferWin32) alive and prepares it at the next connect.
     void RegisterMidiBuffer(std::shared_ptr<MidiBuffer> buffer) override;
 
-    /// Points every port at the device, prepares every registered buffer's headers with its
-    /// handle, then starts the stream.
+    /// Prepares every registered buffer's headers with the device's handle (a packet the
+    /// previous device still holds is quarantined and a fresh one takes its place), starts the
+    /// stream, then points every port at the device. When preparing or starting fails the ports
+    /// and headers stay with the device they had, and the failure is rethrown.
     void ConnectSynth(WinSynth& synth);
     /// Stops the stream, unprepares every registered buffer's headers and cleans up their
-    /// quarantined packets, warning about any that remain.
+    /// quarantined packets, warning about any that remain. Ports that point at the device send
+    /// nothing afterwards.
     void DisconnectSynth(WinSynth& synth);
     void CleanUpQuarantinedDataBuffers(HMIDIOUT handle);
 
@@ -71,6 +74,9 @@ class MidiOutputPortsWin32 : public MidiOutputPorts {
     std::vector<std::shared_ptr<MidiBufferWin32>> RegisteredBuffers_();
 
     std::mutex mutex_;
+    // The device the ports point at; connects and disconnects come from one thread at a time
+    // (the output's, under its client mutex).
+    WinSynth* connected_ = nullptr;
     std::vector<std::shared_ptr<MidiOutputPortWin32>> ports_;
     std::vector<std::shared_ptr<MidiBuffer>> registeredBuffers_;
 };

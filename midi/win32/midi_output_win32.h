@@ -18,7 +18,8 @@
 /// callback at construction); the client's thread creates the device, disarms, resets and
 /// changes the display delay. Locks, in order: the client mutex (the whole send step, and every
 /// change of device), then the output mutex together with the play buffer's mutex; the
-/// DelayedGui's state mutex is taken after the output mutex. No host callback runs while the
+/// DelayedGui's state mutex is taken after the output mutex; the device mutex (only around
+/// replacing the device and reading its name and state) is taken last and never waits for a step. No host callback runs while the
 /// output mutex or a buffer's mutex is held: the period's program changes are posted
 /// (notify::names::currentProgramIds) once both are released, under the client mutex only.
 ///
@@ -66,16 +67,20 @@ class MidiOutputWin32 : public MidiOutput {
     /// The same for the output device listed now under the product name `deviceName`. Throws
     /// MidiDeviceUnavailable when none is listed or it cannot be opened.
     void CreateSynthOutput(const std::string& deviceName);
-    /// The product name of the connected device ("" before one is connected).
+    /// The product name of the connected device ("" before one is connected). Never waits for a
+    /// send step.
     std::string GetSynthDeviceName();
-    /// Whether the connected device went away (see the class comment).
+    /// Whether the connected device went away (see the class comment). Never waits for a send
+    /// step.
     bool GetSynthIsLost();
     /// Sends of the send step that failed or were skipped for a lost device, since construction.
     std::uint64_t GetDroppedSendCount() const { return droppedSends_.load(); }
     void CreateAudioUnitOutput(const velt_midi::VoiceData&) override {}
     void CreateKeysOutput() override {}
     /// Disarms, then (exact timing) drops what the device still has queued, cleans up
-    /// quarantined packets and drops pending display callbacks.
+    /// quarantined packets and drops pending display callbacks. The clock is disarmed before the
+    /// client mutex is awaited, so at most the send step already under way runs after the call
+    /// begins.
     void DisarmPlayback() override;
     /// Switches between exact timing (true) and clock timing; see the class comment. Takes the
     /// client mutex, so it never changes in the middle of a send step.
@@ -112,6 +117,9 @@ class MidiOutputWin32 : public MidiOutput {
     std::string GetConnectedName_() const;
 
     MidiOutputPortsWin32 ports_;
+    // The device. Changed under the client mutex and the device mutex together, so the send step
+    // reads it under the client mutex and the name and lost queries under the device mutex alone.
+    mutable std::mutex deviceMutex_;
     std::unique_ptr<WinSynth> synth_;
     WinSynth* connectedSynth_ = nullptr;
     DelayedGui delayedGui_;

@@ -87,8 +87,14 @@ void MidiBufferWin32::AddPositionCallback() {
 
 void MidiBufferWin32::PrepareHeaders(HMIDIOUT handle) {
     std::scoped_lock lock(GetMutex());
-    for (auto& dataBuffer : dataBuffers_) {
-        dataBuffer->PrepareHeader(handle);
+    for (unsigned char port = 0; port < dataBuffers_.size(); ++port) {
+        if (dataBuffers_[port]->GetInUse()) {
+            // Still with a device that never handed it back: it cannot be prepared again while
+            // the service may read it, so it waits in quarantine and a fresh one is prepared.
+            QuarantineDataBuffer(port, handle);
+        } else {
+            dataBuffers_[port]->PrepareHeader(handle);
+        }
     }
 }
 

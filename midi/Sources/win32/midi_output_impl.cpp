@@ -95,21 +95,26 @@ void MidiOutputWin32::ConnectSynth_(UINT deviceId) {
     if (connectedSynth_ != nullptr) {
         ports_.DisconnectSynth(*connectedSynth_);
     }
-    synth_ = std::move(synth);
-    connectedSynth_ = synth_.get();
-    connectedSynth_->SetExactTiming(exactTiming_.load());
+    synth->SetExactTiming(exactTiming_.load());
+    {
+        std::scoped_lock device(deviceMutex_);
+        synth_ = std::move(synth);
+        connectedSynth_ = synth_.get();
+    }
     failureReported_ = false;
     lossReported_ = false;
     lossToPost_ = false;
 }
 
+// Read without the client mutex: a send step may hold that for seconds when the device does not
+// hand packets back, and the performer's display must not wait for it.
 std::string MidiOutputWin32::GetSynthDeviceName() {
-    std::scoped_lock client(*GetClientMutex());
+    std::scoped_lock device(deviceMutex_);
     return GetConnectedName_();
 }
 
 bool MidiOutputWin32::GetSynthIsLost() {
-    std::scoped_lock client(*GetClientMutex());
+    std::scoped_lock device(deviceMutex_);
     return connectedSynth_ != nullptr && connectedSynth_->GetIsLost();
 }
 
@@ -163,6 +168,11 @@ void MidiOutputWin32::DisarmPlayback() {
 
 void MidiOutputWin32::DisarmPlayback_(bool flush) {
     if (flush) {
+        // The clock is told first, without the client mutex: it then asks for no further step,
+        // so the wait below ends with the step under way. Without this a device that keeps each
+        // step waiting for its packets leaves the clock behind, calling the next step the moment
+        // the last lets go, and the client never gets the mutex.
+        GetClock().DisarmPlayback();
         // Dropped first, under the client mutex so that no send step queues more meanwhile: the
         // queue thread, which the disarm waits for, may itself be waiting for a packet to come
         // back before it refills it.

@@ -66,18 +66,42 @@ std::vector<std::shared_ptr<MidiBufferWin32>> MidiOutputPortsWin32::RegisteredBu
 }
 
 void MidiOutputPortsWin32::ConnectSynth(WinSynth& synth) {
+    // The ports are pointed at the device only once it is ready: a device that fails here is
+    // destroyed by its caller, and a port left pointing at it would send into freed memory.
+    try {
+        for (auto& buffer : RegisteredBuffers_()) {
+            buffer->PrepareHeaders(synth.GetOutputHandle());
+        }
+        synth.Restart();
+    } catch (...) {
+        // The ports stay with the device they had; so must the headers.
+        if (connected_ != nullptr) {
+            try {
+                for (auto& buffer : RegisteredBuffers_()) {
+                    buffer->PrepareHeaders(connected_->GetOutputHandle());
+                }
+            } catch (const std::exception& error) {
+                kit::CoutBuffer() << "WARNING: the headers could not go back to the device in use: "
+                                  << error.what() << kit::endl;
+            }
+        }
+        throw;
+    }
     for (auto& port : ports_) {
         port->SetMidiOutputCallback([&synth](MidiBufferWin32* buffer, unsigned char index) {
             synth.SendPort(buffer, index);
         });
     }
-    for (auto& buffer : RegisteredBuffers_()) {
-        buffer->PrepareHeaders(synth.GetOutputHandle());
-    }
-    synth.Restart();
+    connected_ = &synth;
 }
 
 void MidiOutputPortsWin32::DisconnectSynth(WinSynth& synth) {
+    if (connected_ == &synth) {
+        connected_ = nullptr;
+        for (auto& port : ports_) {
+            port->SetMidiOutputCallback({});
+        }
+    }
     synth.Stop();
     for (auto& buffer : RegisteredBuffers_()) {
         buffer->UnprepareHeaders(synth.GetOutputHandle());
