@@ -468,11 +468,14 @@ void ShowSession::ReleaseSoundingNotes_(bool resets) {
     std::vector<velt_midi::VoiceEvent> offs;
     {
         std::scoped_lock lock(sentMutex_);
-        for (const NoteKey key : sounding_) {
+        for (const auto& [key, voices] : sounding_) {
             const auto port = static_cast<std::uint16_t>(key >> 16);
             const auto status = static_cast<std::uint8_t>(0x80 | ((key >> 8) & 0x0F));
-            offs.emplace_back(0, status, static_cast<std::uint16_t>(port << 4),
-                              static_cast<std::uint8_t>(key & 0x7F), 0);
+            // One note-off per voice: a synth that gives each note-on a voice of its own keeps
+            // the rest sounding.
+            offs.insert(offs.end(), static_cast<std::size_t>(voices),
+                        velt_midi::VoiceEvent(0, status, static_cast<std::uint16_t>(port << 4),
+                                              static_cast<std::uint8_t>(key & 0x7F), 0));
         }
         sounding_.clear();
     }
@@ -500,9 +503,6 @@ void ShowSession::Fill_(MidiBuffer& buffer) {
     const auto [now, before] = position_->GetTranspositionPair();
     const auto transposition = static_cast<signed char>(now);
     const std::uint32_t periodEnd = tick + ticksPerClock_;
-    if (std::exchange(releaseMutedNotes_, false)) {
-        WriteMutedNoteOffs_(tick, buffer);
-    }
     switch (std::exchange(firstFill_, FirstFill::none)) {
         case FirstFill::strike:
             stream_->EnqueueAttacca(periodEnd, transposition, buffer);
@@ -528,40 +528,12 @@ void ShowSession::Fill_(MidiBuffer& buffer) {
 }
 
 void ShowSession::ApplyNoteChanges_(const std::vector<std::pair<NoteKey, NoteChange>>& changes,
-                                    std::set<NoteKey>& notes) {
+                                    std::map<NoteKey, int>& voices) {
     for (const auto& [key, change] : changes) {
         if (change == NoteChange::on) {
-            notes.insert(key);
-        } else if (change == NoteChange::off) {
-            notes.erase(key);
-        } else {
-            std::erase_if(notes, [key](NoteKey note) { return (note & ~0xFFu) == key; });
-        }
-    }
-}
-
-// A mute makes the stream send controller 123 on the muted tracks' channels, which some synths
-// ignore: first each note those channels will hold once the periods filled so far are sent gets
-// its own note-off. Called by the fill with the position mutex held.
-void ShowSession::WriteMutedNoteOffs_(std::uint32_t tick, MidiBuffer& buffer) {
-    std::set<NoteKey> held;
-    {
-        std::scoped_lock lock(sentMutex_);
-        held = sounding_;
-        for (auto filled = filledNotes_.begin();
-             filled != filledNotes_.end() && filled->first < tick; ++filled) {
-            ApplyNoteChanges_(filled->second, held);
-        }
-    }
-    const std::set<unsigned short> muted = streams_->GetMutedTracks();
-    std::scoped_lock bufferLock(buffer.GetMutex());
-    for (const NoteKey note : held) {
-        const auto trackId = static_cast<std::uint16_t>(((note >> 16) << 4) | ((note >> 8) & 0x0F));
-        if (muted.contains(trackId)) {
-            buffer.AddEventToBuffer(
-                static_cast<unsigned char>(note >> 16),
-                velt_midi::VoiceEvent(tick, 0x80, trackId, static_cast<std::uint8_t>(note & 0x7F),
-                                      0));
+            ++voices[key];
+        } else if (const auto held = voices.find(key); held != voices.end() && --held->second == 0) {
+            voices.erase(held);
         }
     }
 }
@@ -583,8 +555,6 @@ void ShowSession::RecordFilledNotes_(std::uint32_t tick, MidiBuffer& buffer) {
                 notes.emplace_back(channel | data1, NoteChange::on);
             } else if (kind == 0x80 || kind == 0x90) {
                 notes.emplace_back(channel | data1, NoteChange::off);
-            } else if (kind == 0xB0 && data1 == 123) {
-                notes.emplace_back(channel, NoteChange::channelOff);
             }
         }
     }
@@ -742,7 +712,6 @@ void ShowSession::MuteTrack(unsigned short trackId) {
     ChangeStreams_([&] {
         streams_->MuteTrack(trackId);
         stream_->SendAllNotesOffForMutedTracks();
-        releaseMutedNotes_ = true;
     });
 }
 
@@ -758,7 +727,6 @@ void ShowSession::MuteGroup(unsigned char group) {
     ChangeStreams_([&] {
         streams_->MuteGroup(group);
         stream_->SendAllNotesOffForMutedTracks();
-        releaseMutedNotes_ = true;
     });
 }
 

@@ -110,10 +110,10 @@ struct TransportHooks {
 /// listener runs.
 ///
 /// What the device holds: every filled period's note messages are remembered by tick; the
-/// caesura check, told the tick of each period as it is sent, applies them to the set of notes
-/// sounding at the device. A stop mid-song sends a note-off for each of them (some synths ignore
-/// controller 123), then the controller resets; a mute sends one for each held on the muted
-/// tracks' channels in the period that carries the stream's controller 123 for them.
+/// caesura check, told the tick of each period as it is sent, applies them to the voices
+/// sounding at the device. A stop mid-song sends a note-off for each voice (some synths ignore
+/// controller 123), then the controller resets. A mute is the stream's to release: it knows
+/// which track holds which note, where the device may hear several tracks on one channel.
 class ShowSession {
   public:
     /// Called with a fresh status after each downbeat heard (display thread) and after each verb
@@ -208,8 +208,8 @@ class ShowSession {
     // song (a start, a cue, after a stop), `chase` when it holds what sounded where playback was
     // (a jump while playing, a caesura).
     enum class FirstFill { none, strike, chase };
-    // A note message of a filled period; `channelOff` is controller 123 for the whole channel.
-    enum class NoteChange { on, off, channelOff };
+    // A note message of a filled period. Controller 123 is not one: some synths ignore it.
+    enum class NoteChange { on, off };
     // A note at the device: port << 16 | status channel << 8 | key.
     using NoteKey = std::uint32_t;
 
@@ -230,10 +230,10 @@ class ShowSession {
     void ShowStoppedAt_(std::uint32_t end);
     void ShowEnded_();
     void RecordFilledNotes_(std::uint32_t tick, MidiBuffer& buffer);
-    void WriteMutedNoteOffs_(std::uint32_t tick, MidiBuffer& buffer);
-    // What a period's note messages leave of `notes`.
+    // What a period's note messages leave of `voices`: each note-on adds a voice, each
+    // note-off takes one away.
     static void ApplyNoteChanges_(const std::vector<std::pair<NoteKey, NoteChange>>& changes,
-                                  std::set<NoteKey>& notes);
+                                  std::map<NoteKey, int>& voices);
     void RequireTrack_(unsigned short trackId) const;
     void RequireGroup_(unsigned char group) const;
     void ChangeStreams_(const std::function<void()>& change);
@@ -270,12 +270,13 @@ class ShowSession {
     std::uint32_t nextTick_ = 0;
     std::uint32_t resumeTick_ = 0;  // where Play or Resume starts when not playing
     FirstFill firstFill_ = FirstFill::strike;
-    bool releaseMutedNotes_ = false;  // a mute since the last fill: see WriteMutedNoteOffs_
 
     // Guarded by sentMutex_.
     std::mutex sentMutex_;
     std::map<std::uint32_t, std::vector<std::pair<NoteKey, NoteChange>>> filledNotes_;
-    std::set<NoteKey> sounding_;
+    // Voices per note as the device holds them: on the later ports every track shares one
+    // channel, so two tracks may hold the same key.
+    std::map<NoteKey, int> sounding_;
     std::set<std::uint32_t> caesuras_;
     std::uint32_t ticksPerClockSent_ = 1;
     std::uint32_t lastSentEnd_ = 0;  // the end of the last period sent

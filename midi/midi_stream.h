@@ -142,7 +142,8 @@ class MidiStream {
     /// Replaces the muted set; pending restores are dropped.
     void SetMutedTracks(const std::set<unsigned short>& mutedTracks);
     void ResetMuteSettings();
-    /// At the next period, every muted track gets controllers 123 and 121 (value 0).
+    /// At the next period, every muted track gets controllers 123 and 121 (value 0), and then a
+    /// note-off for each note and switch its chase state still holds, which the state forgets.
     void SendAllNotesOffForMutedTracks();
     std::set<unsigned short> GetMutedTracks() const;
 

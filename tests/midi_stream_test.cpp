@@ -286,6 +286,32 @@ TEST(MidiStreamMutes, MutedTracksAreSilencedInTrackOrderAtTheStartOfThePeriod) {
     EXPECT_TRUE(buffer.Events(2).empty());
 }
 
+// Two tracks share port 1, where every message reaches the device on one channel: controller 123
+// cannot say which track it means, and some synths ignore it. The muted track's own notes get
+// note-offs at the pitch they sound at; the other track's note is left alone, and a stop later
+// releases only the notes that still sound.
+TEST(MidiStreamMutes, AMuteReleasesTheTracksOwnNotesAndAStopDoesNotReleaseThemAgain) {
+    auto song = velt_core::SongBuilder("SharedPort")
+                    .Bars(2)
+                    .Track(0x12, "a", 0, kRange)
+                    .Note(0x12, 0, 60, 100, 1000)
+                    .ControlChange(0x12, 0, 7, 90)
+                    .Track(0x13, "b", 0, kRange)
+                    .Note(0x13, 0, 64, 100, 1000)
+                    .Build();
+    RangedMidiStream stream(*song);
+    RecordingMidiBuffer buffer(2, 64);
+    stream.EnqueueEvents(10, 2, buffer, false);
+    buffer.TakeEvents();
+    stream.MuteTrack(0x12);
+    stream.SendAllNotesOffForMutedTracks();
+    stream.EnqueueEvents(20, 2, buffer, false);
+    EXPECT_EQ(buffer.Events(1), (EventList{Cc(0x12, 123, 0), Cc(0x12, 121, 0), Off(0x12, 62, 100)}));
+    buffer.TakeEvents();
+    stream.AllNotesOff(2, buffer);
+    EXPECT_EQ(buffer.Events(1), (EventList{Cc(0x12, 7, 0), Off(0x13, 66, 100)}));
+}
+
 TEST(MidiStreamMutes, AMutedTracksEventsAreSkippedAndUnmutingRestoresItsState) {
     auto song = velt_core::SongBuilder("Restore")
                     .Bars(2)

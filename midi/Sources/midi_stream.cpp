@@ -356,7 +356,12 @@ void MidiStream::WriteReleases_(unsigned short trackId, const PersistentMIDI& fr
 }
 
 void MidiStream::Enqueue_(unsigned int tick, signed char transposition, MidiBuffer& buffer) {
-    // 1. Silence the muted tracks when asked to.
+    // 1. Silence the muted tracks when asked to: the channel-mode controllers first, then a
+    //    note-off for each note the track still holds. Some synths ignore controller 123, and on
+    //    a port whose messages all share one channel the controller cannot say which track it
+    //    means; the chase state still can. The released notes leave the chase state, so a later
+    //    stop does not release them again. Controllers are not zeroed one by one: on a shared
+    //    channel that would reach the tracks still playing.
     if (std::exchange(sendAllNotesOffForMutedTracks_, false)) {
         for (unsigned short trackId : mutedTracks_) {
             const unsigned char port = PortOf(trackId);
@@ -365,6 +370,18 @@ void MidiStream::Enqueue_(unsigned int tick, signed char transposition, MidiBuff
             WriteEvent(buffer, port,
                        VoiceEvent(0, kControlChange, trackId, kResetAllControllers, 0),
                        "MidiStream::Enqueue_");
+        }
+        for (unsigned short trackId : mutedTracks_) {
+            const auto held = persistence_.find(trackId);
+            if (held == persistence_.end()) {
+                continue;
+            }
+            PersistentMIDI released = held->second;
+            released.GetCCs().clear();
+            WriteReleases_(trackId, released, EmptyState(), transposition, buffer,
+                           "MidiStream::Enqueue_");
+            held->second.GetNotes().clear();
+            held->second.GetSwitches().clear();
         }
     }
     // 2. Tracks unmuted since the last period get their state at the current tick.
