@@ -392,6 +392,9 @@ class Console {
             case 'n':
                 session_.NextSong();
                 break;
+            case 'a':
+                session_.SetAttacca(!session_.Status().attacca);
+                break;
             case 'p':
                 session_.PreviousSong();
                 break;
@@ -626,7 +629,8 @@ class Console {
         lines.push_back(setup_.showName + "  |  song " + std::to_string(s.songNumber) + "/" +
                         std::to_string(session_.Songs().size()) + " \"" + s.songName + "\"  |  " +
                         (lastSong && s.state == PlayState::ended ? "ended: Enter plays it again"
-                                                                 : StateText(s.state)));
+                                                                 : StateText(s.state)) +
+                        (s.attacca && !lastSong ? "  |  attacca" : ""));
         const std::string beaten = !setup_.conducted ? ""
                                    : s.followedTempo > 0.0
                                        ? "   beaten " + Fixed(s.followedTempo, 1)
@@ -721,6 +725,7 @@ const char* ConsoleHelp() {
            "  .       stop\n"
            "  Enter   play: plays on after a caesura or a stop, again after the end\n"
            "  n  p    next / previous song          s  choose a song by number\n"
+           "  a       attacca on / off: the song's end runs straight into the next\n"
            "  ]  [    next / previous marker        b  go to a bar\n"
            "  +  -    tempo scale up / down 0.05    x  set the tempo scale (0.5 to 2.0)\n"
            "  >  <    transpose up / down 1         t  set the transposition (-24 to 24)\n"

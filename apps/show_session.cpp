@@ -119,6 +119,7 @@ ShowSession::ShowSession(std::vector<SessionSong> songs, std::shared_ptr<pv::Par
     }
     deviceWatch_ = std::make_unique<DeviceReturnWatch>(
         [this](const std::string& name) { return ReopenDevice_(name); }, deviceWatchInterval);
+    segue_ = std::make_unique<TaskThread>("session_segue");
     // Posted on the clock's thread with the client mutex held: only hand the name on.
     notify::callbackDispatcher.AddCallback(
         notify::names::midiOutputDeviceLost, this, [this](void* payload) {
@@ -129,6 +130,7 @@ ShowSession::ShowSession(std::vector<SessionSong> songs, std::shared_ptr<pv::Par
 }
 
 ShowSession::~ShowSession() {
+    segue_.reset();  // a segue under way finishes; none starts after this
     notify::callbackDispatcher.RemoveCallbacksForTarget(this);
     deviceWatch_.reset();  // its callback takes the transport
     try {
@@ -155,6 +157,10 @@ const velt_midi::SongData& ShowSession::Song_() const {
 
 void ShowSession::SelectSong(int number) {
     std::scoped_lock transport(transportMutex_);
+    SelectSong_(number);
+}
+
+void ShowSession::SelectSong_(int number) {
     if (number < 1 || number > static_cast<int>(songs_.size())) {
         throw std::out_of_range("no song " + std::to_string(number) + " (the show has " +
                                 std::to_string(songs_.size()) + ")");
@@ -199,14 +205,39 @@ void ShowSession::SelectSong(int number) {
 }
 
 void ShowSession::NextSong() {
-    const int current = Status().songNumber;
-    for (int number = current + 1; number <= static_cast<int>(songs_.size()); ++number) {
+    const auto next = NextPlayableSong_(Status().songNumber);
+    if (!next) {
+        throw std::out_of_range("there is no song after this one");
+    }
+    SelectSong(*next);
+}
+
+std::optional<int> ShowSession::NextPlayableSong_(int after) const {
+    for (int number = after + 1; number <= static_cast<int>(songs_.size()); ++number) {
         if (songs_[static_cast<std::size_t>(number - 1)].song) {
-            SelectSong(number);
-            return;
+            return number;
         }
     }
-    throw std::out_of_range("there is no song after this one");
+    return std::nullopt;
+}
+
+void ShowSession::SetAttacca(bool on) {
+    attacca_.store(on);
+    Publish_();
+}
+
+// The song that ended (number `ended`) runs straight into the next: unless the performer has
+// done something since (another song, a play), it is selected and played from its start.
+void ShowSession::Segue_(int ended) {
+    std::scoped_lock transport(transportMutex_);
+    if (State_() != PlayState::ended || songIndex_ + 1 != ended) {
+        return;
+    }
+    if (const auto next = NextPlayableSong_(ended)) {
+        SelectSong_(*next);
+        Play_();
+        Publish_();
+    }
 }
 
 void ShowSession::PreviousSong() {
@@ -532,7 +563,8 @@ void ShowSession::ApplyNoteChanges_(const std::vector<std::pair<NoteKey, NoteCha
     for (const auto& [key, change] : changes) {
         if (change == NoteChange::on) {
             ++voices[key];
-        } else if (const auto held = voices.find(key); held != voices.end() && --held->second == 0) {
+        } else if (const auto held = voices.find(key);
+                   held != voices.end() && --held->second == 0) {
             voices.erase(held);
         }
     }
@@ -620,6 +652,16 @@ void ShowSession::Stopped_() {
     }
     SetState_(limit ? PlayState::stopped : caesura ? PlayState::caesura : PlayState::ended);
     Publish_();
+    if (!limit && !caesura && attacca_.exchange(false)) {
+        // Played by the segue thread: a verb takes the transport mutex, which a host thread may
+        // hold while it waits for this thread's stopped run to be over.
+        int ended = 0;
+        {
+            std::scoped_lock lock(positionMutex_);
+            ended = songIndex_ + 1;
+        }
+        segue_->Post([this, ended] { Segue_(ended); });
+    }
 }
 
 // A stop drops the downbeats still waiting for the display delay: the display jumps to where
@@ -874,6 +916,7 @@ SessionStatus ShowSession::Status() {
             status.followedTempo = 60.0 / (24 * *clockTime);
         }
     }
+    status.attacca = attacca_.load();
     std::scoped_lock lock(statusMutex_);
     status.state = state_;
     status.tick = shownTick_;

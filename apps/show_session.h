@@ -6,6 +6,7 @@
 // drive the same verbs.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -19,6 +20,7 @@
 #include <vector>
 
 #include "apps/device_return_watch.h"
+#include "apps/task_thread.h"
 #include "interfaces/song_data.h"
 #include "midi/how_to_play.h"
 #include "midi/midi_stream_collection.h"
@@ -71,6 +73,8 @@ struct SessionStatus {
     double displayDelay = 0;  // seconds
     /// Quarter notes per minute the conductor beats (a conducted clock); 0 before an interval.
     double followedTempo = 0;
+    /// The song's end runs straight into the next song (SetAttacca).
+    bool attacca = false;
 };
 
 struct SessionOptions {
@@ -100,7 +104,8 @@ struct TransportHooks {
 /// async-stopped thread (the stopped callback), the display thread (the downbeat callback,
 /// which updates the status and calls the status listener), the clock's thread again for the
 /// device-lost notification (which only hands the name to the device watch), and the device
-/// watch's thread, which re-opens a returned device as a verb does, under the transport mutex.
+/// watch's thread, which re-opens a returned device as a verb does, under the transport mutex,
+/// and the segue thread, which starts the next song after an attacca as the verbs do.
 ///
 /// Locks, in order: the transport mutex (each verb whole; never taken by the engine's threads),
 /// then the client mutex handed to the output (the whole send step; verbs take it to change
@@ -154,6 +159,11 @@ class ShowSession {
     void Stop();
     /// Plays on after a caesura or a stop, with the notes that sound there chased.
     void Resume();
+    /// On: when the song playing reaches its end, the next playable song of the show starts at
+    /// once from its beginning, as Play would start it, without waiting for the performer. It
+    /// is used up by that end (the last song ends as usual); a stop, a caesura or a limit
+    /// leaves it set. Turning it off withdraws it.
+    void SetAttacca(bool on);
     /// A beat of the performer conducting (conducted clock only, else std::logic_error): the
     /// start of the next click. When not playing it plays as Play does, and the beat starts the
     /// music; until then the clock waits.
@@ -243,6 +253,9 @@ class ShowSession {
     void Publish_();
     bool ReopenDevice_(const std::string& deviceName);
     void ChangeDevice_(const std::string& deviceName);
+    void SelectSong_(int number);
+    std::optional<int> NextPlayableSong_(int after) const;
+    void Segue_(int ended);
     const velt_midi::SongData& Song_() const;
 
     std::vector<SessionSong> songs_;
@@ -295,7 +308,9 @@ class ShowSession {
 
     TransportHooks hooks_;  // set before playing, then only read
     std::unique_ptr<MidiOutputWin32> output_;
-    std::unique_ptr<DeviceReturnWatch> deviceWatch_;  // last: destroyed first
+    std::unique_ptr<DeviceReturnWatch> deviceWatch_;
+    std::atomic<bool> attacca_{false};
+    std::unique_ptr<TaskThread> segue_;  // runs the attacca's verbs; destroyed first
 };
 
 }  // namespace velt_play

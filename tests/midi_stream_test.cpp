@@ -306,7 +306,8 @@ TEST(MidiStreamMutes, AMuteReleasesTheTracksOwnNotesAndAStopDoesNotReleaseThemAg
     stream.MuteTrack(0x12);
     stream.SendAllNotesOffForMutedTracks();
     stream.EnqueueEvents(20, 2, buffer, false);
-    EXPECT_EQ(buffer.Events(1), (EventList{Cc(0x12, 123, 0), Cc(0x12, 121, 0), Off(0x12, 62, 100)}));
+    EXPECT_EQ(buffer.Events(1),
+              (EventList{Cc(0x12, 123, 0), Cc(0x12, 121, 0), Off(0x12, 62, 100)}));
     buffer.TakeEvents();
     stream.AllNotesOff(2, buffer);
     EXPECT_EQ(buffer.Events(1), (EventList{Cc(0x12, 7, 0), Off(0x13, 66, 100)}));

@@ -282,6 +282,42 @@ TEST(ShowSession, RefusesWhatAPerformerCannotMean) {
     EXPECT_EQ(f.session->Status().state, PlayState::cued);
 }
 
+// An attacca: the first song's end runs straight into the second, which plays whole from its
+// start; used up by that end, so the second song simply ends. Nothing is left sounding between
+// them or after.
+TEST(ShowSession, AnAttaccaPlaysTheNextSongFromItsStartAsTheSongEnds) {
+    const auto song = [](const char* name, std::uint8_t key) {
+        velt_core::SongBuilder builder(name, 480);
+        builder.Tempo(0, 960).Meter(0, 4, 4).Bars(2).Track(0x00, "Tune", 0, {0, 127});
+        for (std::uint32_t tick = 0; tick < 2 * bar; tick += 480)
+            builder.Note(0x00, tick, static_cast<std::uint8_t>(key + tick / 480), 90, 720);
+        return builder.Build();
+    };
+    velt_platform::VirtualMidiOutput device{"Session Test Out"};
+    auto show = std::make_shared<pv::ParvelShowData>();
+    std::vector<SessionSong> songs;
+    for (const auto& data : {song("First", 60), song("Second", 72)}) {
+        show->AddSong(data);
+        songs.push_back({data->GetSongName(), data, ""});
+    }
+    ShowSession session(songs, show, {velt_play::ClockKind::precision, "Session Test Out", {}});
+    session.Play();
+    session.SetAttacca(true);
+    EXPECT_TRUE(session.Status().attacca);
+    ASSERT_TRUE(Eventually([&] {
+        const auto status = session.Status();
+        return status.songNumber == 2 && status.state == PlayState::ended;
+    }));
+    EXPECT_FALSE(session.Status().attacca);
+    const auto heard = Heard(device);
+    std::vector<std::uint8_t> keys;
+    for (const auto& on : NoteOns(heard))
+        keys.push_back(on[1]);
+    EXPECT_EQ(keys, (std::vector<std::uint8_t>{60, 61, 62, 63, 64, 65, 66, 67, 72, 73, 74, 75, 76,
+                                               77, 78, 79}));
+    EXPECT_TRUE(Sounding(heard).empty());
+}
+
 // The performer's tempo scale is heard at once, not at the score's next tempo event (this song
 // has one tempo only): the clock period after the one already timed when the verb returns is
 // sent at the new tempo, and every earlier period at the old one. The tempo the clock reports
@@ -575,8 +611,9 @@ TEST(ShowSession, ADeviceThatNeverAnswersIsReportedAndCanBeStoppedOrLeft) {
             }
             const auto& lines = log.lines();
             EXPECT_TRUE(std::any_of(lines.begin(), lines.end(), [](const std::string& line) {
-                return line.find("midiStreamOutDone_ timed out without receiving a mom done "
-                                 "message.") != std::string::npos;
+                return line.find(
+                           "midiStreamOutDone_ timed out without receiving a mom done "
+                           "message.") != std::string::npos;
             }));
         }
     }

@@ -19,9 +19,10 @@
 /// changes the display delay. Locks, in order: the client mutex (the whole send step, and every
 /// change of device), then the output mutex together with the play buffer's mutex; the
 /// DelayedGui's state mutex is taken after the output mutex; the device mutex (only around
-/// replacing the device and reading its name and state) is taken last and never waits for a step. No host callback runs while the
-/// output mutex or a buffer's mutex is held: the period's program changes are posted
-/// (notify::names::currentProgramIds) once both are released, under the client mutex only.
+/// replacing the device and reading its name and state) is taken last and never waits for a step.
+/// No host callback runs while the output mutex or a buffer's mutex is held: the period's program
+/// changes are posted (notify::names::currentProgramIds) once both are released, under the client
+/// mutex only.
 ///
 /// Send failures never stop the ring: a period whose packets cannot be sent is dropped and counted
 /// (GetDroppedSendCount); the first failure on a device is logged, later ones only counted; the
