@@ -829,6 +829,9 @@ bool ShowSession::ReopenDevice_(const std::string& deviceName) {
 // for the next one. When the device cannot be opened (MidiDeviceUnavailable) the run goes on as
 // it was.
 void ShowSession::ChangeDevice_(const std::string& deviceName) {
+    if (!output_->GetSynthIsLost() && output_->GetSynthDeviceName() == deviceName) {
+        return;  // playing there already: the output keeps the device, and nothing need stop
+    }
     const bool playing = State_() == PlayState::playing;
     if (playing) {
         Halt_(PlayState::playing);
