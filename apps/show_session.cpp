@@ -392,8 +392,11 @@ void ShowSession::MoveTo_(std::uint32_t tick) {
         Publish_();
         return;
     }
-    Halt_(PlayState::playing);
-    {
+    if (Halt_(PlayState::playing)) {
+        // Nothing sounds at the device any more: the restart strikes all that sounds there.
+        std::scoped_lock lock(sentMutex_);
+        sounding_.clear();
+    } else {
         std::scoped_lock lock(positionMutex_);
         firstFill_ = FirstFill::chase;
     }
@@ -469,7 +472,10 @@ void ShowSession::SyncStreamWithDevice_() {
 
 // Stops sending. `why` is the state afterwards; for a jump (playing) nothing is released, as the
 // restart chases; otherwise every note the device holds gets its note-off, then the resets.
-void ShowSession::Halt_(PlayState why) {
+// Returns whether the disarm silenced the device: with exact timing it drops what the device has
+// queued by stopping the stream, and a stopped stream turns off every note it holds.
+bool ShowSession::Halt_(PlayState why) {
+    const bool silenced = output_->GetExactTiming() && !output_->GetSynthIsLost();
     output_->DisarmPlayback();
     std::uint32_t resumeTick = 0;
     {
@@ -492,6 +498,7 @@ void ShowSession::Halt_(PlayState why) {
         ShowStoppedAt_(resumeTick);
         SetState_(why);
     }
+    return silenced;
 }
 
 void ShowSession::ReleaseSoundingNotes_(bool resets) {

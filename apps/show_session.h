@@ -233,7 +233,7 @@ class ShowSession {
     void MoveTo_(std::uint32_t tick);
     void Play_();
     void Start_(std::uint32_t tick);
-    void Halt_(PlayState why);
+    bool Halt_(PlayState why);
     void SyncStreamWithDevice_();
     // Note-offs for every note the device holds; then controllers 123 and 121 when `resets`.
     void ReleaseSoundingNotes_(bool resets);

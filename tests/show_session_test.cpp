@@ -252,6 +252,32 @@ TEST(ShowSession, JumpsTransposesAndMutesMidSongLeaveNothingHanging) {
     }));
 }
 
+// A jump while playing, to the bar already playing: the bass note of that bar sounds on both
+// sides of the jump, and must go on sounding until the song's own note-off for it, however the
+// output dropped what it had queued for the old position.
+TEST(ShowSession, AJumpWhilePlayingSoundsWhatTheSongHoldsWhereItLands) {
+    for (const auto clock : {velt_play::ClockKind::precision, velt_play::ClockKind::standard}) {
+        SCOPED_TRACE(clock == velt_play::ClockKind::precision ? "exact timing" : "clock timing");
+        Fixture f(TestSong(false, 240), clock);
+        f.session->Play();
+        WaitForBar(*f.session, 3);
+        const std::size_t mark = f.device.Messages().size();
+        f.session->SeekToBar(3);
+        ASSERT_TRUE(f.session->WaitUntilNotPlaying(30s));
+        const auto messages = f.device.Messages();
+        std::vector<Message> before;
+        for (std::size_t i = 0; i < messages.size(); ++i) {
+            const Message& m = messages[i].bytes;
+            const bool songsOwnOff = i >= mark && messages[i].packet && m.size() == 3 &&
+                                     m[1] == 38 && (m[0] == 0x81 || (m[0] == 0x91 && m[2] == 0));
+            if (songsOwnOff)
+                break;
+            before.push_back(m);
+        }
+        EXPECT_TRUE(Sounding(before).contains(1 << 8 | 38));
+    }
+}
+
 TEST(ShowSession, ACaesuraHoldsTheChordUntilThePerformerPlaysOn) {
     Fixture f(TestSong(true));
     EXPECT_EQ(f.session->Status().marker, "");  // no marker is in force before the first
