@@ -6,7 +6,11 @@
 // Skipped when jackd or JACK support is not there.
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
+#include <spawn.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -23,7 +27,8 @@
 #include <vector>
 
 #include "platform_midi_support.h"
-#include "tests/support/child_process.h"
+
+extern char** environ;
 
 #if defined(__SANITIZE_THREAD__)
 #define VELT_UNDER_THREAD_SANITIZER 1
@@ -47,16 +52,118 @@ constexpr const char* kPeerProgram = "";  // built without JACK: the tests skip
 
 bool OnPath(const std::string& program) {
     const char* path = std::getenv("PATH");
-    std::istringstream directories(path != nullptr ? path : "/usr/bin:/bin");
-    for (std::string directory; std::getline(directories, directory, ':');) {
-        if (access((directory + "/" + program).c_str(), X_OK) == 0) {
+    std::string directories = path != nullptr ? path : "/usr/bin:/bin";
+    std::size_t start = 0;
+    while (start <= directories.size()) {
+        const std::size_t end = std::min(directories.find(':', start), directories.size());
+        const std::string candidate = directories.substr(start, end - start) + "/" + program;
+        if (access(candidate.c_str(), X_OK) == 0) {
             return true;
         }
+        start = end + 1;
     }
     return false;
 }
 
-using Child = test_support::ChildProcess;
+// A child process, optionally with its standard input and output on pipes to this process.
+class Child {
+  public:
+    Child(std::vector<std::string> arguments, bool piped) {
+        std::array<int, 2> toChild{-1, -1};
+        std::array<int, 2> fromChild{-1, -1};
+        posix_spawn_file_actions_t actions;
+        posix_spawn_file_actions_init(&actions);
+        if (piped && pipe2(toChild.data(), O_CLOEXEC) == 0 &&
+            pipe2(fromChild.data(), O_CLOEXEC) == 0) {
+            posix_spawn_file_actions_adddup2(&actions, toChild[0], STDIN_FILENO);
+            posix_spawn_file_actions_adddup2(&actions, fromChild[1], STDOUT_FILENO);
+        } else {
+            posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+            posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
+        }
+        std::vector<char*> argv;
+        for (auto& argument : arguments) {
+            argv.push_back(argument.data());
+        }
+        argv.push_back(nullptr);
+        if (posix_spawnp(&pid_, argv[0], &actions, nullptr, argv.data(), environ) != 0) {
+            pid_ = -1;
+        }
+        posix_spawn_file_actions_destroy(&actions);
+        for (const int unused : {toChild[0], fromChild[1]}) {
+            if (unused >= 0) {
+                close(unused);
+            }
+        }
+        input_ = toChild[1];
+        output_ = fromChild[0];
+    }
+
+    Child(const Child&) = delete;
+    Child& operator=(const Child&) = delete;
+
+    ~Child() {
+        if (input_ >= 0) {
+            close(input_);
+        }
+        if (output_ >= 0) {
+            close(output_);
+        }
+        if (pid_ > 0 && !exited_) {
+            kill(pid_, SIGTERM);
+            waitpid(pid_, nullptr, 0);
+        }
+    }
+
+    bool Started() const { return pid_ > 0; }
+
+    // The exit code, or -1 when it did not exit normally.
+    int Wait() {
+        int status = 0;
+        exited_ = true;
+        if (waitpid(pid_, &status, 0) != pid_ || !WIFEXITED(status)) {
+            return -1;
+        }
+        return WEXITSTATUS(status);
+    }
+
+    // The next line of the child's output, or nothing when it ended or stayed silent for the
+    // hang limit.
+    std::optional<std::string> ReadLine() {
+        const auto deadline = std::chrono::steady_clock::now() + kHangLimit;
+        for (;;) {
+            if (const auto end = pending_.find('\n'); end != std::string::npos) {
+                std::string line = pending_.substr(0, end);
+                pending_.erase(0, end + 1);
+                return line;
+            }
+            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                deadline - std::chrono::steady_clock::now());
+            pollfd ready{output_, POLLIN, 0};
+            if (left.count() <= 0 || poll(&ready, 1, static_cast<int>(left.count())) <= 0) {
+                return std::nullopt;
+            }
+            std::array<char, 4096> chunk{};
+            const ssize_t got = read(output_, chunk.data(), chunk.size());
+            if (got <= 0) {
+                return std::nullopt;
+            }
+            pending_.append(chunk.data(), static_cast<std::size_t>(got));
+        }
+    }
+
+    bool WriteLine(const std::string& line) {
+        const std::string text = line + "\n";
+        return write(input_, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+    }
+
+  private:
+    pid_t pid_ = -1;
+    bool exited_ = false;
+    int input_ = -1;
+    int output_ = -1;
+    std::string pending_;
+};
 
 std::string Hex(const Message& message) {
     std::string text;
@@ -76,19 +183,19 @@ class Peer {
     Peer(const std::string& client, const std::string& mode) {
         constexpr int kAttempts = 3;
         for (int attempt = 0; attempt < kAttempts && !ready_; ++attempt) {
-            child_ = std::make_unique<Child>(std::vector<std::string>{kPeerProgram, client, mode},
-                                             Child::Io::piped);
-            ready_ = child_->Started() && child_->ReadLine(kHangLimit) == "ready";
+            child_ =
+                std::make_unique<Child>(std::vector<std::string>{kPeerProgram, client, mode}, true);
+            ready_ = child_->Started() && child_->ReadLine() == "ready";
         }
     }
 
     bool Ready() const { return ready_; }
 
     // sink: the next message received, or nothing within the hang limit.
-    std::optional<std::string> Received() { return child_->ReadLine(kHangLimit); }
+    std::optional<std::string> Received() { return child_->ReadLine(); }
 
     // source: sends one message.
-    bool Send(const Message& message) { return child_->Write(Hex(message) + "\n"); }
+    bool Send(const Message& message) { return child_->WriteLine(Hex(message)); }
 
   private:
     std::unique_ptr<Child> child_;
@@ -97,10 +204,10 @@ class Peer {
 
 // The server's ports (jack_lsp -c): port name -> names of the ports connected to it.
 std::map<std::string, std::set<std::string>> ServerPorts() {
-    Child lsp({"jack_lsp", "-c"}, Child::Io::piped);
+    Child lsp({"jack_lsp", "-c"}, true);
     std::map<std::string, std::set<std::string>> ports;
     std::string current;
-    while (const auto line = lsp.ReadLine(kHangLimit)) {
+    while (const auto line = lsp.ReadLine()) {
         if (!line->empty() && line->front() == ' ') {
             ports[current].insert(line->substr(line->find_first_not_of(' ')));
         } else {
@@ -108,7 +215,7 @@ std::map<std::string, std::set<std::string>> ServerPorts() {
             ports[current];
         }
     }
-    lsp.Wait(kHangLimit);
+    lsp.Wait();
     return ports;
 }
 
@@ -121,11 +228,11 @@ class JackServer {
         server_ = std::make_unique<Child>(
             std::vector<std::string>{"jackd", "--no-realtime", "--sync", "-t", "5000", "-n", name_,
                                      "-d", "dummy", "-r", "48000", "-p", "1024"},
-            Child::Io::quiet);
+            false);
         if (server_->Started()) {
             // jack_wait returns 0 once the server answers, or fails after its own time-out.
-            Child wait({"jack_wait", "-w", "-t", "10", "-s", name_}, Child::Io::quiet);
-            ready_ = wait.Started() && wait.Wait(std::chrono::seconds(30)) == 0;
+            Child wait({"jack_wait", "-w", "-t", "10", "-s", name_}, false);
+            ready_ = wait.Started() && wait.Wait() == 0;
         }
     }
 

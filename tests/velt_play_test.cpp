@@ -2,16 +2,26 @@
 // of its own, interactive in a pseudo-terminal or playing through with --play, into the built-in
 // default output (the system's ports hidden), which records what it receives to a MIDI file.
 // The recordings are read back and held against the songs.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <signal.h>
+#include <sys/ioctl.h>
+#include <sys/wait.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <map>
+#include <mutex>
+#include <optional>
 #include <regex>
 #include <set>
 #include <string>
@@ -21,7 +31,6 @@
 #include "midi/how_to_play.h"
 #include "midi/persistent_midi.h"
 #include "midi/user_controls.h"
-#include "tests/support/child_process.h"
 #include "tests/support/temp_folder.h"
 #include "velt_core/show_loader.h"
 #include "velt_core/smf_reader.h"
@@ -36,21 +45,109 @@ using Message = std::vector<std::uint8_t>;
 // ---------------------------------------------------------------------------------------------
 // Running the program
 
-// A run of velt-play: standard input at its end and the output through pipes, or everything
-// through a pseudo-terminal.
-class Player : public test_support::ChildProcess {
+// A run of velt-play: standard input from /dev/null and the output through pipes, or everything
+// through a pseudo-terminal. A thread of its own drains the output all along, so that the
+// program never blocks on a full pipe or terminal.
+class Player {
   public:
     enum class Mode { piped, terminal };
 
-    Player(Mode mode, std::vector<std::string> args)
-        : ChildProcess(WithProgram(std::move(args)),
-                       mode == Mode::terminal ? Io::terminal : Io::piped) {
-        CloseInput();
+    Player(Mode mode, std::vector<std::string> args) {
+        args.insert(args.begin(), VELT_PLAY_BINARY);
+        std::vector<char*> argv;
+        for (auto& arg : args) {
+            argv.push_back(arg.data());
+        }
+        argv.push_back(nullptr);
+        int outputs[2] = {-1, -1};
+        int errors[2] = {-1, -1};
+        std::string terminalName;
+        if (mode == Mode::terminal) {
+            outputs[0] = posix_openpt(O_RDWR | O_NOCTTY);
+            if (outputs[0] < 0 || grantpt(outputs[0]) != 0 || unlockpt(outputs[0]) != 0) {
+                throw std::runtime_error("no pseudo-terminal");
+            }
+            terminalName = ptsname(outputs[0]);
+            const winsize size{40, 120, 0, 0};
+            ioctl(outputs[0], TIOCSWINSZ, &size);
+        } else if (pipe(outputs) != 0 || pipe(errors) != 0) {
+            throw std::runtime_error("no pipe");
+        }
+        pid_ = fork();
+        if (pid_ == 0) {
+            // Only async-signal-safe calls from here on.
+            if (mode == Mode::terminal) {
+                setsid();
+                const int terminal = open(terminalName.c_str(), O_RDWR);
+                dup2(terminal, 0);
+                dup2(terminal, 1);
+                dup2(terminal, 2);
+            } else {
+                const int none = open("/dev/null", O_RDONLY);
+                dup2(none, 0);
+                dup2(outputs[1], 1);
+                dup2(errors[1], 2);
+            }
+            execv(argv[0], argv.data());
+            _exit(127);
+        }
+        output_ = outputs[0];
+        if (mode == Mode::piped) {
+            close(outputs[1]);
+            close(errors[1]);
+            errors_ = errors[0];
+        }
+        reader_ = std::thread([this] { Read_(); });
+    }
+
+    ~Player() {
+        if (!status_) {
+            kill(pid_, SIGKILL);
+            Wait(10s);
+        }
+        if (reader_.joinable()) {
+            reader_.join();
+        }
+        close(output_);
+        if (errors_ >= 0) {
+            close(errors_);
+        }
     }
 
     // Keys typed at the terminal.
-    void Type(const std::string& keys) { ASSERT_TRUE(Write(keys)); }
+    void Type(const std::string& keys) {
+        ASSERT_EQ(write(output_, keys.data(), keys.size()), static_cast<ssize_t>(keys.size()));
+    }
 
+    void Signal(int signal) { kill(pid_, signal); }
+
+    // The exit status (128 + the signal for a program killed by one), or -1 on timeout.
+    int Wait(std::chrono::milliseconds limit) {
+        const auto end = std::chrono::steady_clock::now() + limit;
+        while (!status_) {
+            int status = 0;
+            if (waitpid(pid_, &status, WNOHANG) == pid_) {
+                status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+            } else if (std::chrono::steady_clock::now() > end) {
+                return -1;
+            } else {
+                std::this_thread::sleep_for(10ms);
+            }
+        }
+        // Everything the program wrote is read before its output is looked at: the reader ends
+        // at the end of the pipe or terminal, which comes once the program has gone.
+        if (reader_.joinable()) {
+            reader_.join();
+        }
+        return *status_;
+    }
+
+    // Waits until the output since `from` satisfies `seen`.
+    bool WaitForOutput(const std::function<bool(const std::string&)>& seen,
+                       std::chrono::milliseconds limit) {
+        std::unique_lock lock(mutex_);
+        return grew_.wait_for(lock, limit, [&] { return seen(output_text_); });
+    }
     bool WaitForText(const std::string& wanted, std::chrono::milliseconds limit = 20s) {
         return WaitForOutput(
             [&](const std::string& text) { return text.find(wanted) != text.npos; }, limit);
@@ -72,14 +169,61 @@ class Player : public test_support::ChildProcess {
             limit);
     }
     // Later WaitForBar calls look only at what comes after this.
-    void Mark() { mark_ = Output().size(); }
-
-  private:
-    static std::vector<std::string> WithProgram(std::vector<std::string> args) {
-        args.insert(args.begin(), VELT_PLAY_BINARY);
-        return args;
+    void Mark() {
+        std::scoped_lock lock(mutex_);
+        mark_ = output_text_.size();
+    }
+    std::string Output() {
+        std::scoped_lock lock(mutex_);
+        return output_text_;
+    }
+    std::string Errors() {
+        std::scoped_lock lock(mutex_);
+        return errors_text_;
     }
 
+  private:
+    void Read_() {
+        try {
+            std::vector<pollfd> fds{{output_, POLLIN, 0}};
+            if (errors_ >= 0) {
+                fds.push_back({errors_, POLLIN, 0});
+            }
+            int open = static_cast<int>(fds.size());
+            while (open > 0) {
+                if (poll(fds.data(), fds.size(), 200) <= 0) {
+                    continue;
+                }
+                for (std::size_t i = 0; i < fds.size(); ++i) {
+                    if (fds[i].fd < 0 || fds[i].revents == 0) {
+                        continue;
+                    }
+                    char bytes[4096];
+                    const auto count = read(fds[i].fd, bytes, sizeof bytes);
+                    if (count <= 0) {  // end of the pipe; EIO on a terminal nobody holds
+                        fds[i].fd = -1;
+                        --open;
+                        continue;
+                    }
+                    std::scoped_lock lock(mutex_);
+                    (i == 0 ? output_text_ : errors_text_).append(bytes, count);
+                    grew_.notify_all();
+                }
+            }
+        } catch (...) {
+            ADD_FAILURE() << "the output reader failed";
+        }
+    }
+
+    pid_t pid_ = -1;
+    int output_ = -1;
+    int errors_ = -1;
+    std::optional<int> status_;
+    std::thread reader_;
+    std::mutex mutex_;
+    std::condition_variable grew_;
+    std::string output_text_;
+    std::string errors_text_;
     std::size_t mark_ = 0;
 };
 
