@@ -203,7 +203,6 @@ TYPED_TEST(ClockImplTest, DestroyedWhileRunning) {
     clock->ContinuousMode();
     ASSERT_TRUE(counter.WaitForCalls(20));
     clock.reset();
-    SUCCEED();
 }
 
 TEST(StandardMidiClockImpl, TracesTheTimerCallsWhenAsked) {

@@ -1,7 +1,6 @@
 // The player's MIDI input: commands learned from a virtual input device drive the show session
 // the way the player's main thread performs them, and show-control cues recall songs and markers.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
@@ -14,6 +13,7 @@
 #include "apps/show_session.h"
 #include "midi_input_support.h"
 #include "platform/virtual_midi.h"
+#include "tests/support/temp_folder.h"
 #include "tests/support/watchdog.h"
 #include "velt_core/song_builder.h"
 
@@ -104,13 +104,8 @@ class Player {
 
 class CommandInputTest : public ::testing::Test {
   protected:
-    void SetUp() override {
-        folder_ = std::filesystem::temp_directory_path() /
-                  ("command_input_test_" + std::to_string(getpid()));
-        std::filesystem::create_directories(folder_);
-    }
-    void TearDown() override { std::filesystem::remove_all(folder_); }
-    std::filesystem::path folder_;
+    test_support::TempFolder temp_;
+    const std::filesystem::path folder_ = temp_.path();
 };
 
 }  // namespace

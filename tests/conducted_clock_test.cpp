@@ -108,25 +108,24 @@ struct SentClock {
     int clockNumber;
 };
 
-// A conducted clock on the scripted time line, with every clock it sends recorded.
+// A conducted clock on the scripted time line, with every clock it sends recorded, started
+// (armed and running) at clock `clockNumber` of clicks of `clocksPerClick`.
 class ConductedRun {
   public:
-    explicit ConductedRun(double lookaheadClicks = 1.0)
+    explicit ConductedRun(double lookaheadClicks = 1.0, int clocksPerClick = 24,
+                          int clockNumber = 0)
         : time_(new ScriptedTime), clock_(lookaheadClicks, std::unique_ptr<ScriptedTime>(time_)) {
         clock_.SetMidiClockCallback([this](double) {
             const ClockState state = clock_.GetClockState();
             std::scoped_lock lock(mutex_);
             sent_.push_back({time_->Now(), state.GetTickIndex(), state.GetClockNumber()});
         });
-    }
-
-    ConductedMidiClock& Clock() { return clock_; }
-
-    void Start(int clocksPerClick = 24, int clockNumber = 0) {
         clock_.ArmPlayback(kTicksPerClock, clocksPerClick, kWrittenClockTime,
                            static_cast<unsigned int>(clockNumber) * kTicksPerClock, clockNumber);
         clock_.ContinuousMode();
     }
+
+    ConductedMidiClock& Clock() { return clock_; }
 
     /// Runs the time line to `end`, beating at each scripted time (sorted). A clock due at the
     /// same moment as a beat is sent first. Returns what the clock made of each beat.
@@ -219,7 +218,6 @@ double Milliseconds(std::int64_t nanoseconds) {
 
 TEST(ConductedClock, SteadyBeatsPlayEveryClickAndLockOntoTheBeat) {
     ConductedRun run;
-    run.Start();
     const auto beats = BeatsAt(0, Steady(15, 500));
     const auto kinds = run.Conduct(beats, 10'000 * kMs);
     const auto sent = run.Sent();
@@ -256,7 +254,6 @@ TEST(ConductedClock, TempoEstimateFollowsAccelerandoAndRitardando) {
     for (const Case& c : {Case{"accelerando", 0.96}, Case{"ritardando", 1.05}}) {
         SCOPED_TRACE(c.name);
         ConductedRun run;
-        run.Start();
         const auto changing = Changing(12, 500, c.factor);
         const double last = changing.back();
         const auto beats = BeatsAt(0, Then(changing, Steady(8, last)));
@@ -279,7 +276,6 @@ TEST(ConductedClock, TempoEstimateFollowsAccelerandoAndRitardando) {
 
 TEST(ConductedClock, FermataHoldsAtTheNextClickAndTheBeatAfterItGoesOnInTempo) {
     ConductedRun run;
-    run.Start();
     // Eight beats at 120, a held beat (3 s), then on at 120.
     const auto beats = BeatsAt(0, Then(Then(Steady(7, 500), {3000}), Steady(4, 500)));
     const auto kinds = run.Conduct(beats, 20'000 * kMs);
@@ -306,7 +302,6 @@ TEST(ConductedClock, MissedBeatCountsTwoClicksAndExtraBeatIsIgnored) {
     {
         SCOPED_TRACE("missed");
         ConductedRun run;
-        run.Start();
         // Beat 9 is missed: beat 10 comes a whole second after beat 8.
         const auto beats = BeatsAt(0, Then(Then(Steady(7, 500), {1000}), Steady(6, 500)));
         const auto kinds = run.Conduct(beats, 20'000 * kMs);
@@ -327,7 +322,6 @@ TEST(ConductedClock, MissedBeatCountsTwoClicksAndExtraBeatIsIgnored) {
     {
         SCOPED_TRACE("extra");
         ConductedRun run;
-        run.Start();
         // A bounce 100 ms after beat 7.
         auto beats = BeatsAt(0, Steady(12, 500));
         beats.insert(beats.begin() + 7, beats[6] + 100 * kMs);
@@ -344,7 +338,6 @@ TEST(ConductedClock, MissedBeatCountsTwoClicksAndExtraBeatIsIgnored) {
 
 TEST(ConductedClock, LateConductorStartsTheMusicWithTheFirstBeat) {
     ConductedRun run;
-    run.Start();
     // Nothing for five seconds: no clock, and the thread waits for a beat, not for a time.
     run.Conduct({}, 5'000 * kMs);
     EXPECT_TRUE(run.Sent().empty());
@@ -363,8 +356,7 @@ TEST(ConductedClock, LateConductorStartsTheMusicWithTheFirstBeat) {
 TEST(ConductedClock, ClickLengthChangesKeepTheConductorsClockSpeed) {
     // 6/8 in two (36 clocks a click) for four clicks, then 2/4 (24 clocks) at the same clock
     // speed: a dotted quarter per beat becomes a quarter per beat.
-    ConductedRun run;
-    run.Start(36);
+    ConductedRun run(1.0, 36);
     run.Clock().SetClocksPerClick(24, 4 * 36 * kTicksPerClock);
     const auto beats = BeatsAt(0, Then(Steady(4, 600), Steady(6, 400)));
     const auto kinds = run.Conduct(beats, 20'000 * kMs);
@@ -382,7 +374,6 @@ TEST(ConductedClock, RunRulesMatchTheOtherClocks) {
     {
         SCOPED_TRACE("caesura");
         ConductedRun run;
-        run.Start();
         run.Clock().SetCaesura(3 * 24 * kTicksPerClock, kWrittenClockTime, 24);
         run.Conduct(BeatsAt(0, Steady(8, 500)), 20'000 * kMs);
         // Stopped where the fourth click would start, the beats after it notwithstanding.
@@ -393,7 +384,6 @@ TEST(ConductedClock, RunRulesMatchTheOtherClocks) {
     {
         SCOPED_TRACE("disarm while waiting, then a fresh start");
         ConductedRun run;
-        run.Start();
         run.Conduct(BeatsAt(0, {500}), 2'000 * kMs);
         EXPECT_EQ(run.Sent().size(), 2u * 24u);  // waiting at the third click
         run.Clock().DisarmPlayback();
@@ -414,8 +404,7 @@ TEST(ConductedClock, RunRulesMatchTheOtherClocks) {
     }
     {
         SCOPED_TRACE("a first beat in mid-click");
-        ConductedRun run;
-        run.Start(24, 12);
+        ConductedRun run(1.0, 24, 12);
         // Half a click to the first whole click, then whole clicks: the half interval is no
         // sample of the tempo.
         run.Conduct(BeatsAt(0, {400, 500}), 5'000 * kMs);
@@ -429,7 +418,6 @@ TEST(ConductedClock, RunRulesMatchTheOtherClocks) {
 
 TEST(ConductedClock, LongerLookaheadRunsOnPastTheNextClickAndALateBeatSlowsIt) {
     ConductedRun run(1.25);
-    run.Start();
     run.Conduct(BeatsAt(0, {500}), 1'200 * kMs);
     // Two beats: the second click plays, then a quarter of the third before the clock waits.
     ASSERT_EQ(run.Sent().size(), 2u * 24u + 6u);

@@ -49,23 +49,8 @@ TEST(Errors, EveryClassHasItsBaseAndOnlyTheTwoConstructors) {
     ExpectShape<QuarterFrameIndexError, MidiTimeCodeError>("QuarterFrameIndexError");
     // Siblings stay apart: a port error is no implementation error.
     EXPECT_FALSE((std::is_base_of_v<MidiImplementationError, MidiPortError>));
+    EXPECT_FALSE((std::is_base_of_v<MidiImplementationError, QuarterFrameIndexError>));
     EXPECT_FALSE((std::is_base_of_v<MidiTimeCodeError, InvalidVoiceEvent>));
-}
-
-TEST(Errors, AHandlerForTheRootSeesTimeCodeErrorsWithTheirText) {
-    try {
-        throw QuarterFrameIndexError("Index not supported by QuarterFrame.");
-    } catch (const MidiImplementationError&) {
-        FAIL() << "caught by an unrelated branch";
-    } catch (const VeltMidiError& error) {
-        EXPECT_STREQ(error.what(), "Index not supported by QuarterFrame.");
-        EXPECT_NE(dynamic_cast<const QuarterFrameIndexError*>(&error), nullptr);
-    }
-    try {
-        throw MidiDeviceUnavailable("CreateSynthOutput() error 4, busy");
-    } catch (const MidiImplementationError& error) {
-        EXPECT_STREQ(error.what(), "CreateSynthOutput() error 4, busy");
-    }
 }
 
 // Both forms of the common failure path: the text is logged after "[ERROR] " as one line and is
@@ -102,9 +87,6 @@ TEST(MidiMessage, SplitsKindAndChannelAndOnlyThreeKindsAreAccepted) {
     EXPECT_EQ((MIDIMessage{0xB0, 7, 0}).GetChannel(), 0);
 
     EXPECT_EQ(allowedStatuses, (std::set<std::uint8_t>{0x90, 0xB0, 0xC0}));
-    for (std::uint8_t kind : {0x80, 0xA0, 0xD0, 0xE0, 0xF0}) {
-        EXPECT_EQ(allowedStatuses.count(kind), 0u) << static_cast<int>(kind);
-    }
     // Membership is by kind, so every channel of an accepted kind is accepted.
     EXPECT_EQ(allowedStatuses.count((MIDIMessage{0xC7, 5, 0}).GetStatus()), 1u);
 }

@@ -464,21 +464,3 @@ TEST_F(HowToPlayTest, ACopyIsAnIndependentSecondPosition) {
     EXPECT_EQ(moved.GetBarString(), "6:2");  // 6/8 beats in dotted quarters: 8640, 9360
 }
 
-TEST_F(HowToPlayTest, WriteDspEventsDumpsBothSequences) {
-    std::vector<std::string> lines;
-    kit::LogSink previous =
-        kit::SetLogSink([&lines](const std::string& line) { lines.push_back(line); });
-    Load(position, *MainSong());
-    position.WriteDspEvents();
-    kit::SetLogSink(previous);
-
-    ASSERT_GE(lines.size(), 8u);
-    EXPECT_EQ(lines[0], "HowToPlay dsp events:");
-    EXPECT_EQ(lines[1], "Transpositions:");
-    EXPECT_EQ(lines[2].rfind("Sequence(code=114", 0), 0u) << lines[2];
-    EXPECT_NE(lines[2].find("event count = 1"), std::string::npos);
-    const auto header = std::find(lines.begin(), lines.end(), "Tempo Scales:");
-    ASSERT_NE(header, lines.end());
-    ASSERT_NE(header + 1, lines.end());
-    EXPECT_EQ(header[1].rfind("Sequence(code=113", 0), 0u) << header[1];
-}

@@ -1,11 +1,8 @@
 // Learned transport commands end to end: a virtual input device, the dispatcher, the commands
 // object and its settings file.
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <memory>
 #include <string>
 #include <thread>
@@ -16,6 +13,7 @@
 #include "midi/midi_commands.h"
 #include "midi_input_support.h"
 #include "platform/virtual_midi.h"
+#include "tests/support/temp_folder.h"
 
 using namespace midi_input_test;
 using midi_commands::LearnedCommand;
@@ -26,26 +24,12 @@ namespace {
 
 class MidiCommandsTest : public ::testing::Test {
   protected:
-    void SetUp() override {
-        notify::guiDispatcher.SetSink(gui_);
-        path_ = std::filesystem::temp_directory_path() /
-                ("midi_commands_test_" + std::to_string(getpid()) + "_" +
-                 ::testing::UnitTest::GetInstance()->current_test_info()->name());
-        std::filesystem::remove(path_);
-    }
-    void TearDown() override {
-        notify::guiDispatcher.SetSink(nullptr);
-        std::filesystem::remove(path_);
-    }
+    void SetUp() override { notify::guiDispatcher.SetSink(gui_); }
+    void TearDown() override { notify::guiDispatcher.SetSink(nullptr); }
 
-    std::vector<std::uint8_t> FileBytes() const {
-        std::ifstream in(path_, std::ios::binary);
-        return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
-    }
+    std::vector<std::uint8_t> FileBytes() const { return test_support::ReadBytes(path_); }
     void WriteFile(const std::vector<std::uint8_t>& bytes) const {
-        std::ofstream out(path_, std::ios::binary | std::ios::trunc);
-        out.write(reinterpret_cast<const char*>(bytes.data()),
-                  static_cast<std::streamsize>(bytes.size()));
+        test_support::WriteBytes(path_, bytes);
     }
     std::vector<notify::GuiMessage> GuiCalls(const std::string& operation) const {
         std::vector<notify::GuiMessage> calls;
@@ -58,7 +42,8 @@ class MidiCommandsTest : public ::testing::Test {
     }
 
     std::shared_ptr<notify::RecordingGuiSink> gui_ = std::make_shared<notify::RecordingGuiSink>();
-    std::filesystem::path path_;
+    test_support::TempFolder folder_;
+    std::filesystem::path path_ = folder_.path() / "midi_commands.dat";
 };
 
 const std::string& kPlay = notify::names::midiCommandPlay;

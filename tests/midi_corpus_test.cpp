@@ -1,7 +1,6 @@
 // Every MIDI file of the shared corpus (real files nobody on this project wrote) is imported:
 // valid ones load, damaged ones load with a warning where their music is unambiguous, the rest
-// are refused with an error naming the file and byte offset; none crashes. Also loads the
-// committed example show.
+// are refused with an error naming the file and byte offset; none crashes.
 //
 // Choices for the damaged files of the corpus:
 //   refused  empty file, text file          no header (byte 0)
@@ -186,27 +185,6 @@ TEST_F(MidiCorpus, SpotChecksOfLoadedFiles) {
     const auto twoTracks = Load(CorpusFile("test-2-tracks-type-1.mid")).song;
     EXPECT_EQ(twoTracks.GetVoiceData().size(), 2u);
     EXPECT_TRUE(twoTracks.GetVoiceData().contains(0x001));
-}
-
-TEST(ExampleShow, LoadsWithItsSongsTracksAndChangeLog) {
-    const auto show = velt_core::LoadShow(std::string(VELT_EXAMPLES_DIR) + "/harbour_lights");
-    EXPECT_EQ(show->GetShowName(), "Harbour Lights");
-    ASSERT_EQ(show->GetSongs().size(), 4u);
-    const auto& waltz = *show->GetSongs()[1];
-    EXPECT_EQ(waltz.GetTimeline().GetMeters()[0].numerator, 3);
-    EXPECT_EQ(waltz.GetSongLog().GetMarkers().size(), 3u);
-    EXPECT_TRUE(waltz.GetVoiceData().contains(0x010));  // second port
-    EXPECT_EQ(waltz.GetVoiceData().at(0x009).channelIndex, 9);
-    EXPECT_EQ(waltz.GetVoiceData().at(0x009).range,
-              (std::pair<std::uint8_t, std::uint8_t>{255, 255}));
-    // The strings' keyswitches lie below the range the manifest gives them.
-    const auto& strings = show->GetSongs()[0]->GetVoiceData().at(0x000);
-    EXPECT_EQ(strings.range, (std::pair<std::uint8_t, std::uint8_t>{36, 96}));
-    EXPECT_TRUE(std::any_of(strings.events.begin(), strings.events.end(), [](const auto& e) {
-        return (e.status & 0xF0) == 0x90 && e.data1 == 24;
-    }));
-    EXPECT_EQ(show->GetSongs()[2]->GetSongLog().GetTranspositions().size(), 1u);
-    EXPECT_EQ(show->GetSongs()[2]->GetTimeline().GetKeys().size(), 2u);
 }
 
 }  // namespace

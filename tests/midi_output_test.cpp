@@ -204,19 +204,12 @@ TEST(MidiOutput, ArmingNeedsPrimingAndPrimingFillsFourBuffersFirstOneFlagged) {
     EXPECT_TRUE(output->ArmPlayback());
     EXPECT_TRUE(output->ArmPlayback());
 
-    std::unique_lock lock(output->GetMutex());
-    EXPECT_THROW(
-        {
-            try {
-                output->PrimeBuffers(lock);
-            } catch (const std::logic_error& error) {
-                EXPECT_STREQ(error.what(),
-                             "PrimeBuffers() must only be called when playback is stopped.");
-                throw;
-            }
-        },
-        std::logic_error);
-    lock.unlock();
+    try {
+        Prime(*output);
+        ADD_FAILURE() << "primed while armed";
+    } catch (const std::logic_error& error) {
+        EXPECT_STREQ(error.what(), "PrimeBuffers() must only be called when playback is stopped.");
+    }
 
     output->DisarmPlayback();
     EXPECT_FALSE(output->ArmPlayback());
@@ -406,15 +399,10 @@ TEST(MidiOutput, IndicesWrapAndTimeCodeFailuresAreLoggedNotThrown) {
     output->IncrementFillBufferIndex();
     EXPECT_EQ(output->GetFillBufferIndex(), 0);
 
-    std::vector<std::string> lines;
-    std::mutex linesMutex;
-    auto previous = kit::SetLogSink([&](const std::string& line) {
-        std::scoped_lock lock(linesMutex);
-        lines.push_back(line);
-    });
+    ClockLogCapture log;
     output->SetTimeCodeCallback([](double, double, double) { throw std::runtime_error("bad tc"); });
     EXPECT_NO_THROW(output->DoTimeCodeCallback(1, 2, 3));
-    kit::SetLogSink(previous);
+    const auto lines = log.Lines();
     ASSERT_EQ(lines.size(), 1u);
     EXPECT_NE(lines[0].find("bad tc (midi/Sources/midi_output line 644)"), std::string::npos);
 }

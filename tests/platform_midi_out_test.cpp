@@ -5,14 +5,13 @@
 #include <atomic>
 #include <cstddef>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <latch>
 #include <memory>
 #include <optional>
 
 #include "platform/virtual_midi.h"
 #include "platform_midi_support.h"
+#include "tests/support/temp_folder.h"
 
 using namespace platform_midi_test;
 using velt_platform::VirtualMidiOutput;
@@ -28,16 +27,6 @@ HMIDIOUT AsOut(HMIDISTRM stream) {
 
 LPMIDIHDR HeaderOf(const CallbackRecord& record) {
     return reinterpret_cast<LPMIDIHDR>(record.param1);
-}
-
-Bytes ReadAndRemove(const std::filesystem::path& path) {
-    Bytes bytes;
-    {
-        std::ifstream in(path, std::ios::binary);
-        bytes.assign(std::istreambuf_iterator<char>(in), {});
-    }
-    std::filesystem::remove(path);
-    return bytes;
 }
 
 // A stream opened on a fresh virtual output, paused as after open; closed at the end of the test
@@ -629,7 +618,8 @@ TEST(PlatformMidiFile, WritesFormatZeroWithMillisecondTicks) {
         {{0x80, 60, 64}, start + 201'000'000, 1},  // 200 ms later: delta 200
         {{0xF0, 0x7E, 0x7F, 0xF7}, start + 201'000'000, std::nullopt},
     };
-    const auto path = std::filesystem::temp_directory_path() / "velt_platform_midi_file_test.mid";
+    const test_support::TempFolder folder;
+    const auto path = folder.path() / "written.mid";
     velt_platform::WriteStandardMidiFile(path, messages, start);
     const Bytes expected{
         'M',  'T',  'h',  'd',  0,    0,    0,    6,    0,    0,
@@ -638,14 +628,15 @@ TEST(PlatformMidiFile, WritesFormatZeroWithMillisecondTicks) {
         0x51, 0x03, 0x0F, 0x42, 0x40,                        // 1000000 us per quarter
         0x01, 0x90, 60,   100,  0x81, 0x48, 0x80, 60,   64,  // delta 200 as a two-byte quantity
         0x00, 0xF0, 0x03, 0x7E, 0x7F, 0xF7, 0x00, 0xFF, 0x2F, 0x00};
-    EXPECT_EQ(ReadAndRemove(path), expected);
+    EXPECT_EQ(test_support::ReadBytes(path), expected);
 }
 
 TEST(PlatformMidiFile, DefaultOutputWritesWhatItReceivedOnClose) {
     if (midiOutGetNumDevs() != 1 || OutputName(0) != "Built-in Default Output") {
         GTEST_SKIP() << "system MIDI ports are present, so the default output is not listed";
     }
-    const auto path = std::filesystem::temp_directory_path() / "velt_default_output_test.mid";
+    const test_support::TempFolder folder;
+    const auto path = folder.path() / "default_output.mid";
     velt_platform::SetDefaultOutputMidiFile(path);
     HMIDIOUT out = nullptr;
     ASSERT_EQ(midiOutOpen(&out, 0, 0, 0, CALLBACK_NULL), MMSYSERR_NOERROR);
@@ -654,7 +645,7 @@ TEST(PlatformMidiFile, DefaultOutputWritesWhatItReceivedOnClose) {
     velt_platform::SetDefaultOutputMidiFile({});
     const Bytes note{0x91, 0x43, 0x7F};
     EXPECT_EQ(velt_platform::DefaultMidiOutput().Messages().back().bytes, note);
-    const Bytes bytes = ReadAndRemove(path);
+    const Bytes bytes = test_support::ReadBytes(path);
     ASSERT_EQ(bytes.size(), 14u + 8u + 7u + 4u + 4u);
     EXPECT_EQ(Bytes(bytes.end() - 7, bytes.end() - 4), note);
 }

@@ -18,6 +18,7 @@
 #include <thread>
 #include <vector>
 
+#include "clock_log_capture.h"
 #include "interfaces/kit.h"
 #include "interfaces/notify.h"
 #include "midi/how_to_play.h"
@@ -115,27 +116,21 @@ velt_midi::SongData QuarterNotes(int bars) {
     return *song.Build();
 }
 
-// The log lines written while it lives.
-class LogLines {
+// The log lines written while it lives, counted by how they start (and end).
+class LogLines : public ClockLogCapture {
   public:
-    LogLines()
-        : previous_(kit::SetLogSink([this](const std::string& line) {
-              std::scoped_lock lock(mutex_);
-              lines_.push_back(line);
-          })) {}
-    ~LogLines() { kit::SetLogSink(previous_); }
-    std::size_t CountStartingWith(const std::string& prefix) {
-        std::scoped_lock lock(mutex_);
-        return static_cast<std::size_t>(
-            std::count_if(lines_.begin(), lines_.end(),
-                          [&](const std::string& line) { return line.rfind(prefix, 0) == 0; }));
+    std::size_t CountStartingWith(const std::string& prefix, const std::string& suffix = "") {
+        const auto lines = Lines();
+        return static_cast<std::size_t>(std::count_if(lines.begin(), lines.end(), [&](auto& line) {
+            return line.starts_with(prefix) && line.ends_with(suffix);
+        }));
     }
-
-  private:
-    std::mutex mutex_;
-    std::vector<std::string> lines_;
-    kit::LogSink previous_;
 };
+
+const std::string kStageLeftGone =
+    "[ERROR] MIDI output device \"Stage Left\" is no longer connected (midi/Sources/win32/"
+    "win_synth line 166: calling midiStreamOut caused error 68, MIDIERR_NODEVICE port no longer "
+    "connected.)";
 
 // The device-lost notifications posted while it lives: the device names, in order.
 class LostDevices {
@@ -259,19 +254,10 @@ TEST_P(Playback, ACaesuraStopsAtItsTickAndASeekResumesWithTheChasedState) {
 
 TEST_P(Playback, APacketTheServiceNeverReturnsIsQuarantinedAndPlaybackGoesOn) {
     velt_platform::VirtualMidiOutput device("Playback Test Out");
-    auto song = velt_core::SongBuilder("Short", 480).Tempo(0, 600).Meter(0, 4, 4).Bars(2);
-    for (std::uint32_t tick = 0; tick < 3840; tick += 240) {
-        song.Note(0x00, tick, static_cast<std::uint8_t>(60 + tick / 240), 80, 200);
-    }
-    std::vector<std::string> lines;
-    std::mutex linesMutex;
-    auto previous = kit::SetLogSink([&](const std::string& line) {
-        std::scoped_lock lock(linesMutex);
-        lines.push_back(line);
-    });
+    LogLines log;
     device.LoseCompletionOfPacket(3);
     {
-        Host host(*song.Build(), 1, {}, GetParam());
+        Host host(QuarterNotes(2), 1, {}, GetParam());
         host.Play(0);
         ASSERT_TRUE(host.WaitForStops(1));
         auto packets = Packets(device);
@@ -282,21 +268,13 @@ TEST_P(Playback, APacketTheServiceNeverReturnsIsQuarantinedAndPlaybackGoesOn) {
                   ExpectedPackets(host.Filled(), std::numeric_limits<std::uint32_t>::max()));
         EXPECT_GT(packets.size(), 4u);
     }  // closing the device warns about the packet still out
-    kit::SetLogSink(previous);
-
-    std::scoped_lock lock(linesMutex);
-    auto has = [&](const std::string& prefix, const std::string& suffix) {
-        return std::any_of(lines.begin(), lines.end(), [&](const std::string& line) {
-            return line.rfind(prefix, 0) == 0 && line.size() >= suffix.size() &&
-                   line.compare(line.size() - suffix.size(), suffix.size(), suffix) == 0;
-        });
-    };
-    EXPECT_TRUE(
-        has("midiStreamOutDone_ timed out without receiving a mom done message. Buffer Main "
-            "Buffer ",
-            " data buffer 0 will be quarantined."));
-    EXPECT_TRUE(
-        has("WARNING: Main Buffer ", " has 1 quarantined data buffers after midiStreamStop."));
+    EXPECT_GE(log.CountStartingWith("midiStreamOutDone_ timed out without receiving a mom done "
+                                    "message. Buffer Main Buffer ",
+                                    " data buffer 0 will be quarantined."),
+              1u);
+    EXPECT_GE(log.CountStartingWith("WARNING: Main Buffer ",
+                                    " has 1 quarantined data buffers after midiStreamStop."),
+              1u);
 }
 
 TEST_P(PlaybackDevices, ADeviceThatGoesAwayIsReportedOnceAndReopenedByNameWhenItIsBack) {
@@ -313,11 +291,7 @@ TEST_P(PlaybackDevices, ADeviceThatGoesAwayIsReportedOnceAndReopenedByNameWhenIt
     ASSERT_TRUE(lost.WaitFor(1));
     EXPECT_EQ(lost.Names(), std::vector<std::string>{"Stage Left"});
     EXPECT_TRUE(host.Output().GetSynthIsLost());
-    EXPECT_EQ(log.CountStartingWith("[ERROR] MIDI output device \"Stage Left\" is no longer "
-                                    "connected (midi/Sources/win32/win_synth line 166: calling "
-                                    "midiStreamOut caused error 68, MIDIERR_NODEVICE port no "
-                                    "longer connected.)"),
-              1u);
+    EXPECT_EQ(log.CountStartingWith(kStageLeftGone), 1u);
 
     // Plugged in again: it comes back under another device id, and is found by its name.
     left.emplace("Stage Left");
@@ -418,10 +392,6 @@ TEST(PlaybackDevices, ALossFoundByTheHostsOwnSendIsReportedByTheNextRun) {
     ASSERT_TRUE(lost.WaitFor(1));
     ASSERT_TRUE(host.WaitForStops(1));
     EXPECT_EQ(lost.Names(), std::vector<std::string>{"Stage Left"});
-    EXPECT_EQ(log.CountStartingWith("[ERROR] MIDI output device \"Stage Left\" is no longer "
-                                    "connected (midi/Sources/win32/win_synth line 166: calling "
-                                    "midiStreamOut caused error 68, MIDIERR_NODEVICE port no "
-                                    "longer connected.)"),
-              1u);
+    EXPECT_EQ(log.CountStartingWith(kStageLeftGone), 1u);
     EXPECT_TRUE(other.Messages().empty());
 }

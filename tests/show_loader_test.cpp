@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "captured_log.h"
+#include "tests/support/temp_folder.h"
 #include "velt_core/show_loader.h"
 #include "velt_core/smf_writer.h"
 #include "velt_core/song_builder.h"
@@ -215,13 +216,8 @@ TEST(SongFromSmf, TicksOverflowingWhenScaledAndHugeSongsAreRefused) {
 class ShowManifest : public ::testing::Test {
   protected:
     void SetUp() override {
-        dir_ = std::filesystem::path(::testing::TempDir()) /
-               ("show_" +
-                std::string(::testing::UnitTest::GetInstance()->current_test_info()->name()));
-        // Fresh for every run: files left by an earlier run must not be read or overwritten
-        // (overwriting one with copy_file failed in the Windows build under Wine).
-        std::filesystem::remove_all(dir_);
-        std::filesystem::create_directories(dir_);
+        // The folder is fresh for every run: files left by an earlier run must not be read or
+        // overwritten (overwriting one with copy_file failed in the Windows build under Wine).
         auto song = velt_core::SongBuilder("From File", 480)
                         .Meter(0, 3, 4)
                         .Track(0x011, "Flute", 73)
@@ -250,7 +246,8 @@ class ShowManifest : public ::testing::Test {
         }
     }
 
-    std::filesystem::path dir_;
+    test_support::TempFolder folder_;
+    const std::filesystem::path dir_ = folder_.path();
 };
 
 TEST_F(ShowManifest, AddsTheChangeLogPagesRangesAndGroupsAtBarBeatPositions) {

@@ -5,11 +5,11 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
-#include <fstream>
 #include <string>
 #include <vector>
 
 #include "captured_log.h"
+#include "tests/support/temp_folder.h"
 #include "velt_core/show_loader.h"
 #include "velt_core/smf_reader.h"
 #include "velt_core/smf_writer.h"
@@ -163,10 +163,9 @@ TEST(SmfImport, SystemExclusiveAndSystemMessagesAreReportedInOneLinePerFile) {
                         0x00, 0xF0, 0x02, 0x43, 0xF7,        // a whole SysEx
                         0x00, 0xF7, 0x03, 0xF0, 0x7E, 0xF7,  // an escape
                         0x00, 0x90, 0x3C, 0x40, 0x00, 0xFF, 0x2F, 0x00};
-    const std::string path = ::testing::TempDir() + "sysex.mid";
-    const Bytes bytes = OneTrack(body);
-    std::ofstream(path, std::ios::binary)
-        .write(reinterpret_cast<const char*>(bytes.data()), std::streamsize(bytes.size()));
+    const test_support::TempFolder folder;
+    const std::string path = folder.Path("sysex.mid");
+    test_support::WriteBytes(path, OneTrack(body));
     CapturedLog log;
     const auto song = velt_core::LoadSongFile(path);
     EXPECT_EQ(song.GetVoiceData().at(0).events.size(), 1u);

@@ -5,7 +5,6 @@
 
 #include <chrono>
 #include <cstdlib>
-#include <filesystem>
 #include <memory>
 #include <string>
 #include <thread>
@@ -15,6 +14,7 @@
 #include "apps/sync_outputs.h"
 #include "platform/virtual_midi.h"
 #include "tests/support/mtc_receiver.h"
+#include "tests/support/temp_folder.h"
 #include "velt_core/song_builder.h"
 
 namespace {
@@ -38,9 +38,7 @@ std::shared_ptr<velt_midi::SongData> ShortSong() {
 struct Fixture {
     explicit Fixture(velt_play::SyncCommandLine line) {
         show->AddSong(song);
-        const auto folder = std::filesystem::temp_directory_path() /
-                            ("velt_sync_test_" + std::to_string(::getpid()));
-        ::setenv("XDG_CONFIG_HOME", folder.c_str(), 1);
+        ::setenv("XDG_CONFIG_HOME", folder.path().c_str(), 1);
         sync = std::make_unique<velt_play::SyncOutputs>(*show, velt_play::ResolveSyncOptions(line));
         session = std::make_unique<velt_play::ShowSession>(
             std::vector<velt_play::SessionSong>{{song->GetSongName(), song, ""}}, show,
@@ -50,8 +48,6 @@ struct Fixture {
     ~Fixture() {
         session.reset();
         sync.reset();
-        std::filesystem::remove_all(std::filesystem::temp_directory_path() /
-                                    ("velt_sync_test_" + std::to_string(::getpid())));
     }
     static std::vector<Message> Heard(const VirtualMidiOutput& device) {
         std::vector<Message> messages;
@@ -61,6 +57,7 @@ struct Fixture {
         return messages;
     }
 
+    test_support::TempFolder folder;  // the settings folder
     VirtualMidiOutput music{"Sync Music"};
     VirtualMidiOutput beatClock{"Sync Beat Clock"};
     VirtualMidiOutput timeCode{"Sync Time Code"};

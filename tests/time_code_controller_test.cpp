@@ -3,9 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
@@ -14,33 +12,19 @@
 #include "interfaces/notify.h"
 #include "midi/time_code_controller.h"
 #include "midi/win32/midi_time_code_thread_win32.h"
+#include "tests/support/temp_folder.h"
 #include "tests/support/virtual_devices.h"
 
 namespace {
 
-using Bytes = std::vector<unsigned char>;
+using Bytes = std::vector<std::uint8_t>;
+using test_support::ReadBytes;
+using test_support::WriteBytes;
 using velt_platform::VirtualMidiOutput;
-namespace fs = std::filesystem;
 
-struct Folder {
-    fs::path path = fs::temp_directory_path() /
-                    ("velt_mtc_settings_" + std::to_string(::getpid()) + "_" +
-                     ::testing::UnitTest::GetInstance()->current_test_info()->name());
-    Folder() { fs::create_directories(path); }
-    ~Folder() { fs::remove_all(path); }
-    std::string File() const { return (path / "mtc.settings").string(); }
+struct Folder : test_support::TempFolder {
+    std::string File() const { return Path("mtc.settings"); }
 };
-
-Bytes ReadAll(const std::string& file) {
-    std::ifstream in(file, std::ios::binary);
-    return Bytes(std::istreambuf_iterator<char>(in), {});
-}
-
-void WriteAll(const std::string& file, const Bytes& bytes) {
-    std::ofstream out(file, std::ios::binary | std::ios::trunc);
-    out.write(reinterpret_cast<const char*>(bytes.data()),
-              static_cast<std::streamsize>(bytes.size()));
-}
 
 Bytes SettingsBytes(unsigned char active, unsigned char hasPort, unsigned int port,
                     unsigned char rate) {
@@ -77,8 +61,7 @@ TEST(TimeCodeSettings, SavedFileLayoutAndReload) {
         controller.SetOutputPortIndex(0x01020304);
         controller.SetFrameRate(FrameRate::Fps2997Drop);
     }
-    EXPECT_EQ(ReadAll(folder.File()), SettingsBytes(0, 1, 0x01020304, 2));
-    EXPECT_EQ(ReadAll(folder.File()).size(), 28u);
+    EXPECT_EQ(ReadBytes(folder.File()), SettingsBytes(0, 1, 0x01020304, 2));
     const std::vector<notify::GuiMessage> expected{
         {"SendMtcOutputPortNotification", std::to_string(0x01020304)},
         {"SendMtcFrameRateNotification", "29.97 fps drop"}};
@@ -114,7 +97,7 @@ TEST(TimeCodeSettings, DamagedFilesLeaveTheDefaultsAndAreLogged) {
     }
     for (const auto& c : cases) {
         SCOPED_TRACE(std::string(c.what) + ", " + std::to_string(c.bytes.size()) + " bytes");
-        WriteAll(folder.File(), c.bytes);
+        WriteBytes(folder.File(), c.bytes);
         CapturedLog log;
         MidiTimeCodeController controller(folder.File());
         ExpectDefaults(controller);
@@ -124,7 +107,7 @@ TEST(TimeCodeSettings, DamagedFilesLeaveTheDefaultsAndAreLogged) {
         EXPECT_NE(log.lines()[0].find(c.logged), std::string::npos) << log.lines()[0];
     }
     // A file saying "on" loads as off, with its port and rate.
-    WriteAll(folder.File(), SettingsBytes(1, 1, 9, 0));
+    WriteBytes(folder.File(), SettingsBytes(1, 1, 9, 0));
     MidiTimeCodeController controller(folder.File());
     EXPECT_FALSE(controller.GetIsActive());
     EXPECT_EQ(controller.GetOutputPortIndex(), 9u);
@@ -133,7 +116,7 @@ TEST(TimeCodeSettings, DamagedFilesLeaveTheDefaultsAndAreLogged) {
 
 TEST(TimeCodeSettings, UnwritableFileRaisesIoErrorWithItsPath) {
     Folder folder;
-    const std::string path = (folder.path / "missing" / "mtc.settings").string();
+    const std::string path = (folder.path() / "missing" / "mtc.settings").string();
     CapturedLog log;  // the missing file's load failure
     MidiTimeCodeController controller(path);
     try {

@@ -13,7 +13,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cctype>
 #include <chrono>
 #include <condition_variable>
 #include <cstdlib>
@@ -32,6 +31,7 @@
 #include "midi/how_to_play.h"
 #include "midi/persistent_midi.h"
 #include "midi/user_controls.h"
+#include "tests/support/temp_folder.h"
 #include "velt_core/show_loader.h"
 #include "velt_core/smf_reader.h"
 #include "velt_core/smf_writer.h"
@@ -148,6 +148,10 @@ class Player {
         std::unique_lock lock(mutex_);
         return grew_.wait_for(lock, limit, [&] { return seen(output_text_); });
     }
+    bool WaitForText(const std::string& wanted, std::chrono::milliseconds limit = 20s) {
+        return WaitForOutput(
+            [&](const std::string& text) { return text.find(wanted) != text.npos; }, limit);
+    }
     // Waits until the status area (or a bar line) shows bar `bar` or a later one.
     bool WaitForBar(int bar, std::chrono::milliseconds limit = 30s) {
         static const std::regex shown(R"(bar (\d+))");
@@ -223,23 +227,18 @@ class Player {
     std::size_t mark_ = 0;
 };
 
-// A folder of its own for each test, removed afterwards.
+// A folder of its own for each test.
 class PlayerTest : public ::testing::Test {
   protected:
     void SetUp() override {
         // The program must play into the built-in default output on any machine.
         setenv("VELT_MIDI_SYSTEM_PORTS", "0", 1);
         unsetenv("VELT_DEFAULT_OUTPUT_SMF");
-        const auto* test = ::testing::UnitTest::GetInstance()->current_test_info();
-        folder_ = std::filesystem::temp_directory_path() /
-                  ("velt_play_test_" + std::to_string(getpid()) + "_" + test->name());
-        std::filesystem::create_directories(folder_);
     }
-    void TearDown() override { std::filesystem::remove_all(folder_); }
 
-    std::string Path(const std::string& name) const { return (folder_ / name).string(); }
+    std::string Path(const std::string& name) const { return folder_.Path(name); }
 
-    std::filesystem::path folder_;
+    test_support::TempFolder folder_;
 };
 
 const std::string exampleShow = VELT_EXAMPLES_DIR "/harbour_lights";
@@ -568,23 +567,16 @@ TEST_F(PlayerTest, APerformerPlaysJumpsMutesTransposesAndQuitsAtTheTerminal) {
     const std::string song = WriteCountingSong(Path("counting.mid"));
     const std::string recording = Path("recording.mid");
     Player player(Player::Mode::terminal, {song, "--record", recording});
-    ASSERT_TRUE(player.WaitForOutput(
-        [](const std::string& text) { return text.find("cued: space plays") != std::string::npos; },
-        20s))
-        << player.Output();
+    ASSERT_TRUE(player.WaitForText("cued: space plays")) << player.Output();
     player.Type("?");  // the keys are there to read
-    ASSERT_TRUE(player.WaitForOutput(
-        [](const std::string& text) { return text.find("mute or unmute a track") != text.npos; },
-        10s));
+    ASSERT_TRUE(player.WaitForText("mute or unmute a track", 10s));
 
     player.Mark();
     player.Type(" ");
     ASSERT_TRUE(player.WaitForBar(2)) << player.Output();
     // Two steps typed faster than a beat are two steps, not one from the scale still shown.
     player.Type("++");
-    ASSERT_TRUE(player.WaitForOutput(
-        [](const std::string& text) { return text.find("scale 1.10") != text.npos; }, 10s))
-        << player.Output();
+    ASSERT_TRUE(player.WaitForText("scale 1.10", 10s)) << player.Output();
     player.Mark();
     player.Type("b9\r");  // a jump while playing
     ASSERT_TRUE(player.WaitForBar(10)) << player.Output();
@@ -594,8 +586,7 @@ TEST_F(PlayerTest, APerformerPlaysJumpsMutesTransposesAndQuitsAtTheTerminal) {
     player.Mark();
     ASSERT_TRUE(player.WaitForBar(12)) << player.Output();
     player.Type("q");  // asks again while the music plays
-    ASSERT_TRUE(player.WaitForOutput(
-        [](const std::string& text) { return text.find("q again quits") != text.npos; }, 10s));
+    ASSERT_TRUE(player.WaitForText("q again quits", 10s));
     player.Type("q");
     ASSERT_EQ(player.Wait(20s), 0) << player.Output();
     const std::string output = player.Output();
@@ -638,28 +629,18 @@ TEST_F(PlayerTest, AConductorBeatsClicksWithTheSpaceBarAndStopsWithAFullStop) {
     const std::string song = WriteCountingSong(Path("counting.mid"));
     const std::string recording = Path("recording.mid");
     Player player(Player::Mode::terminal, {song, "--clock", "conducted", "--record", recording});
-    ASSERT_TRUE(player.WaitForOutput(
-        [](const std::string& text) { return text.find("space beat") != std::string::npos; }, 20s))
-        << player.Output();
+    ASSERT_TRUE(player.WaitForText("space beat")) << player.Output();
     player.Type(" ");  // plays, and the first click with it
     std::this_thread::sleep_for(300ms);
     player.Type(" ");  // the second: the tempo beaten is known from here
+    static const std::regex beaten(R"(beaten \d)");  // the tempo beaten is shown
     ASSERT_TRUE(player.WaitForOutput(
-        [](const std::string& text) {
-            for (auto at = text.find("beaten "); at != text.npos; at = text.find("beaten ", at + 1))
-                if (at + 7 < text.size() && std::isdigit(static_cast<unsigned char>(text[at + 7])))
-                    return true;
-            return false;
-        },
-        20s))
+        [](const std::string& text) { return std::regex_search(text, beaten); }, 20s))
         << player.Output();
     // However long it is given, the music waits at the third click for its beat.
     std::this_thread::sleep_for(1s);
     player.Type(".");
-    ASSERT_TRUE(player.WaitForOutput(
-        [](const std::string& text) { return text.find("stopped: Enter plays on") != text.npos; },
-        20s))
-        << player.Output();
+    ASSERT_TRUE(player.WaitForText("stopped: Enter plays on")) << player.Output();
     player.Type("q");
     ASSERT_EQ(player.Wait(20s), 0) << player.Output();
 
@@ -697,30 +678,9 @@ TEST_F(PlayerTest, AScriptListsTheDevicesAndPlaysBarsOfASongTransposedWithATrack
     EXPECT_TRUE(HeldAfter(heard, heard.size() - 32).empty());
 }
 
-TEST_F(PlayerTest, PlaysTheExampleShowThroughAndRecordsEverySongEventForEvent) {
-    const std::string recording = Path("show.mid");
-    Player player(Player::Mode::piped,
-                  {exampleShow, "--play", "--tempo-scale", "2", "--record", recording});
-    ASSERT_EQ(player.Wait(300s), 0) << player.Output() << player.Errors();
-    EXPECT_EQ(player.Errors(), "");
-    const std::string output = player.Output();
-    for (const char* line : {"Song 1: Lanterns\n  bar 1\n", "  bar 4  \"Caesura\"\n",
-                             "  caesura at bar 4: playing on\n", "  bar 5  \"A tempo\"\n",
-                             "Song 4: Last Ferry\n  bar 1  \"Intro\"\n"}) {
-        EXPECT_NE(output.find(line), std::string::npos) << line;
-    }
-    EXPECT_NE(output.find("The recording is in " + recording), std::string::npos);
-
-    const auto show = velt_core::LoadShow(exampleShow);
-    const auto heard = ReadRecording(recording);
-    SongMatcher matcher(heard);
-    for (const auto& song : show->GetSongs()) {
-        matcher.Match(*song);
-    }
-    EXPECT_EQ(matcher.Position(), heard.size()) << "more than the songs was sent";
-}
-
-TEST_F(PlayerTest, PlaysASongOfMoreThanTwoMinutesToItsEnd) {
+// The two long runs play at once, each in a process of its own into its own default output: the
+// show's fifty seconds pass while the long song plays.
+TEST_F(PlayerTest, PlaysTheExampleShowAndASongOfMoreThanTwoMinutesThroughEventForEvent) {
     // 68 bars of 4/4 at 120 quarter notes a minute: 136 seconds as written, 68 at double speed.
     velt_core::SongBuilder builder("Long Road", 480);
     builder.Tempo(0, 120).Meter(0, 4, 4).Bars(68);
@@ -735,24 +695,43 @@ TEST_F(PlayerTest, PlaysASongOfMoreThanTwoMinutesToItsEnd) {
             }
         }
     }
-    const auto song = builder.Build();
     const std::string file = Path("long_road.mid");
-    velt_core::WriteSmf(velt_core::SmfFromSong(*song), file);
-    const std::string recording = Path("long.mid");
+    velt_core::WriteSmf(velt_core::SmfFromSong(*builder.Build()), file);
+    const std::string longRecording = Path("long.mid");
+    Player longSong(Player::Mode::piped,
+                    {file, "--play", "--tempo-scale", "2", "--record", longRecording});
+    const std::string recording = Path("show.mid");
     Player player(Player::Mode::piped,
-                  {file, "--play", "--tempo-scale", "2", "--record", recording});
-    ASSERT_EQ(player.Wait(300s), 0) << player.Output() << player.Errors();
-    EXPECT_NE(player.Output().find("  bar 68\n  ended after"), std::string::npos)
-        << player.Output();
+                  {exampleShow, "--play", "--tempo-scale", "2", "--record", recording});
 
+    ASSERT_EQ(player.Wait(300s), 0) << player.Output() << player.Errors();
+    EXPECT_EQ(player.Errors(), "");
+    const std::string output = player.Output();
+    for (const char* line : {"Song 1: Lanterns\n  bar 1\n", "  bar 4  \"Caesura\"\n",
+                             "  caesura at bar 4: playing on\n", "  bar 5  \"A tempo\"\n",
+                             "Song 4: Last Ferry\n  bar 1  \"Intro\"\n"}) {
+        EXPECT_NE(output.find(line), std::string::npos) << line;
+    }
+    EXPECT_NE(output.find("The recording is in " + recording), std::string::npos);
+    const auto show = velt_core::LoadShow(exampleShow);
     const auto heard = ReadRecording(recording);
     SongMatcher matcher(heard);
-    matcher.Match(velt_core::LoadSongFile(file));
-    EXPECT_EQ(matcher.Position(), heard.size());
+    for (const auto& song : show->GetSongs()) {
+        matcher.Match(*song);
+    }
+    EXPECT_EQ(matcher.Position(), heard.size()) << "more than the songs was sent";
+
+    ASSERT_EQ(longSong.Wait(300s), 0) << longSong.Output() << longSong.Errors();
+    EXPECT_NE(longSong.Output().find("  bar 68\n  ended after"), std::string::npos)
+        << longSong.Output();
+    const auto heardLong = ReadRecording(longRecording);
+    SongMatcher longMatcher(heardLong);
+    longMatcher.Match(velt_core::LoadSongFile(file));
+    EXPECT_EQ(longMatcher.Position(), heardLong.size());
     // The last beat came well after a minute of playing.
-    const auto lastNote = std::find_if(heard.rbegin(), heard.rend(),
+    const auto lastNote = std::find_if(heardLong.rbegin(), heardLong.rend(),
                                        [](const Heard& h) { return IsNoteOn(h.message); });
-    ASSERT_NE(lastNote, heard.rend());
+    ASSERT_NE(lastNote, heardLong.rend());
     EXPECT_GT(lastNote->ms, 65000u);
 }
 
@@ -762,9 +741,7 @@ TEST_F(PlayerTest, AnInterruptMidNoteStopsCleanlyAndKeepsTheRecording) {
         SCOPED_TRACE(signal);
         const std::string recording = Path("interrupted.mid");
         Player player(Player::Mode::piped, {song, "--play", "--record", recording});
-        ASSERT_TRUE(player.WaitForOutput(
-            [](const std::string& text) { return text.find("  bar 3\n") != text.npos; }, 30s))
-            << player.Output() << player.Errors();
+        ASSERT_TRUE(player.WaitForText("  bar 3\n", 30s)) << player.Output() << player.Errors();
         std::this_thread::sleep_for(300ms);  // into the bar, the pad's note sounding
         player.Signal(signal);
         ASSERT_EQ(player.Wait(20s), 128 + signal) << player.Output() << player.Errors();
@@ -832,7 +809,7 @@ TEST_F(PlayerTest, EveryBadRequestIsOneLineOnStandardErrorBeforeAnythingPlays) {
         {{song, "--timing", "late"}, "--timing is exact or clock, not \"late\"", 2},
         {{song, "--record"}, "--record needs a value", 2},
         {{song, "--record", Path("no/such/folder/x.mid")}, "cannot write the recording to", 1},
-        {{song, "--record", folder_.string()}, "cannot write the recording to", 1},
+        {{song, "--record", folder_.path().string()}, "cannot write the recording to", 1},
         {{Path("missing")}, "cannot open", 1},
         {{Path("missing.mid")}, "missing.mid", 1},
         {{badShow}, "show.json", 1},
