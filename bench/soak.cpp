@@ -104,8 +104,8 @@ int TrackOf(std::uint8_t key, int transposition) {
 SoakSong MakeSong(int number, std::mt19937& random, bool show, double speed) {
     SoakSong song;
     velt_core::SongBuilder builder("Soak " + std::to_string(number), kQuarter);
-    const double tempo = show ? 90 + static_cast<double>(random() % 71)
-                              : 900 + static_cast<double>(random() % 600);
+    const double tempo =
+        show ? 90 + static_cast<double>(random() % 71) : 900 + static_cast<double>(random() % 600);
     const double minutes = 7 + static_cast<double>(random() % 4001) / 1000.0;
     const int blockBars = show ? 8 : 4;
     std::uint32_t tick = 0;
@@ -268,9 +268,9 @@ class TimeCodeReader {
     }
     static std::string Text(long frames) {
         char text[48];
-        std::snprintf(text, sizeof text, "%02ld:%02ld:%02ld:%02ld", frames / kFramesPerSecond / 3600,
-                      frames / kFramesPerSecond / 60 % 60, frames / kFramesPerSecond % 60,
-                      frames % kFramesPerSecond);
+        std::snprintf(text, sizeof text, "%02ld:%02ld:%02ld:%02ld",
+                      frames / kFramesPerSecond / 3600, frames / kFramesPerSecond / 60 % 60,
+                      frames / kFramesPerSecond % 60, frames % kFramesPerSecond);
         return text;
     }
 
@@ -318,8 +318,8 @@ class TimeCodeReader {
 
 // The operations Operate_ draws from, by the number it draws (9 and up: a stretch).
 constexpr const char* kOperationNames[] = {
-    "jump",          "jump",         "mute or unmute", "transposition", "tempo scale",
-    "display delay", "device switch", "stop",          "song change",   "stretch"};
+    "jump",          "jump",          "mute or unmute", "transposition", "tempo scale",
+    "display delay", "device switch", "stop",           "song change",   "stretch"};
 constexpr unsigned kOperationKinds = 12;
 
 class Soak {
@@ -362,7 +362,7 @@ class Soak {
             next(tick);
         };
         hooks.located = [this, next = hooks.located](const velt_midi::SongData& song,
-                                                      std::uint32_t tick) {
+                                                     std::uint32_t tick) {
             ++locates_;
             next(song, tick);
         };
@@ -443,9 +443,9 @@ class Soak {
         Current_().WaitUntilQuiet();
         Current_().Catch();
         if (const int sounding = Current_().instrument.Sounding(); sounding != 0) {
-            Violation_("stuck notes", std::to_string(sounding) + " notes left sounding after " + where +
-                       " in song " + std::to_string(songIndex_ + 1) + " (" +
-                       Current_().instrument.Describe() + " )");
+            Violation_("stuck notes", std::to_string(sounding) + " notes left sounding after " +
+                                          where + " in song " + std::to_string(songIndex_ + 1) +
+                                          " (" + Current_().instrument.Describe() + " )");
             Current_().instrument.Silence();
         }
         Current_().Forget();
@@ -482,9 +482,9 @@ class Soak {
         for (const auto& [track, notes] : Song_().notes) {
             if (muted_.count(track) != 0)
                 continue;
-            auto note = std::lower_bound(
-                notes.begin(), notes.end(), end,
-                [](const TrackNote& n, std::uint32_t at) { return n.tick < at; });
+            auto note =
+                std::lower_bound(notes.begin(), notes.end(), end,
+                                 [](const TrackNote& n, std::uint32_t at) { return n.tick < at; });
             if (note == notes.begin())
                 continue;
             --note;
@@ -511,9 +511,8 @@ class Soak {
         // Done when a packet after the first period has arrived (the service plays packets in
         // order, so the first period's have all played).
         const auto laterArrived = [&] {
-            return std::any_of(messages.begin(), messages.end(), [&](const auto& m) {
-                return m.packet && *m.packet >= after;
-            });
+            return std::any_of(messages.begin(), messages.end(),
+                               [&](const auto& m) { return m.packet && *m.packet >= after; });
         };
         bool resting = false;
         for (;;) {
@@ -541,6 +540,13 @@ class Soak {
             if (packet && *packet >= start->packet && *packet < after)
                 cut = i + 1;
         }
+        // Note-offs outside any packet: the service's own, when a stream stop drops what it had.
+        int serviceNoteOffs = 0;
+        for (std::size_t i = device.heard; i < cut; ++i) {
+            const Message& m = messages[i].bytes;
+            if (!messages[i].packet && m.size() == 3 && (m[0] & 0xF0) == 0x80)
+                ++serviceNoteOffs;
+        }
         device.Catch(messages, cut);
         ++chases_[why];
         const auto expected = HeldAfterFirstPeriod_(start->tick);
@@ -558,10 +564,13 @@ class Soak {
                         std::to_string(TrackOf(static_cast<std::uint8_t>(key), transposition_)) +
                         ")";
         }
-        Violation_("chase", "chase after " + why + " at tick " + std::to_string(start->tick) + " of song " +
-                   std::to_string(songIndex_ + 1) + " (transposition " +
-                   std::to_string(transposition_) + ", " + std::to_string(muted_.size()) +
-                   " muted): missing" + missing + "; extra" + extra);
+        Violation_("chase after " + why,
+                   "chase after " + why + " at tick " + std::to_string(start->tick) + " of song " +
+                       std::to_string(songIndex_ + 1) + " (transposition " +
+                       std::to_string(transposition_) + ", " + std::to_string(muted_.size()) +
+                       " muted): missing" + missing + "; extra" + extra + "; " +
+                       std::to_string(serviceNoteOffs) +
+                       " note-offs outside a packet before the run");
     }
 
     // A caesura is played on from; an ended song is followed by the next one (the short mode) or
@@ -603,8 +612,7 @@ class Soak {
             case 0:
             case 1:
                 session_->SeekToBar(JumpBar_());
-                CheckChase_(session_->Status().state == PlayState::playing ? "a jump"
-                                                                           : "a cue");
+                CheckChase_(session_->Status().state == PlayState::playing ? "a jump" : "a cue");
                 break;
             case 2: {
                 const auto track = static_cast<unsigned short>(random_() % tracks);
@@ -635,7 +643,8 @@ class Soak {
                 left.WaitUntilQuiet();
                 left.Catch();
                 if (const int sounding = left.instrument.Sounding(); sounding != 0) {
-                    Violation_("stuck notes", std::to_string(sounding) + " notes left sounding on a device left");
+                    Violation_("stuck notes",
+                               std::to_string(sounding) + " notes left sounding on a device left");
                     left.instrument.Silence();
                 }
                 left.Forget();
@@ -700,9 +709,8 @@ class Soak {
         int first = 0;
         int last = bars;
         if (show_) {
-            first = std::clamp(std::max(1, session_->Status().bar) +
-                                   static_cast<int>(random_() % 4),
-                               1, bars);
+            first = std::clamp(
+                std::max(1, session_->Status().bar) + static_cast<int>(random_() % 4), 1, bars);
             last = std::min(first + 3 + static_cast<int>(random_() % 13), bars);
             if (first == song.caesuraBar)
                 ++first;  // the caesura falls inside its bar
@@ -754,10 +762,11 @@ class Soak {
                            got.end() - static_cast<std::ptrdiff_t>(expected.size()));
             if (!suffix) {
                 Violation_("stretch", "track " + std::to_string(track) + " of song " +
-                           std::to_string(songIndex_ + 1) + " from bar " + std::to_string(first) +
-                           " to bar " + std::to_string(last) + ": " + std::to_string(got.size()) +
-                           " notes heard for " + std::to_string(expected.size()) +
-                           " expected, or out of order");
+                                          std::to_string(songIndex_ + 1) + " from bar " +
+                                          std::to_string(first) + " to bar " +
+                                          std::to_string(last) + ": " + std::to_string(got.size()) +
+                                          " notes heard for " + std::to_string(expected.size()) +
+                                          " expected, or out of order");
             }
         }
         if (session_->Status().state == PlayState::stopped) {
@@ -786,27 +795,30 @@ class Soak {
             chases += count;
             byCause += " " + cause + " " + std::to_string(count) + ",";
         }
-        std::printf("soak seed %u (%s): %.1f s; %zu songs entered, %zu played to their end "
-                    "(%d song ends)%s\n",
-                    seed_, show_ ? "the show" : "short songs", seconds, songsEntered_.size(),
-                    songsEnded_.size(), songEnds_,
-                    show_ ? (", show written at " + std::to_string(writtenMinutes_ / 60) + " h")
-                                .c_str()
-                          : "");
+        std::printf(
+            "soak seed %u (%s): %.1f s; %zu songs entered, %zu played to their end "
+            "(%d song ends)%s\n",
+            seed_, show_ ? "the show" : "short songs", seconds, songsEntered_.size(),
+            songsEnded_.size(), songEnds_,
+            show_ ? (", show written at " + std::to_string(writtenMinutes_ / 60) + " h").c_str()
+                  : "");
         std::printf("  %llu operations:%s caesura resumes %d\n",
                     static_cast<unsigned long long>(operations), byKind.c_str(), caesuraResumes_);
-        std::printf("  %llu note-ons heard, %d straight stretches checked (%llu notes), %d rests "
-                    "checked\n",
-                    static_cast<unsigned long long>(noteOns), stretches_,
-                    static_cast<unsigned long long>(stretchNotes_), rests_);
-        std::printf("  %d runs' chase checked:%s %d not checked (the run stopped in its first "
-                    "period)\n",
-                    chases, byCause.c_str(), chasesSkipped_);
-        std::printf("  time code: %llu quarter frames, %llu times decoded, %llu full frames for "
-                    "%d locates\n",
-                    static_cast<unsigned long long>(timeCode_.QuarterFrames()),
-                    static_cast<unsigned long long>(timeCode_.Times()),
-                    static_cast<unsigned long long>(timeCode_.FullFrames()), locates_.load());
+        std::printf(
+            "  %llu note-ons heard, %d straight stretches checked (%llu notes), %d rests "
+            "checked\n",
+            static_cast<unsigned long long>(noteOns), stretches_,
+            static_cast<unsigned long long>(stretchNotes_), rests_);
+        std::printf(
+            "  %d runs' chase checked:%s %d not checked (the run stopped in its first "
+            "period)\n",
+            chases, byCause.c_str(), chasesSkipped_);
+        std::printf(
+            "  time code: %llu quarter frames, %llu times decoded, %llu full frames for "
+            "%d locates\n",
+            static_cast<unsigned long long>(timeCode_.QuarterFrames()),
+            static_cast<unsigned long long>(timeCode_.Times()),
+            static_cast<unsigned long long>(timeCode_.FullFrames()), locates_.load());
         int violations = 0;
         std::string kinds;
         for (const auto& [kind, count] : violationCounts_) {
@@ -866,8 +878,8 @@ int main(int argc, char** argv) {
     auto seed = static_cast<unsigned>(std::chrono::steady_clock::now().time_since_epoch().count() &
                                       0x7FFFFFFF);
     const auto usage = [] {
-        std::fprintf(stderr,
-                     "usage: soak [--show [--speed F]] [--seconds N] [--seed S] [--tracks 1..32]\n");
+        std::fprintf(
+            stderr, "usage: soak [--show [--speed F]] [--seconds N] [--seed S] [--tracks 1..32]\n");
         return 2;
     };
     for (int i = 1; i < argc; ++i) {
