@@ -8,47 +8,44 @@
 //   cmake --build build-fuzz --target command_settings_fuzz
 //   mkdir -p build-fuzz/commands-corpus && build-fuzz/bin/command_settings_fuzz \
 //         build-fuzz/commands-corpus -max_total_time=300
-#include <unistd.h>
-
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
-#include <filesystem>
 #include <fstream>
+#include <map>
 #include <string>
 
+#include "fuzz/scratch_folder.h"
 #include "interfaces/kit.h"
 #include "midi/midi_commands.h"
 
 namespace {
 
-const std::string& SettingsPath() {
-    static const std::string path = (std::filesystem::temp_directory_path() /
-                                     ("command_settings_fuzz." + std::to_string(getpid())))
-                                        .string();
-    return path;
-}
-
-const bool kQuiet = [] {
-    setenv("VELT_MIDI_SYSTEM_PORTS", "0", 1);  // no source to connect to
-    kit::SetLogSink([](const std::string&) {});
-    return true;
-}();
+ScratchFolder scratch;
+std::string settingsPath;
 
 }  // namespace
 
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+    setenv("VELT_MIDI_SYSTEM_PORTS", "0", 1);  // no source to connect to
+    kit::SetLogSink([](const std::string&) {});
+    scratch.Create("velt_commands_fuzz_");
+    settingsPath = (scratch.path / "commands.settings").string();
+    return 0;
+}
+
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     {
-        std::ofstream file(SettingsPath(), std::ios::binary | std::ios::trunc);
+        std::ofstream file(settingsPath, std::ios::binary | std::ios::trunc);
         file.write(reinterpret_cast<const char*>(data), static_cast<std::streamsize>(size));
     }
     MidiMessageDispatcher dispatcher;
     std::map<unsigned char, midi_commands::LearnedCommand> loaded;
     {
-        midi_commands::MidiCommands commands(dispatcher, SettingsPath());
+        midi_commands::MidiCommands commands(dispatcher, settingsPath);
         loaded = commands.GetLearnedCommands();
     }
-    midi_commands::MidiCommands reloaded(dispatcher, SettingsPath());
+    midi_commands::MidiCommands reloaded(dispatcher, settingsPath);
     if (reloaded.GetLearnedCommands() != loaded) {
         std::abort();
     }
