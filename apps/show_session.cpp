@@ -227,10 +227,11 @@ void ShowSession::SetAttacca(bool on) {
 }
 
 // The song that ended (number `ended`) runs straight into the next: unless the performer has
-// done something since (another song, a play), it is selected and played from its start.
-void ShowSession::Segue_(int ended) {
+// done something since (a stop, another song, a play, a cue), it is selected and played from its
+// start.
+void ShowSession::Segue_(int ended, std::uint64_t stops) {
     std::scoped_lock transport(transportMutex_);
-    if (State_() != PlayState::ended || songIndex_ + 1 != ended) {
+    if (State_() != PlayState::ended || songIndex_ + 1 != ended || stops_ != stops) {
         return;
     }
     if (const auto next = NextPlayableSong_(ended)) {
@@ -336,6 +337,7 @@ void ShowSession::ConductBeat() {
 
 void ShowSession::Stop() {
     std::scoped_lock transport(transportMutex_);
+    ++stops_;  // an attacca not yet under way is called off
     {
         std::scoped_lock lock(sentMutex_);
         stopBefore_.reset();
@@ -667,7 +669,7 @@ void ShowSession::Stopped_() {
             std::scoped_lock lock(positionMutex_);
             ended = songIndex_ + 1;
         }
-        segue_->Post([this, ended] { Segue_(ended); });
+        segue_->Post([this, ended, stops = stops_.load()] { Segue_(ended, stops); });
     }
 }
 

@@ -162,7 +162,8 @@ class ShowSession {
     /// On: when the song playing reaches its end, the next playable song of the show starts at
     /// once from its beginning, as Play would start it, without waiting for the performer. It
     /// is used up by that end (the last song ends as usual); a stop, a caesura or a limit
-    /// leaves it set. Turning it off withdraws it.
+    /// leaves it set. Turning it off withdraws it; a Stop between the end and the next song's
+    /// start calls that start off.
     void SetAttacca(bool on);
     /// A beat of the performer conducting (conducted clock only, else std::logic_error): the
     /// start of the next click. When not playing it plays as Play does, and the beat starts the
@@ -255,7 +256,7 @@ class ShowSession {
     void ChangeDevice_(const std::string& deviceName);
     void SelectSong_(int number);
     std::optional<int> NextPlayableSong_(int after) const;
-    void Segue_(int ended);
+    void Segue_(int ended, std::uint64_t stops);
     const velt_midi::SongData& Song_() const;
 
     std::vector<SessionSong> songs_;
@@ -310,7 +311,8 @@ class ShowSession {
     std::unique_ptr<MidiOutputWin32> output_;
     std::unique_ptr<DeviceReturnWatch> deviceWatch_;
     std::atomic<bool> attacca_{false};
-    std::unique_ptr<TaskThread> segue_;  // runs the attacca's verbs; destroyed first
+    std::atomic<std::uint64_t> stops_{0};  // Stop calls: one between an end and its segue wins
+    std::unique_ptr<TaskThread> segue_;    // runs the attacca's verbs; destroyed first
 };
 
 }  // namespace velt_play

@@ -66,6 +66,9 @@ using Messages = std::vector<velt_platform::RecordedMessage>;
 
 constexpr int kSongs = 20;
 int tracks = 32;  // --tracks: ports of 16 tracks each
+// --tolerate KIND: violations of a kind already reported and still open (e.g. "time code") are
+// printed as usual but do not fail the run, so that a known finding does not hide new ones.
+std::set<std::string> tolerated;
 constexpr int kTracksPerPort = 16;
 constexpr int kShortBars = 12;
 constexpr int kShortCaesuraBar = 4;  // the caesura falls on the second beat of its bar
@@ -318,9 +321,9 @@ class TimeCodeReader {
 
 // The operations Operate_ draws from, by the number it draws (9 and up: a stretch).
 constexpr const char* kOperationNames[] = {
-    "jump",          "jump",          "mute or unmute", "transposition", "tempo scale",
-    "display delay", "device switch", "stop",           "song change",   "stretch"};
-constexpr unsigned kOperationKinds = 12;
+    "jump",          "jump", "mute or unmute", "transposition", "tempo scale", "display delay",
+    "device switch", "stop", "song change",    "attacca",       "stretch"};
+constexpr unsigned kOperationKinds = 13;
 
 class Soak {
   public:
@@ -393,7 +396,10 @@ class Soak {
         session_->Stop();
         CheckRest_("the final stop");
         PrintFigures_();
-        return violationCounts_.empty() ? 0 : 1;
+        const bool failed =
+            std::any_of(violationCounts_.begin(), violationCounts_.end(),
+                        [](const auto& entry) { return tolerated.count(entry.first) == 0; });
+        return failed ? 1 : 0;
     }
 
   private:
@@ -418,7 +424,8 @@ class Soak {
     // The show in order: each song from its start until it has played to its end.
     void PlayShow_() {
         for (int song = 0; song < kSongs && !TimeUp_(); ++song) {
-            Start_(song, "a song's start");
+            if (!std::exchange(attaccaStarted_, false))
+                Start_(song, "a song's start");
             ended_ = false;
             while (!ended_ && !TimeUp_()) {
                 Operate_();
@@ -576,7 +583,28 @@ class Soak {
     // A caesura is played on from; an ended song is followed by the next one (the short mode) or
     // ends the show's current song (the show).
     void KeepPlaying_() {
-        const auto state = session_->Status().state;
+        auto state = session_->Status().state;
+        if (state == PlayState::ended && session_->Status().attacca && songIndex_ + 1 < kSongs) {
+            // An attacca is due: the session starts the next song itself, at once.
+            for (int i = 0; i < 400 && session_->Status().songNumber == songIndex_ + 1; ++i)
+                std::this_thread::sleep_for(5ms);
+            state = session_->Status().state;
+        }
+        if (const int number = session_->Status().songNumber; number != songIndex_ + 1) {
+            // The song's end ran into the next one: no rest between them, and the next run's
+            // first period must hold exactly what the new song holds at its start.
+            ++attaccas_;
+            songsEnded_.insert(songIndex_);
+            ++songEnds_;
+            songIndex_ = number - 1;
+            songsEntered_.insert(songIndex_);
+            CheckChase_("an attacca");
+            if (show_) {
+                ended_ = true;
+                attaccaStarted_ = true;
+            }
+            return;
+        }
         if (state == PlayState::caesura) {
             ++caesuraResumes_;
             session_->Resume();
@@ -606,8 +634,8 @@ class Soak {
     void Operate_() {
         const unsigned operation = random_() % kOperationKinds;
         recent_ = (recent_.size() > 90 ? recent_.substr(recent_.size() - 90) : recent_) + " " +
-                  kOperationNames[std::min<unsigned>(operation, 9)];
-        ++operations_[kOperationNames[std::min<unsigned>(operation, 9)]];
+                  kOperationNames[std::min<unsigned>(operation, 10)];
+        ++operations_[kOperationNames[std::min<unsigned>(operation, 10)]];
         switch (operation) {
             case 0:
             case 1:
@@ -665,6 +693,23 @@ class Soak {
             case 8:
                 show_ ? Detour_() : ChangeSong_();
                 break;
+            case 9:
+                // The song's last bar, whose end runs straight into the next song.
+                session_->SetAttacca(true);
+                if (session_->Status().state == PlayState::playing) {
+                    session_->SeekToBar(Song_().Bars());
+                    CheckChase_("a jump");
+                    // No other verb until the end has run into the next song (or stopped).
+                    for (int i = 0; i < 2000; ++i) {
+                        const auto status = session_->Status();
+                        if (status.songNumber != songIndex_ + 1 ||
+                            status.state != PlayState::playing)
+                            break;
+                        std::this_thread::sleep_for(5ms);
+                    }
+                    KeepPlaying_();
+                }
+                break;
             default:
                 Stretch_();
                 break;
@@ -704,6 +749,7 @@ class Soak {
     // caesura, with no verb in between: each track's notes from the second period on arrive once
     // and in order, and nothing after the last bar.
     void Stretch_() {
+        session_->SetAttacca(false);  // the stretch is checked up to the song's end, no further
         const SoakSong& song = Song_();
         const int bars = song.Bars();
         int first = 0;
@@ -802,6 +848,7 @@ class Soak {
             songsEnded_.size(), songEnds_,
             show_ ? (", show written at " + std::to_string(writtenMinutes_ / 60) + " h").c_str()
                   : "");
+        std::printf("  %d attaccas into the next song\n", attaccas_);
         std::printf("  %llu operations:%s caesura resumes %d\n",
                     static_cast<unsigned long long>(operations), byKind.c_str(), caesuraResumes_);
         std::printf(
@@ -826,6 +873,9 @@ class Soak {
             kinds += " " + kind + " " + std::to_string(count) + ",";
         }
         std::printf("  %d violations:%s\n", violations, kinds.c_str());
+        for (const auto& kind : tolerated)
+            std::printf("  (%s violations are an open finding: printed, not failing the run)\n",
+                        kind.c_str());
         for (const auto& violation : violations_)
             std::printf("VIOLATION (seed %u): %s\n", seed_, violation.c_str());
     }
@@ -844,7 +894,9 @@ class Soak {
     std::chrono::steady_clock::time_point start_;
     std::size_t current_ = 0;
     int songIndex_ = 0;
-    bool ended_ = false;  // the show's current song has played to its end
+    bool ended_ = false;           // the show's current song has played to its end
+    bool attaccaStarted_ = false;  // ... and an attacca has started the next one
+    int attaccas_ = 0;
     int transposition_ = 0;
     std::set<unsigned short> muted_;
 
@@ -878,8 +930,9 @@ int main(int argc, char** argv) {
     auto seed = static_cast<unsigned>(std::chrono::steady_clock::now().time_since_epoch().count() &
                                       0x7FFFFFFF);
     const auto usage = [] {
-        std::fprintf(
-            stderr, "usage: soak [--show [--speed F]] [--seconds N] [--seed S] [--tracks 1..32]\n");
+        std::fprintf(stderr,
+                     "usage: soak [--show [--speed F]] [--seconds N] [--seed S] [--tracks 1..32] "
+                     "[--tolerate KIND]\n");
         return 2;
     };
     for (int i = 1; i < argc; ++i) {
@@ -899,6 +952,8 @@ int main(int argc, char** argv) {
             seed = static_cast<unsigned>(std::strtoul(value, nullptr, 10));
         } else if (option == "--speed") {
             speed = std::clamp(std::strtod(value, nullptr), 1.0, 12.0);
+        } else if (option == "--tolerate") {
+            tolerated.insert(value);
         } else {
             return usage();
         }
