@@ -234,6 +234,8 @@ class PlayerTest : public ::testing::Test {
         // The program must play into the built-in default output on any machine.
         setenv("VELT_MIDI_SYSTEM_PORTS", "0", 1);
         unsetenv("VELT_DEFAULT_OUTPUT_SMF");
+        // The player keeps its settings there: never in the home of whoever runs the tests.
+        setenv("XDG_CONFIG_HOME", folder_.Path("config").c_str(), 1);
     }
 
     std::string Path(const std::string& name) const { return folder_.Path(name); }
