@@ -694,9 +694,10 @@ class Soak {
                 show_ ? Detour_() : ChangeSong_();
                 break;
             case 9:
-                // The song's last bar, whose end runs straight into the next song.
+                // The song's end runs straight into the next song: in the show when it comes,
+                // in a short song from its last bar at once.
                 session_->SetAttacca(true);
-                if (session_->Status().state == PlayState::playing) {
+                if (!show_ && session_->Status().state == PlayState::playing) {
                     session_->SeekToBar(Song_().Bars());
                     CheckChase_("a jump");
                     // No other verb until the end has run into the next song (or stopped).
@@ -749,7 +750,6 @@ class Soak {
     // caesura, with no verb in between: each track's notes from the second period on arrive once
     // and in order, and nothing after the last bar.
     void Stretch_() {
-        session_->SetAttacca(false);  // the stretch is checked up to the song's end, no further
         const SoakSong& song = Song_();
         const int bars = song.Bars();
         int first = 0;
@@ -770,6 +770,8 @@ class Soak {
         }
         const std::uint32_t from = song.barTicks[static_cast<std::size_t>(first - 1)];
         const std::uint32_t to = song.barTicks[static_cast<std::size_t>(last)];
+        if (last == bars)
+            session_->SetAttacca(false);  // checked up to the song's end, and no further
         Device& device = Current_();
         device.Catch();
         const std::size_t mark = device.heard;
