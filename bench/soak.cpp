@@ -584,8 +584,11 @@ class Soak {
     // ends the show's current song (the show).
     void KeepPlaying_() {
         auto state = session_->Status().state;
-        if (state == PlayState::ended && session_->Status().attacca && songIndex_ + 1 < kSongs) {
-            // An attacca is due: the session starts the next song itself, at once.
+        if (state == PlayState::ended && std::exchange(attaccaSet_, false) &&
+            songIndex_ + 1 < kSongs) {
+            // An attacca may be due: the session starts the next song itself, at once, unless a
+            // verb since the end called it off. The session's own flag is spent by the end, so
+            // the soak keeps its own.
             for (int i = 0; i < 400 && session_->Status().songNumber == songIndex_ + 1; ++i)
                 std::this_thread::sleep_for(5ms);
             state = session_->Status().state;
@@ -594,6 +597,7 @@ class Soak {
             // The song's end ran into the next one: no rest between them, and the next run's
             // first period must hold exactly what the new song holds at its start.
             ++attaccas_;
+            attaccaSet_ = false;
             songsEnded_.insert(songIndex_);
             ++songEnds_;
             songIndex_ = number - 1;
@@ -697,6 +701,7 @@ class Soak {
                 // The song's end runs straight into the next song: in the show when it comes,
                 // in a short song from its last bar at once.
                 session_->SetAttacca(true);
+                attaccaSet_ = true;
                 if (!show_ && session_->Status().state == PlayState::playing) {
                     session_->SeekToBar(Song_().Bars());
                     CheckChase_("a jump");
@@ -770,8 +775,10 @@ class Soak {
         }
         const std::uint32_t from = song.barTicks[static_cast<std::size_t>(first - 1)];
         const std::uint32_t to = song.barTicks[static_cast<std::size_t>(last)];
-        if (last == bars)
+        if (last == bars) {
             session_->SetAttacca(false);  // checked up to the song's end, and no further
+            attaccaSet_ = false;
+        }
         Device& device = Current_();
         device.Catch();
         const std::size_t mark = device.heard;
@@ -899,6 +906,7 @@ class Soak {
     bool ended_ = false;           // the show's current song has played to its end
     bool attaccaStarted_ = false;  // ... and an attacca has started the next one
     int attaccas_ = 0;
+    bool attaccaSet_ = false;  // an attacca was asked for and not yet seen used or withdrawn
     int transposition_ = 0;
     std::set<unsigned short> muted_;
 
