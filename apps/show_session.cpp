@@ -195,6 +195,8 @@ void ShowSession::SelectSong_(int number) {
     }
     {
         std::scoped_lock lock(statusMutex_);
+        shownSongIndex_ = number - 1;
+        state_ = PlayState::cued;
         ticksPerClockShown_ = std::max<std::uint32_t>(1, song.GetTicksPerQuarter() / 24);
         display_ = std::make_unique<HowToPlay>(controls_);
         display_->SetData(song.GetSongLog(), song.GetTimeline(), song.GetTicksPerQuarter());
@@ -914,8 +916,6 @@ SessionStatus ShowSession::Status() {
     SessionStatus status;
     {
         std::scoped_lock lock(positionMutex_);
-        status.songNumber = songIndex_ + 1;
-        status.songName = songIndex_ >= 0 ? Song_().GetSongName() : std::string();
         status.mutedTracks = streams_->GetMutedTracks();
     }
     status.tempoScale = controls_.GetTempoScale();
@@ -930,6 +930,10 @@ SessionStatus ShowSession::Status() {
     }
     status.attacca = attacca_.load();
     std::scoped_lock lock(statusMutex_);
+    status.songNumber = shownSongIndex_ + 1;
+    if (shownSongIndex_ >= 0) {
+        status.songName = songs_[static_cast<std::size_t>(shownSongIndex_)].song->GetSongName();
+    }
     status.state = state_;
     status.tick = shownTick_;
     if (display_) {

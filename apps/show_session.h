@@ -302,6 +302,9 @@ class ShowSession {
     std::mutex statusMutex_;
     std::condition_variable stateChanged_;
     PlayState state_ = PlayState::cued;
+    // The song the status shows: switched with the state, so no one sees the new song in the
+    // old song's state (a next song "ended" before it has played).
+    int shownSongIndex_ = -1;
     std::uint32_t shownTick_ = 0;
     std::uint32_t ticksPerClockShown_ = 1;
     std::unique_ptr<HowToPlay> display_;  // a position of its own, at the tick shown

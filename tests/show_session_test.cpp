@@ -327,6 +327,15 @@ TEST(ShowSession, AnAttaccaPlaysTheNextSongFromItsStartAsTheSongEnds) {
         songs.push_back({data->GetSongName(), data, ""});
     }
     ShowSession session(songs, show, {velt_play::ClockKind::precision, "Session Test Out", {}});
+    // What a watcher sees as each song is located: the second song is never shown ended before
+    // it has played, which would end a wait for it at once.
+    std::vector<std::pair<int, PlayState>> shownAtLocate;
+    velt_play::TransportHooks hooks;
+    hooks.located = [&](const velt_midi::SongData&, std::uint32_t) {
+        const auto status = session.Status();
+        shownAtLocate.emplace_back(status.songNumber, status.state);
+    };
+    session.SetTransportHooks(std::move(hooks));
     session.Play();
     session.SetAttacca(true);
     EXPECT_TRUE(session.Status().attacca);
@@ -335,6 +344,8 @@ TEST(ShowSession, AnAttaccaPlaysTheNextSongFromItsStartAsTheSongEnds) {
         return status.songNumber == 2 && status.state == PlayState::ended;
     }));
     EXPECT_FALSE(session.Status().attacca);
+    for (const auto& [number, state] : shownAtLocate)
+        EXPECT_FALSE(number == 2 && state == PlayState::ended);
     const auto heard = Heard(device);
     std::vector<std::uint8_t> keys;
     for (const auto& on : NoteOns(heard))
