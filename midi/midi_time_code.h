@@ -117,7 +117,8 @@ class MidiTimeCode {
 
     unsigned char GetQuarterFrameIndex() const { return quarterFrameIndex; }
     void SetQuarterFrameIndex(unsigned char index);
-    /// One quarter of a frame on: the fourth steps the frame.
+    /// One quarter of a frame on: the fourth steps the frame. The seconds past the frame's start
+    /// move along, so GetAsSeconds grows by exactly one quarter frame.
     void IncrementQuarterFrame();
 
     /// Quarter frames of this time minus those of `other`, modulo 2^64.

@@ -188,8 +188,9 @@ TEST(MidiTimeCodeSeconds, RoundTripAndSpacingThroughEveryLabel) {
                         60 * 30}}) {
             MidiTimeCode t = start;
             double previous = t.GetAsSeconds() - quarter;
+            // Each quarter step moves the seconds by one quarter frame, across frames, seconds,
+            // minutes and drop minutes alike.
             for (int step = 0; step < count * 4 && !(step > 0 && t == probe); ++step) {
-                t.SetQuarterFrameIndex(t.GetQuarterFrameIndex());
                 const double s = t.GetAsSeconds();
                 ASSERT_NEAR(s - previous, quarter, 1e-9) << t.GetAsString();
                 previous = s;
@@ -256,6 +257,13 @@ TEST(MidiTimeCodeArithmetic, QuarterFramesAndComparison) {
     }
     EXPECT_EQ(t.GetAsString(), "00:00:00:06");
     EXPECT_EQ(t.GetQuarterFrameIndex(), 0);
+    // A time inside a quarter keeps its place in it: a quarter step is a quarter frame on.
+    MidiTimeCode inside(5.0 * 0.04 + 0.035, FrameRate::Fps25);  // 00:00:00:05, 0.005 s into q3
+    ASSERT_EQ(inside.GetQuarterFrameIndex(), 3);
+    inside.IncrementQuarterFrame();
+    EXPECT_EQ(inside.GetAsString(), "00:00:00:06");
+    EXPECT_EQ(inside.GetQuarterFrameIndex(), 0);
+    EXPECT_NEAR(inside.GetAsSeconds(), 6.0 * 0.04 + 0.005, 1e-12);
     EXPECT_TRUE(copy < t);
     EXPECT_EQ(t.GetDifferenceAsQuarterFrameCount(copy), 4u);
     // The copy steps itself, not the original.

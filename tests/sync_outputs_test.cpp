@@ -3,6 +3,7 @@
 // decoded by the independent receiver while a song plays to its end.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <memory>
@@ -144,6 +145,43 @@ TEST(SyncOutputs, TimeCodeLocatesThenRunsWithTheSong) {
     EXPECT_EQ(r.quarterFrames, 200);
     EXPECT_EQ(r.cycles.back(), (mtc_receiver::Label{1, 0, 1, 23, 1}));
     EXPECT_EQ(f.sync->StatusLine().substr(0, 21), "time code 01:00:01:24");
+}
+
+// A stop and a resume at the same place: the time code sent before the stop reaches no further
+// than the music did, and the song's time code is covered once in all, as when played straight.
+TEST(SyncOutputs, TimeCodeStopsWhereTheMusicStopsAndGoesOnFromThere) {
+    velt_play::SyncCommandLine line;
+    line.timeCodePort = "Sync Time Code";
+    line.frameRate = "25";  // a quarter frame is 10 ms
+    Fixture f(line);
+    const auto quarterFrames = [&f](std::size_t from, std::size_t to) {
+        const auto heard = Fixture::Heard(f.timeCode);
+        return std::count_if(
+            heard.begin() + static_cast<std::ptrdiff_t>(from),
+            heard.begin() + static_cast<std::ptrdiff_t>(std::min(to, heard.size())),
+            [](const Message& m) { return m.size() == 2 && m[0] == 0xF1; });
+    };
+
+    f.session->Play();
+    ASSERT_TRUE(f.timeCode.WaitForMessages(60, 5s));  // well into the first bar
+    f.session->Stop();
+    std::this_thread::sleep_for(100ms);  // what a stretch still had to send
+    const std::size_t beforeResume = f.timeCode.Messages().size();
+    // The music stopped at the end of the last clock period sent: the shown tick plus one
+    // period (20 ticks at 480 a quarter, 240 quarters a minute).
+    const double stoppedAt = (f.session->Status().tick + 20) / 480.0 * 0.25;
+    const auto sentBefore = quarterFrames(0, beforeResume);
+    ASSERT_GT(sentBefore, 0);
+    EXPECT_LE(0.01 * static_cast<double>(sentBefore - 1), stoppedAt + 1e-9)
+        << sentBefore << " quarter frames for a stop at " << stoppedAt << " s";
+
+    f.session->Resume();
+    ASSERT_TRUE(f.session->WaitUntilNotPlaying(10s));
+    std::this_thread::sleep_for(100ms);
+    // Two seconds are 200 quarter frames; the resume may skip the one it starts inside.
+    const auto all = quarterFrames(0, SIZE_MAX);
+    EXPECT_LE(all, 200);
+    EXPECT_GE(all, 198);
 }
 
 TEST(SyncOutputs, CommandLineChecks) {

@@ -243,13 +243,20 @@ void MidiTimeCode::SetQuarterFrameIndex(unsigned char index) {
     subFrameSeconds = secondsPerFrame * 0.25 * index;
 }
 
+// The seconds past the frame's start move with the quarter, keeping the time's place inside its
+// quarter: GetAsSeconds is then exactly one quarter frame on, which a caller stepping boundary by
+// boundary relies on.
 void MidiTimeCode::IncrementQuarterFrame() {
+    const double quarter = secondsPerFrame * 0.25;
+    const double withinQuarter =
+        std::clamp(subFrameSeconds - quarter * quarterFrameIndex, 0.0, quarter);
     if (quarterFrameIndex != 3) {
         ++quarterFrameIndex;
     } else {
         quarterFrameIndex = 0;
         IncrementFrameCount();
     }
+    subFrameSeconds = quarter * quarterFrameIndex + withinQuarter;
 }
 
 // --- counting ---
