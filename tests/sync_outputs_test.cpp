@@ -39,7 +39,6 @@ std::shared_ptr<velt_midi::SongData> ShortSong() {
 struct Fixture {
     explicit Fixture(velt_play::SyncCommandLine line) {
         show->AddSong(song);
-        ::setenv("XDG_CONFIG_HOME", folder.path().c_str(), 1);
         sync = std::make_unique<velt_play::SyncOutputs>(*show, velt_play::ResolveSyncOptions(line));
         session = std::make_unique<velt_play::ShowSession>(
             std::vector<velt_play::SessionSong>{{song->GetSongName(), song, ""}}, show,
@@ -59,6 +58,7 @@ struct Fixture {
     }
 
     test_support::TempFolder folder;  // the settings folder
+    test_support::ConfigHome configHome{folder.path()};
     VirtualMidiOutput music{"Sync Music"};
     VirtualMidiOutput beatClock{"Sync Beat Clock"};
     VirtualMidiOutput timeCode{"Sync Time Code"};
@@ -185,6 +185,8 @@ TEST(SyncOutputs, TimeCodeStopsWhereTheMusicStopsAndGoesOnFromThere) {
 }
 
 TEST(SyncOutputs, CommandLineChecks) {
+    const test_support::TempFolder folder;
+    const test_support::ConfigHome configHome(folder.path());
     velt_play::SyncCommandLine line;
     line.frameRate = "29";
     try {

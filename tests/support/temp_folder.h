@@ -6,9 +6,11 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <optional>
 #include <string>
 #include <system_error>
 #include <vector>
@@ -36,6 +38,30 @@ class TempFolder {
 
   private:
     std::filesystem::path path_;
+};
+
+// The player keeps its settings under XDG_CONFIG_HOME: pointed at a test's folder for the
+// object's life, then back to what it was, so that no later test writes into a removed folder.
+class ConfigHome {
+  public:
+    explicit ConfigHome(const std::filesystem::path& folder) {
+        if (const char* earlier = std::getenv("XDG_CONFIG_HOME")) {
+            earlier_ = earlier;
+        }
+        ::setenv("XDG_CONFIG_HOME", folder.c_str(), 1);
+    }
+    ~ConfigHome() {
+        if (earlier_) {
+            ::setenv("XDG_CONFIG_HOME", earlier_->c_str(), 1);
+        } else {
+            ::unsetenv("XDG_CONFIG_HOME");
+        }
+    }
+    ConfigHome(const ConfigHome&) = delete;
+    ConfigHome& operator=(const ConfigHome&) = delete;
+
+  private:
+    std::optional<std::string> earlier_;
 };
 
 inline std::vector<std::uint8_t> ReadBytes(const std::filesystem::path& file) {
