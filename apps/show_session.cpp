@@ -581,17 +581,29 @@ void ShowSession::ApplyNoteChanges_(const std::vector<std::pair<NoteKey, NoteCha
     }
 }
 
-// Remembers the note messages of a filled period, as the device will receive them.
-void ShowSession::RecordFilledNotes_(std::uint32_t tick, MidiBuffer& buffer) {
+namespace {
+// Every short message of a filled buffer, port by port, in the order the device receives them.
+template <typename Visit>
+void ForEachMessage(MidiBuffer& buffer, unsigned char portCount, const Visit& visit) {
     auto& packets = dynamic_cast<MidiBufferWin32&>(buffer);
-    std::vector<std::pair<NoteKey, NoteChange>> notes;
-    for (unsigned char port = 0; port < portCount_; ++port) {
+    for (unsigned char port = 0; port < portCount; ++port) {
         const auto& packet = *packets.GetDataBuffer(port);
         for (std::uint16_t i = 0; i < packet.GetEventCount(); ++i) {
             const DWORD word = packet.GetMidiMessageAtMessageIndex(i).dwEvent;
-            const auto status = static_cast<std::uint8_t>(word & 0xFF);
-            const auto data1 = static_cast<std::uint8_t>((word >> 8) & 0x7F);
-            const auto data2 = static_cast<std::uint8_t>((word >> 16) & 0x7F);
+            visit(port, static_cast<std::uint8_t>(word & 0xFF),
+                  static_cast<std::uint8_t>((word >> 8) & 0x7F),
+                  static_cast<std::uint8_t>((word >> 16) & 0x7F));
+        }
+    }
+}
+}  // namespace
+
+std::vector<std::pair<ShowSession::NoteKey, ShowSession::NoteChange>> ShowSession::NoteChangesIn_(
+    MidiBuffer& buffer) const {
+    std::vector<std::pair<NoteKey, NoteChange>> notes;
+    ForEachMessage(
+        buffer, portCount_,
+        [&](unsigned char port, std::uint8_t status, std::uint8_t data1, std::uint8_t data2) {
             const NoteKey channel = (NoteKey{port} << 16) | (NoteKey{status & 0x0Fu} << 8);
             const std::uint8_t kind = status & 0xF0;
             if (kind == 0x90 && data2 > 0) {
@@ -599,8 +611,46 @@ void ShowSession::RecordFilledNotes_(std::uint32_t tick, MidiBuffer& buffer) {
             } else if (kind == 0x80 || kind == 0x90) {
                 notes.emplace_back(channel | data1, NoteChange::off);
             }
+        });
+    return notes;
+}
+
+// A mute asks the stream for its releases with the next period; at a caesura that period waits
+// for the performer while the muted track's notes go on sounding. The releases are written into
+// the scratch buffer instead and sent at once, and the notes they end leave what the device is
+// known to hold.
+void ShowSession::ReleaseMutedTracksNow_() {
+    std::scoped_lock client(clientMutex_);
+    std::vector<velt_midi::VoiceEvent> events;
+    std::vector<std::pair<NoteKey, NoteChange>> notes;
+    {
+        std::scoped_lock lock(positionMutex_);
+        if (!scratch_) {
+            scratch_ = CreateMidiBuffer(portCount_, MidiOutput::bufferCapacity, "Session Scratch");
         }
+        scratch_->Reset();
+        const auto transposition =
+            static_cast<signed char>(position_->GetTranspositionPair().first);
+        stream_->EnqueueMutedTrackReleases(transposition, *scratch_);
+        ForEachMessage(
+            *scratch_, portCount_,
+            [&](unsigned char port, std::uint8_t status, std::uint8_t data1, std::uint8_t data2) {
+                events.emplace_back(0, status, static_cast<std::uint16_t>(port << 4), data1, data2);
+            });
+        notes = NoteChangesIn_(*scratch_);
     }
+    {
+        std::scoped_lock lock(sentMutex_);
+        ApplyNoteChanges_(notes, sounding_);
+    }
+    if (!events.empty()) {
+        output_->InjectEvents(events);
+    }
+}
+
+// Remembers the note messages of a filled period, as the device will receive them.
+void ShowSession::RecordFilledNotes_(std::uint32_t tick, MidiBuffer& buffer) {
+    auto notes = NoteChangesIn_(buffer);
     std::scoped_lock lock(sentMutex_);
     filledNotes_[tick] = std::move(notes);
 }
@@ -766,6 +816,9 @@ void ShowSession::MuteTrack(unsigned short trackId) {
         streams_->MuteTrack(trackId);
         stream_->SendAllNotesOffForMutedTracks();
     });
+    if (State_() == PlayState::caesura) {
+        ReleaseMutedTracksNow_();
+    }
 }
 
 void ShowSession::UnmuteTrack(unsigned short trackId) {
@@ -781,6 +834,9 @@ void ShowSession::MuteGroup(unsigned char group) {
         streams_->MuteGroup(group);
         stream_->SendAllNotesOffForMutedTracks();
     });
+    if (State_() == PlayState::caesura) {
+        ReleaseMutedTracksNow_();
+    }
 }
 
 void ShowSession::UnmuteGroup(unsigned char group) {

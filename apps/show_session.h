@@ -241,6 +241,10 @@ class ShowSession {
     void ShowStoppedAt_(std::uint32_t end);
     void ShowEnded_();
     void RecordFilledNotes_(std::uint32_t tick, MidiBuffer& buffer);
+    // The note messages of a filled buffer, port by port, as the device will receive them.
+    std::vector<std::pair<NoteKey, NoteChange>> NoteChangesIn_(MidiBuffer& buffer) const;
+    // At a caesura: a mute's releases sent at once rather than with the next period.
+    void ReleaseMutedTracksNow_();
     // What a period's note messages leave of `voices`: each note-on adds a voice, each
     // note-off takes one away.
     static void ApplyNoteChanges_(const std::vector<std::pair<NoteKey, NoteChange>>& changes,

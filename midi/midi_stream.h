@@ -145,6 +145,9 @@ class MidiStream {
     /// At the next period, every muted track gets controllers 123 and 121 (value 0), and then a
     /// note-off for each note and switch its chase state still holds, which the state forgets.
     void SendAllNotesOffForMutedTracks();
+    /// Writes now what SendAllNotesOffForMutedTracks asked of the next period, for a caller whose
+    /// next period is not coming soon (a chord held at a caesura); nothing if nothing was asked.
+    void EnqueueMutedTrackReleases(signed char transposition, MidiBuffer& buffer);
     std::set<unsigned short> GetMutedTracks() const;
 
     /// The tick up to which events have been enqueued (exclusive).
@@ -171,6 +174,7 @@ class MidiStream {
     using EventVector = std::vector<velt_midi::VoiceEvent>;
 
     // The caller holds the buffer mutex and the control mutex for all of these.
+    void WriteMutedTrackReleases_(signed char transposition, MidiBuffer& buffer);
     void Enqueue_(unsigned int tick, signed char transposition, MidiBuffer& buffer);
     /// `sounding`: per track, what already sounds and is not struck again.
     void SendPersistenceData_(TrackStates state, signed char transposition, MidiBuffer& buffer,

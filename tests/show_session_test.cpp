@@ -287,7 +287,14 @@ TEST(ShowSession, ACaesuraHoldsTheChordUntilThePerformerPlaysOn) {
     EXPECT_EQ(status.state, PlayState::caesura);
     EXPECT_EQ(status.bar, 7);
     EXPECT_EQ(status.marker, "Caesura");
-    EXPECT_FALSE(Sounding(f.Heard()).empty());  // held
+    const auto held = Sounding(f.Heard());
+    ASSERT_TRUE(std::any_of(held.begin(), held.end(), [](int key) { return key >> 8 == 1; }));
+
+    // A track muted while the chord is held falls silent at once; the rest of the chord holds.
+    f.session->MuteTrack(0x01);
+    const auto after = Sounding(f.Heard());
+    EXPECT_TRUE(std::none_of(after.begin(), after.end(), [](int key) { return key >> 8 == 1; }));
+    EXPECT_TRUE(std::any_of(after.begin(), after.end(), [](int key) { return key >> 8 == 0; }));
 
     f.session->Resume();
     ASSERT_TRUE(f.session->WaitUntilNotPlaying(20s));

@@ -355,13 +355,13 @@ void MidiStream::WriteReleases_(unsigned short trackId, const PersistentMIDI& fr
     }
 }
 
-void MidiStream::Enqueue_(unsigned int tick, signed char transposition, MidiBuffer& buffer) {
-    // 1. Silence the muted tracks when asked to: the channel-mode controllers first, then a
-    //    note-off for each note the track still holds. Some synths ignore controller 123, and on
-    //    a port whose messages all share one channel the controller cannot say which track it
-    //    means; the chase state still can. The released notes leave the chase state, so a later
-    //    stop does not release them again. Controllers are not zeroed one by one: on a shared
-    //    channel that would reach the tracks still playing.
+// Silences the muted tracks when asked to: the channel-mode controllers first, then a note-off
+// for each note the track still holds. Some synths ignore controller 123, and on a port whose
+// messages all share one channel the controller cannot say which track it means; the chase state
+// still can. The released notes leave the chase state, so a later stop does not release them
+// again. Controllers are not zeroed one by one: on a shared channel that would reach the tracks
+// still playing. Called with the buffer's mutex and the control mutex held.
+void MidiStream::WriteMutedTrackReleases_(signed char transposition, MidiBuffer& buffer) {
     if (std::exchange(sendAllNotesOffForMutedTracks_, false)) {
         for (unsigned short trackId : mutedTracks_) {
             const unsigned char port = PortOf(trackId);
@@ -384,6 +384,16 @@ void MidiStream::Enqueue_(unsigned int tick, signed char transposition, MidiBuff
             held->second.GetSwitches().clear();
         }
     }
+}
+
+void MidiStream::EnqueueMutedTrackReleases(signed char transposition, MidiBuffer& buffer) {
+    std::scoped_lock lock(buffer.GetMutex(), controlMutex_);
+    WriteMutedTrackReleases_(transposition, buffer);
+}
+
+void MidiStream::Enqueue_(unsigned int tick, signed char transposition, MidiBuffer& buffer) {
+    // 1. The muted tracks' releases, when asked for.
+    WriteMutedTrackReleases_(transposition, buffer);
     // 2. Tracks unmuted since the last period get their state at the current tick.
     RestoreUnmutedTracks_(transposition, buffer);
     // 3. The period's events, track by track.
