@@ -16,9 +16,9 @@
 #include <utility>
 #include <vector>
 
-#include "clock_log_capture.h"
 #include "midi/win32/precision_midi_clock_impl.h"
 #include "midi/win32/standard_midi_clock_impl.h"
+#include "tests/support/captured_log.h"
 
 namespace {
 
@@ -155,7 +155,7 @@ TYPED_TEST(ClockImplTest, AStartAfterTheStopStartsTheNextRunButOneDuringTheRunDo
 }
 
 TYPED_TEST(ClockImplTest, AClockCallbackThatThrowsIsLoggedAndEndsOnlyItsRun) {
-    ClockLogCapture log;
+    CapturedLog log;
     ClockCounter counter;
     TypeParam clock;
     auto count = counter.Callback();
@@ -206,7 +206,7 @@ TYPED_TEST(ClockImplTest, DestroyedWhileRunning) {
 }
 
 TEST(StandardMidiClockImpl, TracesTheTimerCallsWhenAsked) {
-    ClockLogCapture log;
+    CapturedLog log;
     kit::SetPlatformCallLogging(true);
     {
         ClockCounter counter;
@@ -226,7 +226,7 @@ TEST(StandardMidiClockImpl, TracesTheTimerCallsWhenAsked) {
 }
 
 TEST(StandardMidiClockImpl, ATimerThatCannotBeSetIsLoggedAndEndsTheRun) {
-    ClockLogCapture log;
+    CapturedLog log;
     ClockCounter counter;
     StandardMidiClockImpl clock;
     clock.SetMidiClockCallback(counter.Callback());
@@ -289,7 +289,7 @@ struct SteppedRun {
 };
 
 TEST(PrecisionMidiClockImpl, LateClocksCatchUpWithTheGridWhichStartsAgainOnlyPastTheBound) {
-    ClockLogCapture log;
+    CapturedLog log;
     SteppedRun run;
     run.atClock = [&](std::size_t clock) {
         if (clock == 2) {

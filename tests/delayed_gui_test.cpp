@@ -10,8 +10,8 @@
 #include <thread>
 #include <vector>
 
-#include "clock_log_capture.h"
 #include "midi/win32/delayed_gui.h"
+#include "tests/support/captured_log.h"
 
 namespace {
 
@@ -54,7 +54,7 @@ TEST(DelayedGui, ScheduledTicksArriveInOrderOnTheWorkerThread) {
 }
 
 TEST(DelayedGui, AThrowingCallbackIsLoggedAndTheNextTickIsStillDelivered) {
-    ClockLogCapture log;
+    CapturedLog log;
     Deliveries deliveries;
     {
         DelayedGui gui(

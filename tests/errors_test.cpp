@@ -8,8 +8,8 @@
 #include <typeinfo>
 #include <vector>
 
-#include "captured_log.h"
 #include "midi/velt_midi_error.h"
+#include "tests/support/captured_log.h"
 
 namespace {
 
@@ -66,7 +66,7 @@ TEST(Errors, FailurePathsLogTheTextAndThrowItAsVeltMidiError) {
             EXPECT_EQ(error.what(), text);
             EXPECT_EQ(typeid(error), typeid(VeltMidiError));
         }
-        EXPECT_EQ(log.lines(), std::vector<std::string>{"[ERROR] " + text});
+        EXPECT_EQ(log.Lines(), std::vector<std::string>{"[ERROR] " + text});
     };
     expectFailure([] { LogAndThrowFailure("src/a", 57, "calling midiStreamOut", "device busy"); },
                   "src/a line 57: calling midiStreamOut failed. device busy");

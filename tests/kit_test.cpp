@@ -14,7 +14,7 @@
 #endif
 
 #include "interfaces/kit.h"
-#include "tests/captured_log.h"
+#include "tests/support/captured_log.h"
 
 namespace {
 
@@ -38,9 +38,9 @@ TEST(CoutBuffer, LinesBuiltPieceByPieceOnManyThreadsNeverInterleave) {
     for (auto& writer : writers)
         writer.join();
 
-    ASSERT_EQ(log.lines().size(), static_cast<std::size_t>(kThreads * kLines));
+    ASSERT_EQ(log.Lines().size(), static_cast<std::size_t>(kThreads * kLines));
     std::map<int, int> nextLine;
-    for (const std::string& line : log.lines()) {
+    for (const std::string& line : log.Lines()) {
         int t = -1, i = -1;
         ASSERT_EQ(std::sscanf(line.c_str(), "T%d #%d", &t, &i), 2) << line;
         std::ostringstream expected;
@@ -61,7 +61,7 @@ TEST(CoutBuffer, EndsLinesOnEndlAndFlushesTheRestOnDestruction) {
         out << "unterminated";
     }
     { kit::CoutBuffer unused; }  // nothing written, no empty line
-    EXPECT_EQ(log.lines(), (std::vector<std::string>{"WARNING: SetTickIndex ignored. 42", "001f",
+    EXPECT_EQ(log.Lines(), (std::vector<std::string>{"WARNING: SetTickIndex ignored. 42", "001f",
                                                      "unterminated"}));
 }
 
@@ -85,7 +85,7 @@ TEST(Kit, FormatsFailureTextsAndTracesPlatformCallsOnlyWhenEnabled) {
     kit::LogFilter(kit::LogAttempt, "src", 9, "calling midiStreamOut", false);
     kit::LogFilter(kit::LogAttempt, "src", 9, "calling midiStreamOut", true);
     kit::LogFilter(kit::LogSuccess, "src", 9, "calling midiStreamOut", true);
-    EXPECT_EQ(log.lines(),
+    EXPECT_EQ(log.Lines(),
               (std::vector<std::string>{"src line 9: attempting calling midiStreamOut",
                                         "src line 9: succeeded calling midiStreamOut"}));
 }
@@ -93,9 +93,9 @@ TEST(Kit, FormatsFailureTextsAndTracesPlatformCallsOnlyWhenEnabled) {
 TEST(Kit, StackTraceIsWrittenAsLogLinesOfAtMostTheDepth) {
     CapturedLog log;
     kit::PrintStackTrace(3);
-    ASSERT_FALSE(log.lines().empty());
-    EXPECT_EQ(log.lines().front().rfind("Stack trace", 0), 0u);
-    EXPECT_LE(log.lines().size(), 4u);
+    ASSERT_FALSE(log.Lines().empty());
+    EXPECT_EQ(log.Lines().front().rfind("Stack trace", 0), 0u);
+    EXPECT_LE(log.Lines().size(), 4u);
 }
 
 TEST(Kit, PathsAndNoteNames) {

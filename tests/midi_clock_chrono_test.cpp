@@ -10,9 +10,9 @@
 #include <utility>
 #include <vector>
 
-#include "clock_log_capture.h"
 #include "interfaces/notify.h"
 #include "midi/clocks.h"
+#include "tests/support/captured_log.h"
 
 namespace {
 
@@ -188,7 +188,7 @@ TEST_F(MidiClockChronoReport, AReportThatFailsIsLoggedAndTheNextIsStillSent) {
     // the warning about it: the failure reaches the report thread.
     sink_->refuseFirst = true;
     bool logFailed = false;
-    ClockLogCapture log;
+    CapturedLog log;
     const kit::LogSink capture = kit::SetLogSink({});
     kit::SetLogSink([&](const std::string& line) {
         if (!std::exchange(logFailed, true)) {

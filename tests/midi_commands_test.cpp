@@ -8,11 +8,11 @@
 #include <thread>
 #include <vector>
 
-#include "captured_log.h"
 #include "interfaces/notify.h"
 #include "midi/midi_commands.h"
 #include "midi_input_support.h"
 #include "platform/virtual_midi.h"
+#include "tests/support/captured_log.h"
 #include "tests/support/temp_folder.h"
 
 using namespace midi_input_test;
@@ -158,7 +158,7 @@ TEST_F(MidiCommandsTest, TheSettingsFileHasItsExactLayout) {
     }());
     MidiCommands orphan(dispatcher, path_.string());
     EXPECT_EQ(
-        lines.lines(),
+        lines.Lines(),
         (std::vector<std::string>{"WARNING: VeltMidiError on LoadFromFile: Invalid MIDI source."}));
     EXPECT_FALSE(orphan.HasMidiSource());
     // A later entry of the same id wins.
@@ -174,7 +174,7 @@ TEST_F(MidiCommandsTest, EveryLoadFailureLeavesAUsableObject) {
         MidiCommands commands(dispatcher, path_.string());
         commands.SetMidiCommand(7, 0x90, 0, 1);  // still works
         EXPECT_EQ(commands.GetLearnedCommands().size(), 1u);
-        return lines.lines().empty() ? std::string("(none)") : lines.lines().front();
+        return lines.Lines().empty() ? std::string("(none)") : lines.Lines().front();
     };
     std::vector<std::uint8_t> otherTag{20};
     for (const char c : std::string("MidiTimeCodeSettings")) {
@@ -191,16 +191,16 @@ TEST_F(MidiCommandsTest, EveryLoadFailureLeavesAUsableObject) {
     {
         CapturedLog lines;
         MidiCommands missing(dispatcher, path_.string());
-        ASSERT_EQ(lines.lines().size(), 1u);
-        EXPECT_TRUE(lines.lines()[0].starts_with("WARNING: LoadFromFile error: "));
+        ASSERT_EQ(lines.Lines().size(), 1u);
+        EXPECT_TRUE(lines.Lines()[0].starts_with("WARNING: LoadFromFile error: "));
     }
 
     // Saving into a folder that does not exist.
     const std::string unwritable = (path_ / "no" / "such" / "file").string();
     CapturedLog lines;
     { MidiCommands commands(dispatcher, unwritable); }
-    ASSERT_EQ(lines.lines().size(), 2u);
-    EXPECT_EQ(lines.lines()[1], "WARNING: Unable to save settings to " + unwritable);
+    ASSERT_EQ(lines.Lines().size(), 2u);
+    EXPECT_EQ(lines.Lines()[1], "WARNING: Unable to save settings to " + unwritable);
 }
 
 TEST_F(MidiCommandsTest, NameTablesPerEdition) {
@@ -240,8 +240,8 @@ TEST_F(MidiCommandsTest, AFileCutShortAtAnyByteIsRefusedWholeWithAWarning) {
         WriteFile({whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(size)});
         CapturedLog lines;
         MidiCommands commands(dispatcher, path_.string());
-        ASSERT_EQ(lines.lines().size(), 1u);
-        EXPECT_TRUE(lines.lines()[0].starts_with("WARNING: ")) << lines.lines()[0];
+        ASSERT_EQ(lines.Lines().size(), 1u);
+        EXPECT_TRUE(lines.Lines()[0].starts_with("WARNING: ")) << lines.Lines()[0];
         EXPECT_TRUE(commands.GetLearnedCommands().empty());
         commands.SetMidiCommand(4, 0x90, 1, 62);
         EXPECT_EQ(commands.GetLearnedCommands().size(), 1u);

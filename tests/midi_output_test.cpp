@@ -13,13 +13,13 @@
 #include <thread>
 #include <vector>
 
-#include "clock_log_capture.h"
 #include "interfaces/kit.h"
 #include "interfaces/notify.h"
 #include "manual_send_step.h"
 #include "midi/midi_output.h"
 #include "midi/velt_midi_error.h"
 #include "recording_midi_buffer.h"
+#include "tests/support/captured_log.h"
 
 namespace {
 
@@ -315,7 +315,7 @@ TEST(MidiOutput, StopSignalsGivenWhileTheStoppedCallbackRunsAreAllDelivered) {
 }
 
 TEST(MidiOutput, HostCallbacksThatThrowAreLoggedAndTheirThreadsGoOn) {
-    ClockLogCapture log;
+    CapturedLog log;
     Host host;
     host.failingPeriod = 5;
     host.failNextStop = true;
@@ -399,7 +399,7 @@ TEST(MidiOutput, IndicesWrapAndTimeCodeFailuresAreLoggedNotThrown) {
     output->IncrementFillBufferIndex();
     EXPECT_EQ(output->GetFillBufferIndex(), 0);
 
-    ClockLogCapture log;
+    CapturedLog log;
     output->SetTimeCodeCallback([](double, double, double) { throw std::runtime_error("bad tc"); });
     EXPECT_NO_THROW(output->DoTimeCodeCallback(1, 2, 3));
     const auto lines = log.Lines();

@@ -8,8 +8,8 @@
 #include "interfaces/kit.h"
 #include "interfaces/notify.h"
 #include "midi/midi_stream_collection.h"
-#include "tests/captured_log.h"
 #include "tests/stream_test_support.h"
+#include "tests/support/captured_log.h"
 #include "velt_core/song_builder.h"
 
 using namespace stream_test;
@@ -112,7 +112,7 @@ TEST(MidiStreamCollection, ALaterSongOfTheSameNameNeverReplacesAStreamHandedOut)
         EXPECT_EQ(&collection.GetStream("One"), &first);
         EXPECT_EQ(collection.Built(), 2);
     }
-    EXPECT_EQ(log.lines(),
+    EXPECT_EQ(log.Lines(),
               std::vector<std::string>{"WARNING: the show has more than one song named "
                                        "\"One\"; each of them plays the first one's stream."});
 }
@@ -133,12 +133,7 @@ class FailingCollection : public MidiStreamCollection {
 };
 
 TEST(MidiStreamCollection, AFailedBuildEndsLoadingSoThatNobodyWaitsForever) {
-    std::vector<std::string> lines;
-    std::mutex linesMutex;
-    auto previous = kit::SetLogSink([&](const std::string& line) {
-        std::scoped_lock lock(linesMutex);
-        lines.push_back(line);
-    });
+    CapturedLog log;
     velt_midi::ShowData show;
     AddSongs(show, {"One", "Bad", "Three"});
     {
@@ -146,7 +141,7 @@ TEST(MidiStreamCollection, AFailedBuildEndsLoadingSoThatNobodyWaitsForever) {
         EXPECT_NO_THROW(collection.GetStream("One"));
         EXPECT_THROW(collection.GetStream("Three"), std::out_of_range);
     }
-    kit::SetLogSink(previous);
+    const auto lines = log.Lines();
     ASSERT_EQ(lines.size(), 1u);
     EXPECT_NE(lines[0].find("cannot build Bad"), std::string::npos) << lines[0];
     EXPECT_NE(lines[0].find("midi/Sources/midi_stream_collection line 27"), std::string::npos)

@@ -5,6 +5,7 @@
 
 #include "interfaces/kit.h"
 #include "tests/stream_test_support.h"
+#include "tests/support/captured_log.h"
 #include "velt_core/song_builder.h"
 
 using namespace stream_test;
@@ -458,8 +459,7 @@ TEST(MidiStreamPrograms, UserProgramsOverrideTheSongUntilItsProgramsAreFollowedA
 }
 
 TEST(MidiStreamEnqueue, AnInvalidEventIsLoggedAndPlaybackGoesOn) {
-    std::vector<std::string> lines;
-    auto previous = kit::SetLogSink([&](const std::string& line) { lines.push_back(line); });
+    CapturedLog log;
     auto song = velt_core::SongBuilder("Invalid")
                     .Bars(2)
                     .Track(0x00, "a", 0, {0, 127})
@@ -470,9 +470,8 @@ TEST(MidiStreamEnqueue, AnInvalidEventIsLoggedAndPlaybackGoesOn) {
     RecordingMidiBuffer buffer(1, 64);
     buffer.RejectInvalidEvents(true);
     stream.EnqueueEvents(5, -5, buffer, false);
-    kit::SetLogSink(previous);
     EXPECT_EQ(buffer.Events(0), (EventList{On(0x00, 55, 100, 1)}));
-    EXPECT_EQ(lines, (std::vector<std::string>{"InvalidVoiceEvent MidiStream::Enqueue_"}));
+    EXPECT_EQ(log.Lines(), (std::vector<std::string>{"InvalidVoiceEvent MidiStream::Enqueue_"}));
     EXPECT_EQ(buffer.GetDoneCount(), 1);
 }
 

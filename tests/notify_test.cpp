@@ -10,7 +10,7 @@
 
 #include "interfaces/kit.h"
 #include "interfaces/notify.h"
-#include "tests/captured_log.h"
+#include "tests/support/captured_log.h"
 
 namespace {
 
@@ -59,7 +59,7 @@ TEST(CallbackDispatcher, CallbacksMayRemoveThemselvesAndThrowWithoutStoppingDeli
     dispatcher.Notify("tick", nullptr);
     EXPECT_EQ(selfCalls, 1);
     EXPECT_EQ(otherCalls, 2);
-    EXPECT_EQ(log.lines(), (std::vector<std::string>{"WARNING: callback for tick threw: boom"}));
+    EXPECT_EQ(log.Lines(), (std::vector<std::string>{"WARNING: callback for tick threw: boom"}));
 }
 
 TEST(CallbackDispatcher, RemovalWaitsForACallRunningOnAnotherThread) {
@@ -158,7 +158,7 @@ TEST(GuiDispatcher, ForwardsEveryCallToTheInstalledSinkInOrder) {
     dispatcher.SetSink(nullptr);
     dispatcher.SendSourceConnected(3);  // removed: dropped too, and nothing logged
     EXPECT_EQ(sink->GetMessages().size(), 9u);
-    EXPECT_TRUE(log.lines().empty());
+    EXPECT_TRUE(log.Lines().empty());
 }
 
 TEST(HostServices, NotificationNamesAreDistinctAndTheExceptionLineNamesTheThread) {
@@ -181,7 +181,7 @@ TEST(HostServices, NotificationNamesAreDistinctAndTheExceptionLineNamesTheThread
         VeltLogException("boom", "midi/Sources/midi_queue_thread", 88);
     });
     worker.join();
-    EXPECT_EQ(log.lines(),
+    EXPECT_EQ(log.Lines(),
               (std::vector<std::string>{
                   "EXCEPTION: Unknown exception. (midi/Sources/midi_queue_thread line 88)",
                   "EXCEPTION: boom (midi/Sources/midi_queue_thread line 88) in thread "

@@ -5,6 +5,7 @@
 
 #include "interfaces/kit.h"
 #include "midi/persistent_midi.h"
+#include "tests/support/captured_log.h"
 
 using velt_midi::VoiceEvent;
 
@@ -136,18 +137,16 @@ TEST(PersistentMIDI, InversesListReleasesWithoutTouchingTheState) {
 }
 
 TEST(PersistentMIDI, PrintYourselfListsNotesSwitchesAndControllers) {
-    std::vector<std::string> lines;
-    auto previous = kit::SetLogSink([&](const std::string& line) { lines.push_back(line); });
+    CapturedLog log;
     PersistentMIDI state({36, 96});
     state.AddEvent(On(60, 100, 480));
     state.AddEvent(On(10, 90, 0));
     state.AddEvent(Cc(7, 100, 0));
     state.AddEvent(VoiceEvent(0, 0xC0, kTrack, 5, 0));
     state.PrintYourself();
-    kit::SetLogSink(previous);
 
     const std::vector<std::string> expected{
         "PersistentMidi",           "  Notes:", "    C4      480 0x93 60 100", "  Switches:",
         "    A#-1    0 0x93 10 90", "  CCs:",   "    7       0 0xB3 7 100"};
-    EXPECT_EQ(lines, expected);
+    EXPECT_EQ(log.Lines(), expected);
 }

@@ -18,7 +18,6 @@
 #include <thread>
 #include <vector>
 
-#include "clock_log_capture.h"
 #include "interfaces/kit.h"
 #include "interfaces/notify.h"
 #include "midi/how_to_play.h"
@@ -30,6 +29,7 @@
 #include "midi/win32/midi_output_win32.h"
 #include "midi/win32/standard_midi_clock_impl.h"
 #include "platform/virtual_midi.h"
+#include "tests/support/captured_log.h"
 #include "tests/support/device_packets.h"
 #include "tests/support/song_player.h"
 #include "velt_core/show_loader.h"
@@ -115,17 +115,6 @@ velt_midi::SongData QuarterNotes(int bars) {
     }
     return *song.Build();
 }
-
-// The log lines written while it lives, counted by how they start (and end).
-class LogLines : public ClockLogCapture {
-  public:
-    std::size_t CountStartingWith(const std::string& prefix, const std::string& suffix = "") {
-        const auto lines = Lines();
-        return static_cast<std::size_t>(std::count_if(lines.begin(), lines.end(), [&](auto& line) {
-            return line.starts_with(prefix) && line.ends_with(suffix);
-        }));
-    }
-};
 
 const std::string kStageLeftGone =
     "[ERROR] MIDI output device \"Stage Left\" is no longer connected (midi/Sources/win32/"
@@ -254,7 +243,7 @@ TEST_P(Playback, ACaesuraStopsAtItsTickAndASeekResumesWithTheChasedState) {
 
 TEST_P(Playback, APacketTheServiceNeverReturnsIsQuarantinedAndPlaybackGoesOn) {
     velt_platform::VirtualMidiOutput device("Playback Test Out");
-    LogLines log;
+    CapturedLog log;
     device.LoseCompletionOfPacket(3);
     {
         Host host(QuarterNotes(2), 1, {}, GetParam());
@@ -280,7 +269,7 @@ TEST_P(Playback, APacketTheServiceNeverReturnsIsQuarantinedAndPlaybackGoesOn) {
 TEST_P(PlaybackDevices, ADeviceThatGoesAwayIsReportedOnceAndReopenedByNameWhenItIsBack) {
     velt_platform::VirtualMidiOutput other("Stage Right");
     std::optional<velt_platform::VirtualMidiOutput> left(std::in_place, "Stage Left");
-    LogLines log;
+    CapturedLog log;
     LostDevices lost;
     Host host(QuarterNotes(8), 1, {}, GetParam());
     host.Output().CreateSynthOutput("Stage Left");
@@ -312,7 +301,7 @@ TEST_P(PlaybackDevices, ADeviceThatGoesAwayIsReportedOnceAndReopenedByNameWhenIt
 TEST_P(PlaybackDevices, SwitchingDevicesMidSongSendsEveryPeriodToExactlyOneOfThem) {
     velt_platform::VirtualMidiOutput left("Stage Left");
     velt_platform::VirtualMidiOutput right("Stage Right");
-    LogLines log;
+    CapturedLog log;
     Host host(QuarterNotes(6), 1, {}, GetParam());
     host.Play(0);
     ASSERT_TRUE(left.WaitForMessages(4, 20s));
@@ -343,7 +332,7 @@ TEST_P(PlaybackDevices, SwitchingDevicesMidSongSendsEveryPeriodToExactlyOneOfThe
 
 TEST_P(PlaybackDevices, AFailingSendDropsItsPeriodLogsOnceAndTheSongStillEnds) {
     velt_platform::VirtualMidiOutput device("Stage Left");
-    LogLines log;
+    CapturedLog log;
     Host host(QuarterNotes(4), 1, {}, GetParam());
     {
         // Break one packet of the ring behind the output's back: it fails every time it comes
@@ -370,7 +359,7 @@ TEST_P(PlaybackDevices, AFailingSendDropsItsPeriodLogsOnceAndTheSongStillEnds) {
 TEST(PlaybackDevices, ALossFoundByTheHostsOwnSendIsReportedByTheNextRun) {
     std::optional<velt_platform::VirtualMidiOutput> device(std::in_place, "Stage Left");
     velt_platform::VirtualMidiOutput other("Stage Right");
-    LogLines log;
+    CapturedLog log;
     LostDevices lost;
     Host host(QuarterNotes(2));
     host.Output().CreateSynthOutput("Stage Left");

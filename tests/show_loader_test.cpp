@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "captured_log.h"
+#include "tests/support/captured_log.h"
 #include "tests/support/temp_folder.h"
 #include "velt_core/show_loader.h"
 #include "velt_core/smf_writer.h"
@@ -479,7 +479,7 @@ TEST_F(ShowManifest, SongsSharingANameAreToldApartByANumber) {
     for (const auto& song : show->GetSongs())
         names.push_back(song->GetSongName());
     EXPECT_EQ(names, (std::vector<std::string>{"Reprise", "Reprise (2)", "Reprise (2) (2)"}));
-    EXPECT_EQ(log.lines().size(), 2u);
+    EXPECT_EQ(log.Lines().size(), 2u);
 }
 
 TEST_F(ShowManifest, APlayableShowGoesOnWithoutASongFileThatCannotBeRead) {
@@ -503,7 +503,7 @@ TEST_F(ShowManifest, APlayableShowGoesOnWithoutASongFileThatCannotBeRead) {
     EXPECT_EQ(playable.songs[2].name, "From File (2)");
     EXPECT_EQ(playable.songs[2].song->GetSongName(), "From File (2)");
     const std::string manifest = (dir_ / "show.json").string();
-    EXPECT_EQ(log.lines(),
+    EXPECT_EQ(log.Lines(),
               (std::vector<std::string>{
                   "WARNING: " + manifest + ": song 2 \"Broken\" cannot be played: " + error,
                   "WARNING: " + manifest +

@@ -18,7 +18,7 @@
 #include "apps/show_session.h"
 #include "midi/velt_midi_error.h"
 #include "platform/virtual_midi.h"
-#include "tests/captured_log.h"
+#include "tests/support/captured_log.h"
 #include "tests/support/watchdog.h"
 #include "velt_core/song_builder.h"
 
@@ -653,7 +653,7 @@ TEST(ShowSession, ADeviceThatNeverAnswersIsReportedAndCanBeStoppedOrLeft) {
                     EXPECT_EQ(f.session->Status().state, PlayState::stopped);
                 }
             }
-            const auto& lines = log.lines();
+            const auto& lines = log.Lines();
             EXPECT_TRUE(std::any_of(lines.begin(), lines.end(), [](const std::string& line) {
                 return line.find(
                            "midiStreamOutDone_ timed out without receiving a mom done "

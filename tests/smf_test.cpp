@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "captured_log.h"
+#include "tests/support/captured_log.h"
 #include "tests/support/temp_folder.h"
 #include "velt_core/show_loader.h"
 #include "velt_core/smf_reader.h"
@@ -169,7 +169,7 @@ TEST(SmfImport, SystemExclusiveAndSystemMessagesAreReportedInOneLinePerFile) {
     CapturedLog log;
     const auto song = velt_core::LoadSongFile(path);
     EXPECT_EQ(song.GetVoiceData().at(0).events.size(), 1u);
-    EXPECT_EQ(log.lines(),
+    EXPECT_EQ(log.Lines(),
               std::vector<std::string>{"WARNING: " + path +
                                        ": 3 System Exclusive messages and 1 system common or "
                                        "real-time message are not played."});

@@ -5,8 +5,8 @@
 #include <thread>
 #include <vector>
 
-#include "clock_log_capture.h"
 #include "midi/clocks.h"
+#include "tests/support/captured_log.h"
 
 namespace {
 
@@ -100,7 +100,7 @@ TEST(StandardMidiClock, AdvanceReportsTempoBeforeTheStepThenRearmsTheTimerOnlyWh
 }
 
 TEST(StandardMidiClock, ChangesWhileDisarmedAreReplayedInOrderAtArmUnlessATickIndexIsSet) {
-    ClockLogCapture log;
+    CapturedLog log;
     RecordingClock clock;
     clock.SetClockTime(0.03, 0);
     clock.SetClockTime(0.04, 0);  // the later one wins
@@ -136,7 +136,7 @@ TEST(StandardMidiClock, ChangesWhileDisarmedAreReplayedInOrderAtArmUnlessATickIn
 }
 
 TEST(StandardMidiClock, ArmedChangesApplyAtOnceScheduledOrAreRefused) {
-    ClockLogCapture log;
+    CapturedLog log;
     RecordingClock clock;
     clock.ArmPlayback(20, 24, kClockTime, 100, 0);
 
@@ -168,7 +168,7 @@ TEST(StandardMidiClock, ArmedChangesApplyAtOnceScheduledOrAreRefused) {
 }
 
 TEST(StandardMidiClock, SetTickIndexReplacesTheStateAtOnceOrWhenReached) {
-    ClockLogCapture log;
+    CapturedLog log;
     RecordingClock clock;
     clock.ArmPlayback(20, 24, kClockTime, 100, 5);
 
@@ -205,7 +205,7 @@ TEST(StandardMidiClock, CaesuraStopsTheClockExactlyAtItsTick) {
     EXPECT_TRUE(clock.AdvanceClock());  // 80
 
     // A caesura not after the live tick is refused.
-    ClockLogCapture log;
+    CapturedLog log;
     clock.SetCaesura(80, 0.03, 12);
     EXPECT_FALSE(clock.GetCaesuraIsPending());
     EXPECT_EQ(

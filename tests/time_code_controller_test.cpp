@@ -8,10 +8,10 @@
 #include <string>
 #include <vector>
 
-#include "captured_log.h"
 #include "interfaces/notify.h"
 #include "midi/time_code_controller.h"
 #include "midi/win32/midi_time_code_thread_win32.h"
+#include "tests/support/captured_log.h"
 #include "tests/support/temp_folder.h"
 #include "tests/support/virtual_devices.h"
 
@@ -101,10 +101,10 @@ TEST(TimeCodeSettings, DamagedFilesLeaveTheDefaultsAndAreLogged) {
         CapturedLog log;
         MidiTimeCodeController controller(folder.File());
         ExpectDefaults(controller);
-        ASSERT_EQ(log.lines().size(), 1u);
-        EXPECT_EQ(log.lines()[0].rfind("MidiTimeCodeController::LoadFromFile failed with ", 0), 0u)
-            << log.lines()[0];
-        EXPECT_NE(log.lines()[0].find(c.logged), std::string::npos) << log.lines()[0];
+        ASSERT_EQ(log.Lines().size(), 1u);
+        EXPECT_EQ(log.Lines()[0].rfind("MidiTimeCodeController::LoadFromFile failed with ", 0), 0u)
+            << log.Lines()[0];
+        EXPECT_NE(log.Lines()[0].find(c.logged), std::string::npos) << log.Lines()[0];
     }
     // A file saying "on" loads as off, with its port and rate.
     WriteBytes(folder.File(), SettingsBytes(1, 1, 9, 0));
@@ -178,8 +178,8 @@ VIRTUAL_DEVICE_TEST(TimeCodeController, APortThatCannotOpenIsLoggedAndStillNotif
     {
         CapturedLog log;
         controller.SetOutputPortIndex(*port.DeviceId());
-        ASSERT_EQ(log.lines().size(), 1u);
-        EXPECT_EQ(log.lines()[0].rfind("[ERROR] ", 0), 0u);
+        ASSERT_EQ(log.Lines().size(), 1u);
+        EXPECT_EQ(log.Lines()[0].rfind("[ERROR] ", 0), 0u);
     }
     EXPECT_TRUE(controller.GetIsActive());
     EXPECT_EQ(gui.sink->GetMessages(),

@@ -1,6 +1,8 @@
-// Captures the log lines written while it lives, for the clock tests.
+// Captures the log lines written through kit while it lives. Lines may be written from any
+// thread; reading them takes a copy.
 #pragma once
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
@@ -9,9 +11,9 @@
 
 #include "interfaces/kit.h"
 
-class ClockLogCapture {
+class CapturedLog {
   public:
-    ClockLogCapture() {
+    CapturedLog() {
         previous_ = kit::SetLogSink([this](const std::string& line) {
             {
                 std::scoped_lock lock(mutex_);
@@ -20,9 +22,9 @@ class ClockLogCapture {
             added_.notify_all();
         });
     }
-    ~ClockLogCapture() { kit::SetLogSink(previous_); }
-    ClockLogCapture(const ClockLogCapture&) = delete;
-    ClockLogCapture& operator=(const ClockLogCapture&) = delete;
+    ~CapturedLog() { kit::SetLogSink(previous_); }
+    CapturedLog(const CapturedLog&) = delete;
+    CapturedLog& operator=(const CapturedLog&) = delete;
 
     std::vector<std::string> Lines() const {
         std::scoped_lock lock(mutex_);
@@ -34,6 +36,14 @@ class ClockLogCapture {
         std::unique_lock lock(mutex_);
         return added_.wait_for(lock, std::chrono::seconds(10),
                                [&] { return lines_.size() >= count; });
+    }
+
+    /// How many lines start with `prefix` and end with `suffix`.
+    std::size_t CountStartingWith(const std::string& prefix, const std::string& suffix = "") const {
+        const auto lines = Lines();
+        return static_cast<std::size_t>(std::count_if(lines.begin(), lines.end(), [&](auto& line) {
+            return line.starts_with(prefix) && line.ends_with(suffix);
+        }));
     }
 
   private:
