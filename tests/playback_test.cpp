@@ -43,6 +43,7 @@ using playback::FilledPeriod;
 using playback::Message;
 using playback::MessageOfWord;
 using playback::Packets;
+using playback::Sounding;
 using Host = playback::SongPlayer<StandardMidiClockImpl>;
 
 // The first song of the example show, with its tempi ten times as fast so that it plays in a
@@ -66,20 +67,6 @@ std::vector<std::vector<Message>> ExpectedPackets(const std::vector<FilledPeriod
         }
     }
     return packets;
-}
-
-// The notes an instrument holds after the messages (channel << 8 | note).
-std::set<int> HeldNotes(const std::vector<Message>& messages) {
-    std::set<int> held;
-    for (const auto& m : messages) {
-        const int kind = m[0] & 0xF0;
-        const int key = ((m[0] & 0x0F) << 8) | m[1];
-        if (kind == 0x90 && m[2] > 0)
-            held.insert(key);
-        if (kind == 0x80 || (kind == 0x90 && m[2] == 0))
-            held.erase(key);
-    }
-    return held;
 }
 
 std::vector<Message> SongMessagesBefore(const velt_midi::SongData& song, std::uint32_t tick) {
@@ -215,7 +202,7 @@ TEST_P(Playback, ACaesuraStopsAtItsTickAndASeekResumesWithTheChasedState) {
     ASSERT_GT(filledBeforeStop.back().tick, caesura);
     EXPECT_EQ(beforeStop, ExpectedPackets(filledBeforeStop, caesura));
     // A caesura holds the chord: no panic went out.
-    EXPECT_FALSE(HeldNotes(Flatten(beforeStop)).empty());
+    EXPECT_FALSE(Sounding(Flatten(beforeStop)).empty());
 
     // Resume from bar 6. The first period releases what the caesura held and no longer sounds,
     // keeps what sounds on, and strikes what sounds at the new place.
@@ -230,15 +217,15 @@ TEST_P(Playback, ACaesuraStopsAtItsTickAndASeekResumesWithTheChasedState) {
 
     std::vector<Message> firstPeriod = Flatten(beforeStop);
     firstPeriod.insert(firstPeriod.end(), afterResume.front().begin(), afterResume.front().end());
-    EXPECT_EQ(HeldNotes(firstPeriod),
-              HeldNotes(SongMessagesBefore(song, resume + host.TicksPerClock())));
+    EXPECT_EQ(Sounding(firstPeriod),
+              Sounding(SongMessagesBefore(song, resume + host.TicksPerClock())));
 
     // To the end of the song nothing is left sounding, even before the final panic.
     afterResume.pop_back();
     std::vector<Message> whole = Flatten(beforeStop);
     for (const auto& packet : afterResume)
         whole.insert(whole.end(), packet.begin(), packet.end());
-    EXPECT_TRUE(HeldNotes(whole).empty());
+    EXPECT_TRUE(Sounding(whole).empty());
 }
 
 TEST_P(Playback, APacketTheServiceNeverReturnsIsQuarantinedAndPlaybackGoesOn) {
@@ -322,10 +309,7 @@ TEST_P(PlaybackDevices, SwitchingDevicesMidSongSendsEveryPeriodToExactlyOneOfThe
     sent.insert(sent.end(), onRight.begin(), onRight.end());
     EXPECT_EQ(sent, ExpectedPackets(host.Filled(), std::numeric_limits<std::uint32_t>::max()));
     // Leaving the first device released what it was still holding.
-    std::vector<Message> heardOnLeft;
-    for (const auto& message : left.Messages())
-        heardOnLeft.push_back(message.bytes);
-    EXPECT_TRUE(HeldNotes(heardOnLeft).empty());
+    EXPECT_TRUE(Sounding(playback::Heard(left)).empty());
     EXPECT_EQ(host.Output().GetDroppedSendCount(), 0u);
     EXPECT_EQ(log.CountStartingWith("[ERROR]"), 0u);
 }

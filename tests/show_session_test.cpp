@@ -19,16 +19,23 @@
 #include "midi/velt_midi_error.h"
 #include "platform/virtual_midi.h"
 #include "tests/support/captured_log.h"
+#include "tests/support/device_packets.h"
 #include "tests/support/watchdog.h"
 #include "velt_core/song_builder.h"
 
 namespace {
 
 using namespace std::chrono_literals;
+using playback::Heard;
+using playback::IsNoteOff;
+using playback::IsNoteOn;
+using playback::Message;
+using playback::NoteKey;
+using playback::Sounding;
+using playback::Voices;
 using velt_play::PlayState;
 using velt_play::SessionSong;
 using velt_play::ShowSession;
-using Message = std::vector<std::uint8_t>;
 
 constexpr std::uint32_t bar = 1920;  // 4/4 at 480 ticks per quarter
 
@@ -58,13 +65,6 @@ std::shared_ptr<velt_midi::SongData> TestSong(bool withCaesura = false, int temp
     return song.Build();
 }
 
-std::vector<Message> Heard(const velt_platform::MidiOutputRecorder& device) {
-    std::vector<Message> messages;
-    for (const auto& message : device.Messages())
-        messages.push_back(message.bytes);
-    return messages;
-}
-
 struct Fixture {
     explicit Fixture(std::shared_ptr<velt_midi::SongData> song,
                      velt_play::ClockKind clock = velt_play::ClockKind::precision) {
@@ -76,35 +76,16 @@ struct Fixture {
         while (session->Output().GetGuiDelay() > 0)
             session->DecreaseDisplayDelay();
     }
-    std::vector<Message> Heard() const { return ::Heard(device); }
+    std::vector<Message> Heard() const { return playback::Heard(device); }
     velt_platform::VirtualMidiOutput device{"Session Test Out"};
     std::shared_ptr<pv::ParvelShowData> show = std::make_shared<pv::ParvelShowData>();
     std::unique_ptr<ShowSession> session;
 };
 
-// Notes (channel << 8 | key) still sounding on an instrument that ignores controllers and
-// counts: each note-on adds a voice, each note-off takes one away.
-std::set<int> Sounding(const std::vector<Message>& messages) {
-    std::map<int, int> voices;
-    for (const auto& m : messages) {
-        const int kind = m[0] & 0xF0;
-        const int key = ((m[0] & 0x0F) << 8) | m[1];
-        if (kind == 0x90 && m[2] > 0)
-            ++voices[key];
-        else if ((kind == 0x80 || kind == 0x90) && voices[key] > 0)
-            --voices[key];
-    }
-    std::set<int> held;
-    for (const auto& [key, count] : voices)
-        if (count > 0)
-            held.insert(key);
-    return held;
-}
-
 std::vector<Message> NoteOns(const std::vector<Message>& messages) {
     std::vector<Message> ons;
     std::copy_if(messages.begin(), messages.end(), std::back_inserter(ons),
-                 [](const Message& m) { return (m[0] & 0xF0) == 0x90 && m[2] > 0; });
+                 [](const Message& m) { return IsNoteOn(m); });
     return ons;
 }
 
@@ -119,15 +100,11 @@ std::vector<Message> BeforeFinalResets(const std::vector<Message>& messages) {
 // Note-offs that answer no note-on heard before them: the device was never told to play what
 // they end, so what should have sounded there was silent.
 int Unanswered(const std::vector<Message>& messages) {
-    std::map<int, int> voices;
+    Voices voices;
     int unanswered = 0;
     for (const auto& m : messages) {
-        const int kind = m[0] & 0xF0;
-        const int key = ((m[0] & 0x0F) << 8) | m[1];
-        if (kind == 0x90 && m[2] > 0)
-            ++voices[key];
-        else if (kind == 0x80 || kind == 0x90)
-            voices[key] > 0 ? --voices[key] : ++unanswered;
+        unanswered += IsNoteOff(m) && !voices.Sounds(m) ? 1 : 0;
+        voices.Hear(m);
     }
     return unanswered;
 }
@@ -404,11 +381,8 @@ TEST(ShowSession, ATranspositionReleasesHeldNotesAtTheirOldPitchAndAMuteReleases
         ASSERT_GE(output.GetTickIndex(), until);
     };
     const auto releases = [](const std::vector<Message>& messages, std::size_t from, int key) {
-        return std::any_of(
-            messages.begin() + static_cast<long>(from), messages.end(), [key](const Message& m) {
-                return ((m[0] & 0xF0) == 0x80 || ((m[0] & 0xF0) == 0x90 && m[2] == 0)) &&
-                       (((m[0] & 0x0F) << 8) | m[1]) == key;
-            });
+        return std::any_of(messages.begin() + static_cast<long>(from), messages.end(),
+                           [key](const Message& m) { return IsNoteOff(m) && NoteKey(m) == key; });
     };
     // The ring of four buffers is filled ahead of the one sent: a change is heard from the first
     // period filled after it.

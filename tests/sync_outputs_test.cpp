@@ -14,6 +14,7 @@
 #include "apps/show_session.h"
 #include "apps/sync_outputs.h"
 #include "platform/virtual_midi.h"
+#include "tests/support/device_packets.h"
 #include "tests/support/mtc_receiver.h"
 #include "tests/support/temp_folder.h"
 #include "velt_core/song_builder.h"
@@ -21,8 +22,9 @@
 namespace {
 
 using namespace std::chrono_literals;
+using playback::Heard;
+using playback::Message;
 using velt_platform::VirtualMidiOutput;
-using Message = std::vector<std::uint8_t>;
 
 constexpr std::uint32_t kBar = 1920;  // 4/4 at 480 ticks per quarter
 
@@ -49,14 +51,6 @@ struct Fixture {
         session.reset();
         sync.reset();
     }
-    static std::vector<Message> Heard(const VirtualMidiOutput& device) {
-        std::vector<Message> messages;
-        for (const auto& message : device.Messages()) {
-            messages.push_back(message.bytes);
-        }
-        return messages;
-    }
-
     test_support::TempFolder folder;  // the settings folder
     test_support::ConfigHome configHome{folder.path()};
     VirtualMidiOutput music{"Sync Music"};
@@ -99,7 +93,7 @@ TEST(SyncOutputs, BeatClockFollowsTheTransport) {
     f.session->SeekToBar(2);                           // a jump while playing
     ASSERT_TRUE(f.session->WaitUntilNotPlaying(10s));  // plays to the end
     f.session->SeekToBar(2);                           // a cue while stopped
-    const Transport t = ReadTransport(Fixture::Heard(f.beatClock));
+    const Transport t = ReadTransport(Heard(f.beatClock));
 
     const std::vector<Message> expected{
         {0xF2, 0x00, 0x00},  // position 0 ...
@@ -131,7 +125,7 @@ TEST(SyncOutputs, TimeCodeLocatesThenRunsWithTheSong) {
     ASSERT_TRUE(f.session->WaitUntilNotPlaying(10s));
     std::this_thread::sleep_for(100ms);  // the last stretch's timer
     mtc_receiver::Receiver r;
-    for (const Message& message : Fixture::Heard(f.timeCode)) {
+    for (const Message& message : Heard(f.timeCode)) {
         r.Hear(message);
     }
     for (const auto& fault : r.faults) {
@@ -155,7 +149,7 @@ TEST(SyncOutputs, TimeCodeStopsWhereTheMusicStopsAndGoesOnFromThere) {
     line.frameRate = "25";  // a quarter frame is 10 ms
     Fixture f(line);
     const auto quarterFrames = [&f](std::size_t from, std::size_t to) {
-        const auto heard = Fixture::Heard(f.timeCode);
+        const auto heard = Heard(f.timeCode);
         return std::count_if(
             heard.begin() + static_cast<std::ptrdiff_t>(from),
             heard.begin() + static_cast<std::ptrdiff_t>(std::min(to, heard.size())),

@@ -31,6 +31,7 @@
 #include "midi/how_to_play.h"
 #include "midi/persistent_midi.h"
 #include "midi/user_controls.h"
+#include "tests/support/device_packets.h"
 #include "tests/support/temp_folder.h"
 #include "velt_core/show_loader.h"
 #include "velt_core/smf_reader.h"
@@ -40,7 +41,10 @@
 namespace {
 
 using namespace std::chrono_literals;
-using Message = std::vector<std::uint8_t>;
+using playback::IsNoteOff;
+using playback::IsNoteOn;
+using playback::Message;
+using playback::Voices;
 
 // ---------------------------------------------------------------------------------------------
 // Running the program
@@ -271,45 +275,6 @@ std::vector<Heard> ReadRecording(const std::string& path) {
     return heard;
 }
 
-bool IsNoteOn(const Message& m) {
-    return (m[0] & 0xF0) == 0x90 && m[2] > 0;
-}
-bool IsNoteOff(const Message& m) {
-    return (m[0] & 0xF0) == 0x80 || ((m[0] & 0xF0) == 0x90 && m[2] == 0);
-}
-int NoteKey(const Message& m) {
-    return ((m[0] & 0x0F) << 8) | m[1];
-}
-
-// Counts voices as an instrument that ignores controllers does: each note-on takes a voice,
-// each note-off gives one back.
-class Voices {
-  public:
-    void Hear(const Message& m) {
-        if (IsNoteOn(m)) {
-            ++voices_[NoteKey(m)];
-        } else if (IsNoteOff(m) && voices_[NoteKey(m)] > 0) {
-            --voices_[NoteKey(m)];
-        }
-    }
-    bool Sounds(const Message& noteOff) const {
-        const auto voice = voices_.find(NoteKey(noteOff));
-        return voice != voices_.end() && voice->second > 0;
-    }
-    std::set<int> Held() const {
-        std::set<int> held;
-        for (const auto& [key, count] : voices_) {
-            if (count > 0) {
-                held.insert(key);
-            }
-        }
-        return held;
-    }
-
-  private:
-    std::map<int, int> voices_;
-};
-
 std::set<int> HeldAfter(const std::vector<Heard>& heard, std::size_t count) {
     Voices voices;
     for (std::size_t i = 0; i < count && i < heard.size(); ++i) {
@@ -320,17 +285,10 @@ std::set<int> HeldAfter(const std::vector<Heard>& heard, std::size_t count) {
 
 // A stop's resets: controllers 123 and 121 on every channel.
 bool EndsWithResets(const std::vector<Heard>& heard) {
-    if (heard.size() < 32) {
-        return false;
-    }
-    for (std::uint8_t channel = 0; channel < 16; ++channel) {
-        const auto at = heard.size() - 32 + 2 * channel;
-        if (heard[at].message != Message{static_cast<std::uint8_t>(0xB0 | channel), 123, 0} ||
-            heard[at + 1].message != Message{static_cast<std::uint8_t>(0xB0 | channel), 121, 0}) {
-            return false;
-        }
-    }
-    return true;
+    const auto resets = playback::AllNotesOffMessages();
+    return heard.size() >= resets.size() &&
+           std::equal(resets.begin(), resets.end(), heard.end() - resets.size(),
+                      [](const Message& reset, const Heard& h) { return reset == h.message; });
 }
 
 // ---------------------------------------------------------------------------------------------
