@@ -19,6 +19,7 @@
 #include "midi/win32/precision_midi_clock_impl.h"
 #include "midi/win32/standard_midi_clock_impl.h"
 #include "tests/support/captured_log.h"
+#include "tests/support/recorded.h"
 
 namespace {
 
@@ -26,31 +27,13 @@ using namespace std::chrono_literals;
 
 constexpr double kFastClockTime = 0.001;  // short periods keep the tests quick
 
-// Counts clock callbacks and lets the test wait for a number of them.
-class ClockCounter {
-  public:
+// Counts clock callbacks, from whatever thread, and lets the test wait for a number of them.
+struct ClockCounter : Recorded<double> {
     std::function<void(double)> Callback() {
-        return [this](double) {
-            {
-                std::scoped_lock lock(mutex_);
-                ++calls_;
-            }
-            changed_.notify_all();
-        };
+        return [this](double bpm) { Add(bpm); };
     }
-    bool WaitForCalls(int count) {
-        std::unique_lock lock(mutex_);
-        return changed_.wait_for(lock, 10s, [&] { return calls_ >= count; });
-    }
-    int Calls() {
-        std::scoped_lock lock(mutex_);
-        return calls_;
-    }
-
-  private:
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    int calls_ = 0;
+    bool WaitForCalls(int count) { return WaitFor(static_cast<std::size_t>(count)); }
+    int Calls() const { return static_cast<int>(Size()); }
 };
 
 template <typename Clock>

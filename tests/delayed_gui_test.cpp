@@ -12,28 +12,17 @@
 
 #include "midi/win32/delayed_gui.h"
 #include "tests/support/captured_log.h"
+#include "tests/support/recorded.h"
 
 namespace {
 
-struct Deliveries {
-    std::mutex mutex;
-    std::condition_variable condition;
-    std::vector<std::uint32_t> ticks;
-    std::vector<std::thread::id> threads;
-
-    void Deliver(std::uint32_t tick) {
-        std::scoped_lock lock(mutex);
-        ticks.push_back(tick);
-        threads.push_back(std::this_thread::get_id());
-        condition.notify_all();
-    }
-    bool WaitFor(std::size_t count) {
-        std::unique_lock lock(mutex);
-        return condition.wait_for(lock, std::chrono::seconds(10),
-                                  [&] { return ticks.size() >= count; });
-    }
-    std::vector<std::uint32_t> Ticks() {
-        std::scoped_lock lock(mutex);
+// The ticks delivered, each with the thread it came on.
+struct Deliveries : Recorded<std::pair<std::uint32_t, std::thread::id>> {
+    void Deliver(std::uint32_t tick) { Add({tick, std::this_thread::get_id()}); }
+    std::vector<std::uint32_t> Ticks() const {
+        std::vector<std::uint32_t> ticks;
+        for (const auto& [tick, thread] : Values())
+            ticks.push_back(tick);
         return ticks;
     }
 };
@@ -48,8 +37,8 @@ TEST(DelayedGui, ScheduledTicksArriveInOrderOnTheWorkerThread) {
     gui.SignalDelayedCallback(12);
     ASSERT_TRUE(deliveries.WaitFor(3));
     EXPECT_EQ(deliveries.Ticks(), (std::vector<std::uint32_t>{10, 11, 12}));
-    for (auto id : deliveries.threads)
-        EXPECT_NE(id, std::this_thread::get_id());
+    for (const auto& [tick, thread] : deliveries.Values())
+        EXPECT_NE(thread, std::this_thread::get_id()) << tick;
     EXPECT_FALSE(gui.HasScheduledCallbacks());
 }
 

@@ -13,6 +13,7 @@
 #include "interfaces/notify.h"
 #include "midi/clocks.h"
 #include "tests/support/captured_log.h"
+#include "tests/support/recorded.h"
 
 namespace {
 
@@ -127,23 +128,16 @@ class WaitingGuiSink : public notify::RecordingGuiSink {
         if (refuseFirst.exchange(false)) {
             throw std::runtime_error("display gone");
         }
-        {
-            std::scoped_lock lock(mutex_);
-            texts_.push_back(text);
-        }
-        arrived_.notify_all();
+        texts_.Add(text);
     }
     std::atomic<bool> refuseFirst{false};
     std::vector<std::string> WaitForTexts(std::size_t count) {
-        std::unique_lock lock(mutex_);
-        arrived_.wait_for(lock, std::chrono::seconds(10), [&] { return texts_.size() >= count; });
-        return texts_;
+        texts_.WaitFor(count);
+        return texts_.Values();
     }
 
   private:
-    std::mutex mutex_;
-    std::condition_variable arrived_;
-    std::vector<std::string> texts_;
+    Recorded<std::string> texts_;
 };
 
 class MidiClockChronoReport : public ::testing::Test {

@@ -3,17 +3,16 @@
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
 #include <cstdlib>
 #include <iostream>
 #include <map>
-#include <mutex>
 #include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "interfaces/notify.h"
+#include "tests/support/recorded.h"
 
 namespace midi_input_test {
 
@@ -28,11 +27,9 @@ class NotificationLog {
   public:
     explicit NotificationLog(const std::vector<std::string>& names) {
         for (const std::string& name : names) {
-            notify::callbackDispatcher.AddCallback(name, this, [this, name](void*) {
-                std::scoped_lock lock(mutex_);
-                threads_[name].push_back(std::this_thread::get_id());
-                changed_.notify_all();
-            });
+            auto& threads = threads_[name];  // every name is in the map before any callback
+            notify::callbackDispatcher.AddCallback(
+                name, this, [&threads](void*) { threads.Add(std::this_thread::get_id()); });
         }
     }
     ~NotificationLog() { notify::callbackDispatcher.RemoveCallbacksForTarget(this); }
@@ -40,22 +37,15 @@ class NotificationLog {
     NotificationLog& operator=(const NotificationLog&) = delete;
 
     bool WaitFor(const std::string& name, std::size_t count) {
-        std::unique_lock lock(mutex_);
-        return changed_.wait_for(lock, kHangLimit, [&] { return threads_[name].size() >= count; });
+        return threads_.at(name).WaitFor(count, kHangLimit);
     }
-    std::size_t Count(const std::string& name) {
-        std::scoped_lock lock(mutex_);
-        return threads_[name].size();
-    }
-    std::vector<std::thread::id> Threads(const std::string& name) {
-        std::scoped_lock lock(mutex_);
-        return threads_[name];
+    std::size_t Count(const std::string& name) const { return threads_.at(name).Size(); }
+    std::vector<std::thread::id> Threads(const std::string& name) const {
+        return threads_.at(name).Values();
     }
 
   private:
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    std::map<std::string, std::vector<std::thread::id>> threads_;
+    std::map<std::string, Recorded<std::thread::id>> threads_;
 };
 
 // Captures what is written to std::cerr while it lives.

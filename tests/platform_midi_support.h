@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "platform/mmsystem.h"
+#include "tests/support/recorded.h"
 
 namespace platform_midi_test {
 
@@ -32,22 +33,14 @@ class CallbackLog {
   public:
     static void CALLBACK Callback(HDRVR handle, UINT message, DWORD_PTR instance, DWORD_PTR param1,
                                   DWORD_PTR param2) {
-        auto* log = reinterpret_cast<CallbackLog*>(instance);
-        {
-            std::scoped_lock lock(log->mutex_);
-            log->records_.push_back(
-                CallbackRecord{message, param1, param2, std::this_thread::get_id(), handle});
-        }
-        log->changed_.notify_all();
+        reinterpret_cast<CallbackLog*>(instance)->records_.Add(
+            CallbackRecord{message, param1, param2, std::this_thread::get_id(), handle});
     }
 
     DWORD_PTR Instance() { return reinterpret_cast<DWORD_PTR>(this); }
     static DWORD_PTR Function() { return reinterpret_cast<DWORD_PTR>(&CallbackLog::Callback); }
 
-    std::vector<CallbackRecord> Records() const {
-        std::scoped_lock lock(mutex_);
-        return records_;
-    }
+    std::vector<CallbackRecord> Records() const { return records_.Values(); }
 
     std::vector<CallbackRecord> Of(UINT message) const {
         std::vector<CallbackRecord> found;
@@ -59,17 +52,16 @@ class CallbackLog {
 
     // True when count callbacks of this message have been made within the hang limit.
     bool WaitFor(UINT message, std::size_t count) const {
-        std::unique_lock lock(mutex_);
-        return changed_.wait_for(lock, kHangLimit, [&] {
-            return std::ranges::count(records_, message, &CallbackRecord::message) >=
-                   static_cast<std::ptrdiff_t>(count);
-        });
+        return records_.WaitUntil(
+            [&](const std::vector<CallbackRecord>& records) {
+                return std::ranges::count(records, message, &CallbackRecord::message) >=
+                       static_cast<std::ptrdiff_t>(count);
+            },
+            kHangLimit);
     }
 
   private:
-    mutable std::mutex mutex_;
-    mutable std::condition_variable changed_;
-    std::vector<CallbackRecord> records_;
+    Recorded<CallbackRecord> records_;
 };
 
 // A stream buffer with its header, filled with 12-byte short events.

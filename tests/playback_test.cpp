@@ -31,6 +31,7 @@
 #include "platform/virtual_midi.h"
 #include "tests/support/captured_log.h"
 #include "tests/support/device_packets.h"
+#include "tests/support/recorded.h"
 #include "tests/support/song_player.h"
 #include "velt_core/show_loader.h"
 #include "velt_core/song_builder.h"
@@ -109,30 +110,13 @@ const std::string kStageLeftGone =
     "connected.)";
 
 // The device-lost notifications posted while it lives: the device names, in order.
-class LostDevices {
-  public:
+struct LostDevices : Recorded<std::string> {
     LostDevices() {
         notify::callbackDispatcher.AddCallback(
-            notify::names::midiOutputDeviceLost, this, [this](void* payload) {
-                std::scoped_lock lock(mutex_);
-                names_.push_back(*static_cast<std::string*>(payload));
-                changed_.notify_all();
-            });
+            notify::names::midiOutputDeviceLost, this,
+            [this](void* payload) { Add(*static_cast<std::string*>(payload)); });
     }
     ~LostDevices() { notify::callbackDispatcher.RemoveCallbacksForTarget(this); }
-    bool WaitFor(std::size_t count) {
-        std::unique_lock lock(mutex_);
-        return changed_.wait_for(lock, 20s, [&] { return names_.size() >= count; });
-    }
-    std::vector<std::string> Names() {
-        std::scoped_lock lock(mutex_);
-        return names_;
-    }
-
-  private:
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    std::vector<std::string> names_;
 };
 
 // Every case runs with both timings of the output: clock timing (every event of a period at its
@@ -264,8 +248,8 @@ TEST_P(PlaybackDevices, ADeviceThatGoesAwayIsReportedOnceAndReopenedByNameWhenIt
     ASSERT_TRUE(left->WaitForMessages(8, 20s));
     left.reset();  // unplugged mid-song
 
-    ASSERT_TRUE(lost.WaitFor(1));
-    EXPECT_EQ(lost.Names(), std::vector<std::string>{"Stage Left"});
+    ASSERT_TRUE(lost.WaitFor(1, 20s));
+    EXPECT_EQ(lost.Values(), std::vector<std::string>{"Stage Left"});
     EXPECT_TRUE(host.Output().GetSynthIsLost());
     EXPECT_EQ(log.CountStartingWith(kStageLeftGone), 1u);
 
@@ -282,7 +266,7 @@ TEST_P(PlaybackDevices, ADeviceThatGoesAwayIsReportedOnceAndReopenedByNameWhenIt
     EXPECT_GT(host.Output().GetDroppedSendCount(), 0u);
     EXPECT_EQ(log.CountStartingWith("Header is not prepared."), 0u);
     EXPECT_EQ(log.CountStartingWith("[ERROR]"), 1u);
-    EXPECT_EQ(lost.Names().size(), 1u);
+    EXPECT_EQ(lost.Values().size(), 1u);
 }
 
 TEST_P(PlaybackDevices, SwitchingDevicesMidSongSendsEveryPeriodToExactlyOneOfThem) {
@@ -362,9 +346,9 @@ TEST(PlaybackDevices, ALossFoundByTheHostsOwnSendIsReportedByTheNextRun) {
     EXPECT_NO_THROW(host.Output().InjectEvents({velt_midi::VoiceEvent(0, 0x80, 0, 60, 0)}));
 
     host.Play(0);
-    ASSERT_TRUE(lost.WaitFor(1));
+    ASSERT_TRUE(lost.WaitFor(1, 20s));
     ASSERT_TRUE(host.WaitForStops(1));
-    EXPECT_EQ(lost.Names(), std::vector<std::string>{"Stage Left"});
+    EXPECT_EQ(lost.Values(), std::vector<std::string>{"Stage Left"});
     EXPECT_EQ(log.CountStartingWith(kStageLeftGone), 1u);
     EXPECT_TRUE(other.Messages().empty());
 }

@@ -3,40 +3,23 @@
 #pragma once
 
 #include <algorithm>
-#include <chrono>
-#include <condition_variable>
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include "interfaces/kit.h"
+#include "tests/support/recorded.h"
 
 class CapturedLog {
   public:
-    CapturedLog() {
-        previous_ = kit::SetLogSink([this](const std::string& line) {
-            {
-                std::scoped_lock lock(mutex_);
-                lines_.push_back(line);
-            }
-            added_.notify_all();
-        });
-    }
+    CapturedLog() : previous_(kit::SetLogSink([this](const std::string& l) { lines_.Add(l); })) {}
     ~CapturedLog() { kit::SetLogSink(previous_); }
     CapturedLog(const CapturedLog&) = delete;
     CapturedLog& operator=(const CapturedLog&) = delete;
 
-    std::vector<std::string> Lines() const {
-        std::scoped_lock lock(mutex_);
-        return lines_;
-    }
+    std::vector<std::string> Lines() const { return lines_.Values(); }
 
     /// Waits (at most 10 s) until `count` lines have been written; returns whether they were.
-    bool WaitForLines(std::size_t count) {
-        std::unique_lock lock(mutex_);
-        return added_.wait_for(lock, std::chrono::seconds(10),
-                               [&] { return lines_.size() >= count; });
-    }
+    bool WaitForLines(std::size_t count) { return lines_.WaitFor(count); }
 
     /// How many lines start with `prefix` and end with `suffix`.
     std::size_t CountStartingWith(const std::string& prefix, const std::string& suffix = "") const {
@@ -47,8 +30,6 @@ class CapturedLog {
     }
 
   private:
+    Recorded<std::string> lines_;  // before the sink that adds to it
     kit::LogSink previous_;
-    mutable std::mutex mutex_;
-    std::condition_variable added_;
-    std::vector<std::string> lines_;
 };
