@@ -27,6 +27,7 @@
 #include <vector>
 
 #include "platform_midi_support.h"
+#include "tests/support/watchdog.h"
 
 extern char** environ;
 
@@ -262,19 +263,6 @@ std::optional<UINT> FindInput(const std::string& name) {
         }
     }
     return std::nullopt;
-}
-
-// Calls attempt until it gives a value, for at most the hang limit, and returns its last answer.
-// For what the server tells the other clients only some time after it happened.
-template <typename Attempt>
-auto Eventually(Attempt attempt) {
-    const auto deadline = std::chrono::steady_clock::now() + kHangLimit;
-    auto answer = attempt();
-    while (!answer && std::chrono::steady_clock::now() < deadline) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-        answer = attempt();
-    }
-    return answer;
 }
 
 // Closes a handle that a failed assertion left open, before the callback log it reports to goes.

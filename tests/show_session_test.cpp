@@ -109,20 +109,8 @@ int Unanswered(const std::vector<Message>& messages) {
     return unanswered;
 }
 
-template <typename Condition>
-bool Eventually(Condition condition) {
-    for (int i = 0; i < 2000; ++i) {
-        if (condition())
-            return true;
-        std::this_thread::sleep_for(5ms);
-    }
-    return false;
-}
-
 void WaitForBar(ShowSession& session, int bar) {
-    for (int i = 0; i < 2000 && session.Status().bar < bar; ++i)
-        std::this_thread::sleep_for(5ms);
-    ASSERT_GE(session.Status().bar, bar);
+    ASSERT_TRUE(Eventually([&] { return session.Status().bar >= bar; })) << "bar " << bar;
 }
 
 }  // namespace

@@ -1,4 +1,5 @@
-// A time limit for tests whose fault would be a deadlock.
+// Time limits for tests whose fault would be a hang: a watchdog for deadlocks, and a wait for
+// what another thread or process makes true some time later.
 #pragma once
 
 #include <chrono>
@@ -40,3 +41,16 @@ class Watchdog {
     bool done_ = false;
     std::thread thread_;
 };
+
+// Asks `attempt` until its answer tests true, for at most `limit`, and returns its last answer.
+// The limit only guards against a hang; it is never a timing assertion.
+template <typename Attempt>
+auto Eventually(Attempt attempt, std::chrono::milliseconds limit = std::chrono::seconds(10)) {
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    auto answer = attempt();
+    while (!answer && std::chrono::steady_clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        answer = attempt();
+    }
+    return answer;
+}
