@@ -454,10 +454,8 @@ void ShowSession::Start_(std::uint32_t tick) {
 }
 
 // The ring runs up to four periods ahead of the device, so the stream's own idea of what sounds
-// is that of the last period filled. Before a jump with chase it is brought back to what the
-// device has actually received: a seek to the end of the last period sent and an empty first
-// period into a scratch buffer that is never sent. The notes the device holds are then what the
-// stream releases or keeps at the jump.
+// is that of the last period filled. Before a jump with chase, and before a mute's releases at a
+// caesura, it is brought back to what the device has actually received.
 void ShowSession::SyncStreamWithDevice_() {
     std::uint32_t deviceTick = 0;
     {
@@ -468,10 +466,8 @@ void ShowSession::SyncStreamWithDevice_() {
         scratch_ = CreateMidiBuffer(portCount_, MidiOutput::bufferCapacity, "Session Scratch");
     }
     const auto transposition = static_cast<signed char>(position_->GetTranspositionPair().second);
-    stream_->Seek(deviceTick);
     scratch_->Reset();
-    stream_->EnqueueEventsWithPersistence(deviceTick, transposition, transposition, *scratch_,
-                                          false);
+    stream_->SyncWithDevice(deviceTick, transposition, *scratch_);
 }
 
 // Stops sending. `why` is the state afterwards; for a jump (playing) nothing is released, as the
@@ -625,12 +621,10 @@ void ShowSession::ReleaseMutedTracksNow_() {
     std::vector<std::pair<NoteKey, NoteChange>> notes;
     {
         std::scoped_lock lock(positionMutex_);
-        if (!scratch_) {
-            scratch_ = CreateMidiBuffer(portCount_, MidiOutput::bufferCapacity, "Session Scratch");
-        }
+        SyncStreamWithDevice_();  // releases what the device holds, not what was filled ahead
         scratch_->Reset();
         const auto transposition =
-            static_cast<signed char>(position_->GetTranspositionPair().first);
+            static_cast<signed char>(position_->GetTranspositionPair().second);
         stream_->EnqueueMutedTrackReleases(transposition, *scratch_);
         ForEachMessage(
             *scratch_, portCount_,

@@ -145,6 +145,11 @@ class MidiStream {
     /// At the next period, every muted track gets controllers 123 and 121 (value 0), and then a
     /// note-off for each note and switch its chase state still holds, which the state forgets.
     void SendAllNotesOffForMutedTracks();
+    /// Seeks to `tick` and fills an empty first period from there into `scratch`, which is never
+    /// sent: the chase state is then what a device holds that received everything before `tick`
+    /// (the stream may have filled periods ahead that the device never got). A mute's releases
+    /// and an unmute's restore still pending stay for the period that is sent.
+    void SyncWithDevice(unsigned int tick, signed char transposition, MidiBuffer& scratch);
     /// Writes now what SendAllNotesOffForMutedTracks asked of the next period, for a caller whose
     /// next period is not coming soon (a chord held at a caesura); nothing if nothing was asked.
     void EnqueueMutedTrackReleases(signed char transposition, MidiBuffer& buffer);

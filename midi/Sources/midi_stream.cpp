@@ -386,6 +386,21 @@ void MidiStream::WriteMutedTrackReleases_(signed char transposition, MidiBuffer&
     }
 }
 
+void MidiStream::SyncWithDevice(unsigned int tick, signed char transposition, MidiBuffer& scratch) {
+    Seek(tick);
+    bool releases = false;
+    std::set<unsigned short> restores;
+    {
+        std::scoped_lock lock(controlMutex_);
+        releases = std::exchange(sendAllNotesOffForMutedTracks_, false);
+        restores.swap(tracksToRestore_);
+    }
+    EnqueueEventsWithPersistence(tick, transposition, transposition, scratch, false);
+    std::scoped_lock lock(controlMutex_);
+    sendAllNotesOffForMutedTracks_ = sendAllNotesOffForMutedTracks_ || releases;
+    tracksToRestore_.insert(restores.begin(), restores.end());
+}
+
 void MidiStream::EnqueueMutedTrackReleases(signed char transposition, MidiBuffer& buffer) {
     std::scoped_lock lock(buffer.GetMutex(), controlMutex_);
     WriteMutedTrackReleases_(transposition, buffer);
