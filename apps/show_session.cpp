@@ -414,6 +414,7 @@ void ShowSession::Start_(std::uint32_t tick) {
     int clocksPerClick = 0;
     double clockTime = 0;
     int clockNumber = 0;
+    AskAgainForDroppedControls_();
     {
         std::scoped_lock lock(positionMutex_);
         if (firstFill_ == FirstFill::chase) {
@@ -562,6 +563,14 @@ void ShowSession::Fill_(MidiBuffer& buffer) {
     }
     nextTick_ = periodEnd;
     RecordFilledNotes_(tick, buffer);
+    if (!mutedSinceFill_.empty() || !unmutedSinceFill_.empty()) {
+        std::scoped_lock sent(sentMutex_);
+        TrackControls& carried = filledControls_[tick];
+        carried.muted.merge(mutedSinceFill_);
+        carried.unmuted.merge(unmutedSinceFill_);
+        mutedSinceFill_.clear();
+        unmutedSinceFill_.clear();
+    }
     buffer.SetHasData(true);
 }
 
@@ -609,6 +618,31 @@ std::vector<std::pair<ShowSession::NoteKey, ShowSession::NoteChange>> ShowSessio
             }
         });
     return notes;
+}
+
+bool ShowSession::AskAgainForDroppedControls_() {
+    TrackControls dropped;
+    {
+        std::scoped_lock lock(sentMutex_);
+        for (auto& [tick, carried] : filledControls_) {
+            for (unsigned short trackId : carried.muted) {
+                dropped.muted.insert(trackId);
+                dropped.unmuted.erase(trackId);
+            }
+            for (unsigned short trackId : carried.unmuted) {
+                dropped.unmuted.insert(trackId);
+                dropped.muted.erase(trackId);
+            }
+        }
+        filledControls_.clear();
+    }
+    if (dropped.muted.empty() && dropped.unmuted.empty()) {
+        return false;
+    }
+    std::scoped_lock lock(positionMutex_);
+    stream_->ReleaseMutedTrackNotes(dropped.muted);
+    stream_->RestoreTracks(dropped.unmuted);
+    return !dropped.muted.empty();
 }
 
 // A mute asks the stream for its releases with the next period; at a caesura that period waits
@@ -661,6 +695,7 @@ bool ShowSession::PeriodSent_(unsigned int tick) {
         ApplyNoteChanges_(filled->second, sounding_);
         filledNotes_.erase(filledNotes_.begin(), std::next(filled));
     }
+    filledControls_.erase(filledControls_.begin(), filledControls_.upper_bound(tick));
     lastSentEnd_ = tick + ticksPerClockSent_;
     if (stopBefore_ && lastSentEnd_ >= *stopBefore_) {
         stopBeforeReached_ = true;
@@ -699,6 +734,10 @@ void ShowSession::Stopped_() {
         std::scoped_lock lock(positionMutex_);
         resumeTick_ = stoppedAt;
         firstFill_ = caesura ? FirstFill::chase : FirstFill::strike;
+    }
+    if (caesura && AskAgainForDroppedControls_()) {
+        // A track muted just before the caesura: its releases rode on a period never sent.
+        ReleaseMutedTracksNow_();
     }
     if (limit || caesura) {
         ShowStoppedAt_(stoppedAt);
@@ -809,6 +848,8 @@ void ShowSession::MuteTrack(unsigned short trackId) {
     ChangeStreams_([&] {
         streams_->MuteTrack(trackId);
         stream_->SendAllNotesOffForMutedTracks();
+        mutedSinceFill_.insert(trackId);
+        unmutedSinceFill_.erase(trackId);
     });
     if (State_() == PlayState::caesura) {
         ReleaseMutedTracksNow_();
@@ -818,15 +859,26 @@ void ShowSession::MuteTrack(unsigned short trackId) {
 void ShowSession::UnmuteTrack(unsigned short trackId) {
     std::scoped_lock transport(transportMutex_);
     RequireTrack_(trackId);
-    ChangeStreams_([&] { streams_->UnmuteTrack(trackId); });
+    ChangeStreams_([&] {
+        streams_->UnmuteTrack(trackId);
+        unmutedSinceFill_.insert(trackId);
+        mutedSinceFill_.erase(trackId);
+    });
 }
 
 void ShowSession::MuteGroup(unsigned char group) {
     std::scoped_lock transport(transportMutex_);
     RequireGroup_(group);
     ChangeStreams_([&] {
+        const auto before = stream_->GetMutedTracks();
         streams_->MuteGroup(group);
         stream_->SendAllNotesOffForMutedTracks();
+        for (unsigned short trackId : stream_->GetMutedTracks()) {
+            if (before.count(trackId) == 0) {
+                mutedSinceFill_.insert(trackId);
+                unmutedSinceFill_.erase(trackId);
+            }
+        }
     });
     if (State_() == PlayState::caesura) {
         ReleaseMutedTracksNow_();
@@ -836,7 +888,17 @@ void ShowSession::MuteGroup(unsigned char group) {
 void ShowSession::UnmuteGroup(unsigned char group) {
     std::scoped_lock transport(transportMutex_);
     RequireGroup_(group);
-    ChangeStreams_([&] { streams_->UnmuteGroup(group); });
+    ChangeStreams_([&] {
+        const auto before = stream_->GetMutedTracks();
+        streams_->UnmuteGroup(group);
+        const auto after = stream_->GetMutedTracks();
+        for (unsigned short trackId : before) {
+            if (after.count(trackId) == 0) {
+                unmutedSinceFill_.insert(trackId);
+                mutedSinceFill_.erase(trackId);
+            }
+        }
+    });
 }
 
 void ShowSession::SetTrackTrim(unsigned short trackId, unsigned char trim) {

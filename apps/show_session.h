@@ -245,6 +245,9 @@ class ShowSession {
     std::vector<std::pair<NoteKey, NoteChange>> NoteChangesIn_(MidiBuffer& buffer) const;
     // At a caesura: a mute's releases sent at once rather than with the next period.
     void ReleaseMutedTracksNow_();
+    // The mutes and unmutes that rode on periods dropped unsent, asked of the stream again.
+    // Returns whether any mute was among them.
+    bool AskAgainForDroppedControls_();
     // What a period's note messages leave of `voices`: each note-on adds a voice, each
     // note-off takes one away.
     static void ApplyNoteChanges_(const std::vector<std::pair<NoteKey, NoteChange>>& changes,
@@ -284,6 +287,10 @@ class ShowSession {
     MidiStream* stream_ = nullptr;
     std::unique_ptr<MidiBuffer> scratch_;  // never sent; see SyncStreamWithDevice_
     int songIndex_ = -1;
+    // Tracks muted or unmuted since the last fill: the next period filled carries their releases
+    // or restores (see filledControls_).
+    std::set<unsigned short> mutedSinceFill_;
+    std::set<unsigned short> unmutedSinceFill_;
     std::uint32_t ticksPerClock_ = 1;
     std::uint32_t nextTick_ = 0;
     std::uint32_t resumeTick_ = 0;  // where Play or Resume starts when not playing
@@ -292,6 +299,13 @@ class ShowSession {
     // Guarded by sentMutex_.
     std::mutex sentMutex_;
     std::map<std::uint32_t, std::vector<std::pair<NoteKey, NoteChange>>> filledNotes_;
+    // The mutes and unmutes a filled period carries, by its tick, until it is sent. A run that
+    // ends drops the periods filled ahead; what they carried is asked of the stream again.
+    struct TrackControls {
+        std::set<unsigned short> muted;
+        std::set<unsigned short> unmuted;
+    };
+    std::map<std::uint32_t, TrackControls> filledControls_;
     // Voices per note as the device holds them: on the later ports every track shares one
     // channel, so two tracks may hold the same key.
     std::map<NoteKey, int> sounding_;

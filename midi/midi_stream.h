@@ -145,6 +145,13 @@ class MidiStream {
     /// At the next period, every muted track gets controllers 123 and 121 (value 0), and then a
     /// note-off for each note and switch its chase state still holds, which the state forgets.
     void SendAllNotesOffForMutedTracks();
+    /// For a caller whose earlier periods were dropped unsent: at the next period, a note-off for
+    /// each note and switch the chase state holds on these tracks (those still muted), without
+    /// the channel-mode controllers, which would reach the tracks sharing their channel.
+    void ReleaseMutedTrackNotes(const std::set<unsigned short>& trackIds);
+    /// The same for an unmute whose restore was dropped unsent: these tracks (those not muted)
+    /// get their state at the current tick at the next period.
+    void RestoreTracks(const std::set<unsigned short>& trackIds);
     /// Seeks to `tick` and fills an empty first period from there into `scratch`, which is never
     /// sent: the chase state is then what a device holds that received everything before `tick`
     /// (the stream may have filled periods ahead that the device never got). A mute's releases
@@ -218,6 +225,7 @@ class MidiStream {
     ProgramMap userProgramChanges_;
     bool resendProgramChanges_ = false;
     std::set<unsigned short> tracksToRestore_;
+    std::set<unsigned short> notesToRelease_;  // muted tracks whose notes go at the next period
     bool sendAllNotesOffForMutedTracks_ = false;
 };
 

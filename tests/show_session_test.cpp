@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
+#include <condition_variable>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -275,6 +276,41 @@ TEST(ShowSession, ACaesuraHoldsTheChordUntilThePerformerPlaysOn) {
                         Message{0x91, 36 + 6, 90}),
               heard.end());
     EXPECT_TRUE(Sounding(BeforeFinalResets(heard)).empty());
+}
+
+// A mute's releases ride on the next period filled, and the ring fills periods ahead of the
+// device. A mute just before a caesura lands on a period past it, which is never sent: the held
+// chord must still lose the muted track.
+TEST(ShowSession, AMuteJustBeforeACaesuraSilencesTheTrackThroughTheHold) {
+    Fixture f(TestSong(true, 240));  // a clock period is 10 ms: the ring runs 40 ms ahead
+    constexpr std::uint32_t caesura = 6 * bar + 480;
+    std::mutex mutex;
+    std::condition_variable near;
+    bool isNear = false;
+    velt_play::TransportHooks hooks;
+    hooks.periodSent = [&](std::uint32_t tick, double) {
+        if (tick == caesura - 3 * 20) {
+            std::scoped_lock lock(mutex);
+            isNear = true;
+            near.notify_all();
+        }
+    };
+    f.session->SetTransportHooks(std::move(hooks));
+    f.session->SeekToBar(6);
+    f.session->Play();
+    {
+        std::unique_lock lock(mutex);
+        ASSERT_TRUE(near.wait_for(lock, 10s, [&] { return isNear; }));
+    }
+    f.session->MuteTrack(0x01);
+    ASSERT_TRUE(f.session->WaitUntilNotPlaying(20s));
+    ASSERT_EQ(f.session->Status().state, PlayState::caesura);
+    const auto held = Sounding(f.Heard());
+    EXPECT_TRUE(std::none_of(held.begin(), held.end(), [](int key) { return key >> 8 == 1; }));
+    EXPECT_TRUE(std::any_of(held.begin(), held.end(), [](int key) { return key >> 8 == 0; }));
+    f.session->Resume();
+    ASSERT_TRUE(f.session->WaitUntilNotPlaying(20s));
+    EXPECT_TRUE(Sounding(BeforeFinalResets(f.Heard())).empty());
 }
 
 TEST(ShowSession, RefusesWhatAPerformerCannotMean) {

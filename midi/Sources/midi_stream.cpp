@@ -175,6 +175,7 @@ void MidiStream::CopyFrom_(const MidiStream& other) {
     userProgramChanges_ = other.userProgramChanges_;
     resendProgramChanges_ = other.resendProgramChanges_;
     tracksToRestore_ = other.tracksToRestore_;
+    notesToRelease_ = other.notesToRelease_;
     sendAllNotesOffForMutedTracks_ = other.sendAllNotesOffForMutedTracks_;
 }
 
@@ -362,7 +363,10 @@ void MidiStream::WriteReleases_(unsigned short trackId, const PersistentMIDI& fr
 // again. Controllers are not zeroed one by one: on a shared channel that would reach the tracks
 // still playing. Called with the buffer's mutex and the control mutex held.
 void MidiStream::WriteMutedTrackReleases_(signed char transposition, MidiBuffer& buffer) {
+    std::set<unsigned short> notesOf;
+    notesOf.swap(notesToRelease_);
     if (std::exchange(sendAllNotesOffForMutedTracks_, false)) {
+        notesOf.insert(mutedTracks_.begin(), mutedTracks_.end());
         for (unsigned short trackId : mutedTracks_) {
             const unsigned char port = PortOf(trackId);
             WriteEvent(buffer, port, VoiceEvent(0, kControlChange, trackId, kAllNotesOff, 0),
@@ -371,17 +375,31 @@ void MidiStream::WriteMutedTrackReleases_(signed char transposition, MidiBuffer&
                        VoiceEvent(0, kControlChange, trackId, kResetAllControllers, 0),
                        "MidiStream::Enqueue_");
         }
-        for (unsigned short trackId : mutedTracks_) {
-            const auto held = persistence_.find(trackId);
-            if (held == persistence_.end()) {
-                continue;
-            }
-            PersistentMIDI released = held->second;
-            released.GetCCs().clear();
-            WriteReleases_(trackId, released, EmptyState(), transposition, buffer,
-                           "MidiStream::Enqueue_");
-            held->second.GetNotes().clear();
-            held->second.GetSwitches().clear();
+    }
+    for (unsigned short trackId : notesOf) {
+        const auto held = persistence_.find(trackId);
+        if (mutedTracks_.count(trackId) == 0 || held == persistence_.end()) {
+            continue;
+        }
+        PersistentMIDI released = held->second;
+        released.GetCCs().clear();
+        WriteReleases_(trackId, released, EmptyState(), transposition, buffer,
+                       "MidiStream::Enqueue_");
+        held->second.GetNotes().clear();
+        held->second.GetSwitches().clear();
+    }
+}
+
+void MidiStream::ReleaseMutedTrackNotes(const std::set<unsigned short>& trackIds) {
+    std::scoped_lock lock(controlMutex_);
+    notesToRelease_.insert(trackIds.begin(), trackIds.end());
+}
+
+void MidiStream::RestoreTracks(const std::set<unsigned short>& trackIds) {
+    std::scoped_lock lock(controlMutex_);
+    for (unsigned short trackId : trackIds) {
+        if (mutedTracks_.count(trackId) == 0) {
+            tracksToRestore_.insert(trackId);
         }
     }
 }
@@ -390,15 +408,18 @@ void MidiStream::SyncWithDevice(unsigned int tick, signed char transposition, Mi
     Seek(tick);
     bool releases = false;
     std::set<unsigned short> restores;
+    std::set<unsigned short> notes;
     {
         std::scoped_lock lock(controlMutex_);
         releases = std::exchange(sendAllNotesOffForMutedTracks_, false);
         restores.swap(tracksToRestore_);
+        notes.swap(notesToRelease_);
     }
     EnqueueEventsWithPersistence(tick, transposition, transposition, scratch, false);
     std::scoped_lock lock(controlMutex_);
     sendAllNotesOffForMutedTracks_ = sendAllNotesOffForMutedTracks_ || releases;
     tracksToRestore_.insert(restores.begin(), restores.end());
+    notesToRelease_.insert(notes.begin(), notes.end());
 }
 
 void MidiStream::EnqueueMutedTrackReleases(signed char transposition, MidiBuffer& buffer) {
