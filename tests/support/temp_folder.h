@@ -48,19 +48,26 @@ class ConfigHome {
         if (const char* earlier = std::getenv("XDG_CONFIG_HOME")) {
             earlier_ = earlier;
         }
-        ::setenv("XDG_CONFIG_HOME", folder.c_str(), 1);
+        Set(folder.string().c_str());
     }
-    ~ConfigHome() {
-        if (earlier_) {
-            ::setenv("XDG_CONFIG_HOME", earlier_->c_str(), 1);
-        } else {
-            ::unsetenv("XDG_CONFIG_HOME");
-        }
-    }
+    ~ConfigHome() { Set(earlier_ ? earlier_->c_str() : nullptr); }
     ConfigHome(const ConfigHome&) = delete;
     ConfigHome& operator=(const ConfigHome&) = delete;
 
   private:
+    // Empty is unset on Windows, where an empty variable does not exist.
+    static void Set(const char* value) {
+#ifdef _WIN32
+        _putenv_s("XDG_CONFIG_HOME", value ? value : "");
+#else
+        if (value) {
+            ::setenv("XDG_CONFIG_HOME", value, 1);
+        } else {
+            ::unsetenv("XDG_CONFIG_HOME");
+        }
+#endif
+    }
+
     std::optional<std::string> earlier_;
 };
 
